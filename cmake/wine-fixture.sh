@@ -1,0 +1,29 @@
+#!/bin/sh
+# wine-fixture.sh start PREFIX EVTSIM_DLL | stop PREFIX
+# start: creates the test prefix when missing, installs the simulated event log
+# as System32\wevtapi.dll, and leaves one persistent wineserver running.
+set -u
+cmd=$1 prefix=$2
+export WINEPREFIX="$prefix" WINEARCH=win64 WINEDEBUG=-all
+unset DISPLAY WAYLAND_DISPLAY
+wine=/usr/lib/wine/wine64 server=/usr/lib/wine/wineserver
+case "$cmd" in
+start)
+  dll=$3
+  if [ ! -f "$prefix/system.reg" ]; then
+    mkdir -p "$prefix"
+    WINEDLLOVERRIDES="mscoree,mshtml=" "$wine" wineboot -i </dev/null >/dev/null 2>&1
+    "$server" -w
+  fi
+  cp "$dll" "$prefix/drive_c/windows/system32/wevtapi.dll" || exit 1
+  "$server" -p </dev/null >/dev/null 2>&1
+  rc=$?
+  [ $rc -eq 0 ] || [ $rc -eq 2 ] || exit $rc   # 2: a server is already up
+  WINEDLLOVERRIDES="wevtapi=n" "$wine" cmd /c exit </dev/null >/dev/null 2>&1
+  exit 0 ;;
+stop)
+  "$server" -k >/dev/null 2>&1
+  exit 0 ;;
+esac
+echo "usage: wine-fixture.sh start PREFIX DLL | stop PREFIX" >&2
+exit 2

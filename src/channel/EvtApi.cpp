@@ -1,0 +1,10 @@
+#include "channel/EvtApi.h"
+
+namespace skorva {
+
+ApiTable& apiTable() {
+    static ApiTable table;
+    return table;
+}
+
+}  // namespace skorva

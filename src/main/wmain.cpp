@@ -1,0 +1,3 @@
+#include "main/Run.h"
+
+int wmain(int argc, wchar_t** argv) { return skorva::programMain(argc, argv); }

@@ -1,0 +1,242 @@
+#include "platform/Logger.h"
+
+#include <windows.h>
+
+#include <cstdio>
+
+#include "platform/Paths.h"
+#include "platform/Strings.h"
+
+namespace skorva {
+
+std::atomic<int> Logger::threshold_{static_cast<int>(LogLevel::Info)};
+
+namespace {
+const char* const kLevelNames[] = {"DEBUG", "INFO", "NOTICE", "WARN", "ERROR", "CRIT", "ALERT", "FATAL", "EMERG"};
+}
+
+const char* logLevelName(LogLevel level) {
+    int i = static_cast<int>(level);
+    return (i >= 0 && i <= 8) ? kLevelNames[i] : "UNKNOWN";
+}
+
+bool parseLogLevel(const std::string& text, LogLevel& out) {
+    std::string t = asciiLower(trimView(text));
+    for (int i = 0; i <= 8; ++i) {
+        if (t == asciiLower(kLevelNames[i]) || (t.size() == 1 && t[0] == '0' + i)) {
+            out = static_cast<LogLevel>(i);
+            return true;
+        }
+    }
+    if (t == "warning") {
+        out = LogLevel::Warn;
+        return true;
+    }
+    return false;
+}
+
+static bool parseSize(const std::string& text, uint64_t& out) {
+    std::string t = asciiLower(trimView(text));
+    uint64_t mult = 1;
+    if (!t.empty() && (t.back() == 'b')) t.pop_back();
+    if (!t.empty()) {
+        char s = t.back();
+        if (s == 'k') mult = 1024;
+        else if (s == 'm') mult = 1024 * 1024;
+        else if (s == 'g') mult = 1024ull * 1024 * 1024;
+        if (mult != 1) t.pop_back();
+    }
+    uint64_t v;
+    if (!parseUInt64(t, v)) return false;
+    out = v * mult;
+    return true;
+}
+
+bool parseLoggerConfig(const std::string& text, const std::map<std::string, std::string>& substitutions,
+                       LoggerConfig& config, std::string& error) {
+    int lineNo = 0;
+    for (const std::string& raw : split(text, '\n')) {
+        ++lineNo;
+        std::string_view line = trimView(raw);
+        if (line.empty() || line[0] == '#' || line[0] == ';') continue;
+        size_t eq = line.find('=');
+        if (eq == std::string_view::npos) {
+            error = format("line %d: expected key = value", lineNo);
+            return false;
+        }
+        std::string key = asciiLower(trimView(line.substr(0, eq)));
+        std::string value = trim(line.substr(eq + 1));
+        for (const auto& [from, to] : substitutions) replaceAll(value, from, to);
+        if (key == "level") {
+            if (!parseLogLevel(value, config.level)) {
+                error = format("line %d: unknown level '%s'", lineNo, value.c_str());
+                return false;
+            }
+        } else if (key == "file") {
+            config.file = widen(value);
+        } else if (key == "max_size") {
+            if (!parseSize(value, config.maxFileBytes)) {
+                error = format("line %d: bad size '%s'", lineNo, value.c_str());
+                return false;
+            }
+        } else if (key == "backups") {
+            uint64_t n;
+            if (!parseUInt64(value, n) || n > 99) {
+                error = format("line %d: backups must be 0 to 99", lineNo);
+                return false;
+            }
+            config.backups = static_cast<unsigned>(n);
+        } else if (key == "stderr") {
+            std::string v = asciiLower(value);
+            config.alsoStderr = (v == "true" || v == "yes" || v == "1");
+        }
+    }
+    return true;
+}
+
+Logger::Logger() {
+    line_.reserve(1024);
+    message_.reserve(1024);
+}
+
+Logger& Logger::instance() {
+    static Logger logger;
+    return logger;
+}
+
+void Logger::setLevel(LogLevel level) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    config_.level = level;
+    threshold_.store(static_cast<int>(level));
+}
+
+LoggerConfig Logger::config() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return config_;
+}
+
+void Logger::openLocked() {
+    if (file_) {
+        ::CloseHandle(file_);
+        file_ = nullptr;
+    }
+    fileSize_ = 0;
+    if (config_.file.empty()) return;
+    std::wstring path = config_.file;
+    size_t cut = path.find_last_of(L"\\/");
+    if (cut != std::wstring::npos) createDirectories(path.substr(0, cut));
+    HANDLE h = ::CreateFileW(longPath(path).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                             nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return;
+    LARGE_INTEGER size;
+    if (::GetFileSizeEx(h, &size)) fileSize_ = static_cast<uint64_t>(size.QuadPart);
+    file_ = h;
+}
+
+void Logger::rotateLocked() {
+    if (file_) {
+        ::CloseHandle(file_);
+        file_ = nullptr;
+    }
+    const std::wstring& base = config_.file;
+    if (config_.backups == 0) {
+        ::DeleteFileW(longPath(base).c_str());
+    } else {
+        ::DeleteFileW(longPath(base + L"." + std::to_wstring(config_.backups)).c_str());
+        for (unsigned i = config_.backups; i > 1; --i)
+            ::MoveFileExW(longPath(base + L"." + std::to_wstring(i - 1)).c_str(),
+                          longPath(base + L"." + std::to_wstring(i)).c_str(), MOVEFILE_REPLACE_EXISTING);
+        ::MoveFileExW(longPath(base).c_str(), longPath(base + L".1").c_str(), MOVEFILE_REPLACE_EXISTING);
+    }
+    openLocked();
+}
+
+void Logger::apply(const LoggerConfig& config) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    config_ = config;
+    threshold_.store(static_cast<int>(config.level));
+    openLocked();
+}
+
+bool Logger::configure(const std::wstring& configPath, const std::map<std::string, std::string>& substitutions,
+                       const std::wstring& defaultFile) {
+    LoggerConfig config;
+    config.file = defaultFile;
+    std::string text, error;
+    bool ok = readFile(configPath, text);
+    if (!ok) {
+        fprintf(stderr, "Logging configuration '%s' could not be read; logging at INFO to '%s'.\n",
+                narrow(configPath).c_str(), narrow(defaultFile).c_str());
+    } else if (!parseLoggerConfig(text, substitutions, config, error)) {
+        fprintf(stderr, "Logging configuration '%s' is invalid (%s); logging at INFO to '%s'.\n",
+                narrow(configPath).c_str(), error.c_str(), narrow(defaultFile).c_str());
+        config = LoggerConfig{};
+        config.file = defaultFile;
+        ok = false;
+    }
+    apply(config);
+    return ok;
+}
+
+int Logger::addSink(Sink sink) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int id = nextSinkId_++;
+    sinks_[id] = std::move(sink);
+    return id;
+}
+
+void Logger::removeSink(int id) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sinks_.erase(id);
+}
+
+void Logger::log(LogLevel level, const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    vlog(level, fmt, args);
+    va_end(args);
+}
+
+void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
+    if (!enabled(level)) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    va_list copy;
+    va_copy(copy, args);
+    message_.resize(message_.capacity() > 256 ? message_.capacity() : 256);
+    int n = vsnprintf(message_.data(), message_.size(), fmt, args);
+    if (n >= 0 && static_cast<size_t>(n) >= message_.size()) {
+        message_.resize(static_cast<size_t>(n) + 1);
+        vsnprintf(message_.data(), message_.size(), fmt, copy);
+    }
+    va_end(copy);
+    message_.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    // Unlocking and re-locking here would let another line in between; write()
+    // does the same work without the lock, so share the body.
+    SYSTEMTIME st;
+    ::GetLocalTime(&st);
+    char head[96];
+    int hn = snprintf(head, sizeof head, "%04u-%02u-%02u %02u:%02u:%02u.%03u %-6s [%lu] ", st.wYear, st.wMonth,
+                      st.wDay, st.wHour, st.wMinute, st.wSecond, st.wMilliseconds, logLevelName(level),
+                      static_cast<unsigned long>(::GetCurrentThreadId()));
+    line_.assign(head, hn > 0 ? static_cast<size_t>(hn) : 0);
+    line_ += message_;
+    line_ += '\n';
+    if (file_) {
+        if (config_.maxFileBytes > 0 && fileSize_ + line_.size() > config_.maxFileBytes && fileSize_ > 0)
+            rotateLocked();
+        if (file_) {
+            DWORD written = 0;
+            ::WriteFile(file_, line_.data(), static_cast<DWORD>(line_.size()), &written, nullptr);
+            fileSize_ += written;
+        }
+    }
+    if (config_.alsoStderr) fwrite(line_.data(), 1, line_.size(), stderr);
+    for (auto& [id, sink] : sinks_) sink(level, message_);
+}
+
+void Logger::write(LogLevel level, const std::string& message) {
+    if (!enabled(level)) return;
+    log(level, "%s", message.c_str());
+}
+
+}  // namespace skorva

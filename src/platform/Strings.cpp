@@ -1,0 +1,251 @@
+#include "platform/Strings.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <limits>
+
+namespace skorva {
+
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+
+void appendUtf16(char32_t cp, std::wstring& out) {
+    if (cp >= 0x10000) {
+        cp -= 0x10000;
+        out.push_back(static_cast<wchar_t>(0xD800 + (cp >> 10)));
+        out.push_back(static_cast<wchar_t>(0xDC00 + (cp & 0x3FF)));
+    } else {
+        out.push_back(static_cast<wchar_t>(cp));
+    }
+}
+
+void appendUtf8(char32_t cp, std::string& out) {
+    if (cp < 0x80) {
+        out.push_back(static_cast<char>(cp));
+    } else if (cp < 0x800) {
+        out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
+        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    } else if (cp < 0x10000) {
+        out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
+        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    } else {
+        out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
+        out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    }
+}
+
+}  // namespace
+
+void widenInto(std::string_view in, std::wstring& out) {
+    out.clear();
+    out.reserve(in.size());
+    const auto* p = reinterpret_cast<const unsigned char*>(in.data());
+    const size_t n = in.size();
+    size_t i = 0;
+    while (i < n) {
+        unsigned char c = p[i];
+        if (c < 0x80) {
+            out.push_back(static_cast<wchar_t>(c));
+            ++i;
+            continue;
+        }
+        size_t len;
+        char32_t cp;
+        char32_t min;
+        if (c >= 0xC2 && c <= 0xDF) { len = 2; cp = c & 0x1F; min = 0x80; }
+        else if (c >= 0xE0 && c <= 0xEF) { len = 3; cp = c & 0x0F; min = 0x800; }
+        else if (c >= 0xF0 && c <= 0xF4) { len = 4; cp = c & 0x07; min = 0x10000; }
+        else { out.push_back(static_cast<wchar_t>(kReplacement)); ++i; continue; }
+        size_t j = 1;
+        for (; j < len && i + j < n; ++j) {
+            unsigned char cc = p[i + j];
+            if ((cc & 0xC0) != 0x80) break;
+            cp = (cp << 6) | (cc & 0x3F);
+        }
+        if (j < len || cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+            // Resynchronise after the bytes that did belong to the sequence.
+            out.push_back(static_cast<wchar_t>(kReplacement));
+            i += (j > 1 && j < len) ? j : 1;
+            continue;
+        }
+        appendUtf16(cp, out);
+        i += len;
+    }
+}
+
+std::wstring widen(std::string_view utf8) {
+    std::wstring out;
+    widenInto(utf8, out);
+    return out;
+}
+
+void appendNarrow(std::wstring_view in, std::string& out) {
+    const size_t n = in.size();
+    for (size_t i = 0; i < n; ++i) {
+        char32_t c = static_cast<char16_t>(in[i]);
+        if (c < 0x80) {
+            out.push_back(static_cast<char>(c));
+            continue;
+        }
+        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < n) {
+            char32_t d = static_cast<char16_t>(in[i + 1]);
+            if (d >= 0xDC00 && d <= 0xDFFF) {
+                appendUtf8(0x10000 + ((c - 0xD800) << 10) + (d - 0xDC00), out);
+                ++i;
+                continue;
+            }
+        }
+        if (c >= 0xD800 && c <= 0xDFFF) c = kReplacement;
+        appendUtf8(c, out);
+    }
+}
+
+void narrowInto(std::wstring_view utf16, std::string& out) {
+    out.clear();
+    out.reserve(utf16.size());
+    appendNarrow(utf16, out);
+}
+
+std::string narrow(std::wstring_view utf16) {
+    std::string out;
+    narrowInto(utf16, out);
+    return out;
+}
+
+std::string asciiLower(std::string_view s) {
+    std::string out(s);
+    for (char& c : out)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return out;
+}
+
+std::wstring asciiLower(std::wstring_view s) {
+    std::wstring out(s);
+    for (wchar_t& c : out)
+        if (c >= L'A' && c <= L'Z') c = static_cast<wchar_t>(c - L'A' + L'a');
+    return out;
+}
+
+bool iequalsAscii(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        char x = a[i], y = b[i];
+        if (x >= 'A' && x <= 'Z') x = static_cast<char>(x - 'A' + 'a');
+        if (y >= 'A' && y <= 'Z') y = static_cast<char>(y - 'A' + 'a');
+        if (x != y) return false;
+    }
+    return true;
+}
+
+std::string_view trimView(std::string_view s) {
+    size_t b = 0, e = s.size();
+    while (b < e && isSpace(s[b])) ++b;
+    while (e > b && isSpace(s[e - 1])) --e;
+    return s.substr(b, e - b);
+}
+
+std::string trim(std::string_view s) { return std::string(trimView(s)); }
+
+std::vector<std::string> split(std::string_view s, char sep) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (;;) {
+        size_t pos = s.find(sep, start);
+        if (pos == std::string_view::npos) {
+            parts.emplace_back(s.substr(start));
+            return parts;
+        }
+        parts.emplace_back(s.substr(start, pos - start));
+        start = pos + 1;
+    }
+}
+
+bool startsWith(std::string_view s, std::string_view prefix) {
+    return s.size() >= prefix.size() && s.compare(0, prefix.size(), prefix) == 0;
+}
+
+bool endsWith(std::string_view s, std::string_view suffix) {
+    return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+template <class S, class V>
+static size_t replaceAllImpl(S& s, V from, V to) {
+    if (from.empty()) return 0;
+    size_t count = 0;
+    size_t pos = 0;
+    while ((pos = s.find(from.data(), pos, from.size())) != S::npos) {
+        s.replace(pos, from.size(), to.data(), to.size());
+        pos += to.size();
+        ++count;
+    }
+    return count;
+}
+
+size_t replaceAll(std::string& s, std::string_view from, std::string_view to) {
+    return replaceAllImpl(s, from, to);
+}
+
+size_t replaceAll(std::wstring& s, std::wstring_view from, std::wstring_view to) {
+    return replaceAllImpl(s, from, to);
+}
+
+bool parseUInt64(std::string_view s, uint64_t& out) {
+    s = trimView(s);
+    if (!s.empty() && s[0] == '+') s.remove_prefix(1);
+    if (s.empty()) return false;
+    uint64_t v = 0;
+    for (char c : s) {
+        if (c < '0' || c > '9') return false;
+        unsigned d = static_cast<unsigned>(c - '0');
+        if (v > (std::numeric_limits<uint64_t>::max() - d) / 10) return false;
+        v = v * 10 + d;
+    }
+    out = v;
+    return true;
+}
+
+bool parseInt64(std::string_view s, int64_t& out) {
+    s = trimView(s);
+    bool neg = false;
+    if (!s.empty() && (s[0] == '-' || s[0] == '+')) {
+        neg = s[0] == '-';
+        s.remove_prefix(1);
+    }
+    uint64_t mag;
+    if (!parseUInt64(s, mag) || (!s.empty() && (s[0] == '+' || s[0] == '-'))) return false;
+    const uint64_t limit = neg ? uint64_t(std::numeric_limits<int64_t>::max()) + 1
+                               : uint64_t(std::numeric_limits<int64_t>::max());
+    if (mag > limit) return false;
+    out = neg ? static_cast<int64_t>(0 - mag) : static_cast<int64_t>(mag);
+    return true;
+}
+
+std::string format(const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    va_list copy;
+    va_copy(copy, args);
+    char stackBuf[512];
+    int n = vsnprintf(stackBuf, sizeof stackBuf, fmt, args);
+    va_end(args);
+    std::string out;
+    if (n < 0) {
+        va_end(copy);
+        return out;
+    }
+    if (static_cast<size_t>(n) < sizeof stackBuf) {
+        out.assign(stackBuf, static_cast<size_t>(n));
+    } else {
+        out.resize(static_cast<size_t>(n) + 1);
+        vsnprintf(out.data(), out.size(), fmt, copy);
+        out.resize(static_cast<size_t>(n));
+    }
+    va_end(copy);
+    return out;
+}
+
+}  // namespace skorva

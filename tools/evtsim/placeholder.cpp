@@ -1,0 +1,1 @@
+int evtsimPlaceholder() { return 0; }
