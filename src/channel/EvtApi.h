@@ -15,6 +15,7 @@ typedef HANDLE EC_OBJECT_ARRAY_PROPERTY_HANDLE;
 #include <evcoll.h>
 
 #include <dsgetdc.h>
+#include <lmcons.h>
 #include <lmapibuf.h>
 #include <ntdsapi.h>
 
