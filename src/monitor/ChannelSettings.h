@@ -1,0 +1,67 @@
+#pragma once
+// The per-channel settings read from one stanza.
+
+#include <cstdint>
+#include <set>
+#include <string>
+
+#include "monitor/FilterRules.h"
+
+namespace skorva {
+
+// Settings of a channel's directory-object cache.
+struct AdCacheSettings {
+    bool disabled = false;
+    bool derived = false;          // hit threshold computed
+    uint64_t expiryMs = 3600000;
+    uint64_t negativeExpiryMs = 10000;
+    uint32_t maxEntries = 1000;
+    uint32_t hitThreshold = 0;
+};
+
+// The process-wide SID cache settings (taken from the first configured stanza).
+struct SidCacheSettings {
+    bool disabled = false;
+    uint64_t expiryMs = 3600000;
+    uint64_t negativeExpiryMs = 10000;
+    uint64_t maxEntries = 1000;
+};
+
+enum class DcKind : int { Automatic = 1, Primary = 2 };
+
+struct ChannelSettings {
+    bool useOldApi = false;
+    bool suppressText = false;
+    bool suppressSourceName = false;
+    bool suppressType = false;
+    bool suppressTask = false;
+    bool suppressOpcode = false;
+    bool suppressKeywords = false;
+    bool renderXml = false;
+    bool currentOnly = false;
+    std::string wecEventFormat = "raw_event";
+    std::string startFrom = "oldest";
+    int32_t batchSize = 10;
+    int32_t threadCount = 0;
+    int32_t threadWaitMs = 5000;
+    uint64_t checkpointIntervalMs = 0;   // all-ones: never
+    bool checkpointSync = false;
+    bool suppressCheckpoint = false;
+    std::wstring checkpointDir;
+    std::string index;
+    std::string stanzaName;
+    std::string source;
+    std::string sourceType;
+    bool resolveAdObj = false;
+    std::wstring dcName;
+    std::wstring dnsName;
+    DcKind dcKind = DcKind::Automatic;
+    EventCodeRanges guidSkipCodes;
+    FilterList whitelist;
+    FilterList blacklist;
+    std::set<std::wstring> excludedFields;
+    AdCacheSettings adCache;
+    uint64_t channelWaitSeconds = 0;
+};
+
+}  // namespace skorva
