@@ -95,6 +95,8 @@ bool parseLoggerConfig(const std::string& text, const std::map<std::string, std:
 }
 
 Logger::Logger() {
+    // Until configured, lines go to standard error so early failures are seen.
+    config_.alsoStderr = true;
     line_.reserve(1024);
     message_.reserve(1024);
 }

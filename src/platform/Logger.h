@@ -31,7 +31,7 @@ struct LoggerConfig {
     std::wstring file;              // empty: no file output
     uint64_t maxFileBytes = 25ull * 1024 * 1024;
     unsigned backups = 5;
-    bool alsoStderr = false;
+    bool alsoStderr = false;  // also copy every line to standard error
 };
 
 class Logger {

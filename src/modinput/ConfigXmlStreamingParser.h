@@ -1,0 +1,59 @@
+#pragma once
+// Reads the configuration document the daemon writes on standard input:
+// connection values, the checkpoint directory and the stanzas with their
+// parameters. Fed in pieces; an element where none belongs raises
+// SkorvaException.
+
+#include <string>
+#include <string_view>
+
+#include "modinput/InputConfig.h"
+#include "platform/XmlTokenizer.h"
+
+namespace skorva {
+
+class ConfigXmlStreamingParser : public XmlTokenizer {
+public:
+    ConfigXmlStreamingParser() = default;
+
+    const InputConfig& config() const { return config_; }
+    InputConfig takeConfig() { return std::move(config_); }
+
+protected:
+    void onElementStart(std::string_view name) override;
+    void onElementEnd(std::string_view name) override;
+    void onAttributeName(std::string_view name) override;
+    void onAttributeValue(std::string_view value) override;
+    void onCharacterData(std::string_view data) override;
+
+private:
+    enum State {
+        Outside = 0,
+        InInput = 1,
+        InServerHost = 2,
+        InServerUri = 3,
+        InSessionKey = 4,
+        InConfiguration = 5,
+        InStanza = 6,
+        ExpectStanzaName = 7,
+        InParam = 8,
+        ExpectParamName = 9,
+        InCheckpointDir = 10,
+    };
+
+    InputConfig config_;
+    std::string path_;
+    int state_ = Outside;
+    std::string text_;
+    std::string paramName_;
+    Stanza* stanza_ = nullptr;
+};
+
+// Reads standard input to its end in 8192-byte chunks through `parser`.
+// Raises SkorvaException("Error reading XML configuration input from stdin: %m")
+// when a read fails.
+InputConfig readConfigFromStdin(ConfigXmlStreamingParser& parser);
+// The same over any C file descriptor (tests use a pipe).
+InputConfig readConfigFromFd(ConfigXmlStreamingParser& parser, int fd);
+
+}  // namespace skorva

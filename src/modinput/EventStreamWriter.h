@@ -1,0 +1,51 @@
+#pragma once
+// Writes events to standard output as the daemon's XML stream:
+//   <stream>\n<event stanza="...">\n<time>..</time>\n<data>..</data>\n...</event>\n ... </stream>\n
+// "<stream>" goes out with the first event, "</stream>" when the writer is
+// destroyed after at least one event. Not thread-safe: the caller serialises.
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+namespace skorva {
+
+struct ModinputEvent {
+    bool unbroken = false;
+    std::string data;  // UTF-8
+    std::string source;
+    std::string sourcetype;
+    std::string host;
+    std::string index;
+    std::string stanza;
+    std::string time;
+    bool done = false;
+};
+
+// Appends `in` escaped for the stream: the five XML entities, control bytes other
+// than tab/LF/CR as \xHH, and the UTF-8 forms of surrogates and of U+FFFE/U+FFFF
+// as \xHH per byte, so that any byte string gives well-formed output.
+void appendEscaped(std::string& out, std::string_view in);
+
+class EventStreamWriter {
+public:
+    // Writes to `out` (stdout by default), switched to binary mode meanwhile.
+    explicit EventStreamWriter(FILE* out = stdout);
+    ~EventStreamWriter();
+    EventStreamWriter(const EventStreamWriter&) = delete;
+    EventStreamWriter& operator=(const EventStreamWriter&) = delete;
+
+    // False when the output could not be written (the daemon went away).
+    bool writeEvent(const ModinputEvent& event);
+    bool streamStarted() const { return started_; }
+
+private:
+    void appendElement(const char* name, const std::string& value);
+
+    FILE* out_;
+    int savedMode_ = -1;
+    bool started_ = false;
+    std::string buffer_;
+};
+
+}  // namespace skorva
