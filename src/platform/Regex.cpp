@@ -1,5 +1,7 @@
 #include "platform/Regex.h"
 
+#include <windows.h>
+
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
@@ -9,15 +11,22 @@ namespace skorva {
 
 namespace {
 
-// One match-data block per thread, enough for a yes/no search.
-struct ThreadMatchData {
-    pcre2_match_data* data = pcre2_match_data_create(1, nullptr);
-    ~ThreadMatchData() { pcre2_match_data_free(data); }
-};
+// One match-data block per thread, enough for a yes/no search. Kept in fiber
+// local storage, whose callback frees it when the thread ends (a thread_local
+// object with a destructor is not reliably destroyed by every toolchain).
+void WINAPI freeMatchData(void* data) {
+    if (data) pcre2_match_data_free(static_cast<pcre2_match_data*>(data));
+}
 
 pcre2_match_data* threadMatchData() {
-    thread_local ThreadMatchData md;
-    return md.data;
+    static const DWORD index = ::FlsAlloc(&freeMatchData);
+    if (index == FLS_OUT_OF_INDEXES) return nullptr;
+    auto* md = static_cast<pcre2_match_data*>(::FlsGetValue(index));
+    if (!md) {
+        md = pcre2_match_data_create(1, nullptr);
+        ::FlsSetValue(index, md);
+    }
+    return md;
 }
 
 }  // namespace

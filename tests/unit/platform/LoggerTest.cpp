@@ -1,0 +1,164 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogCapture.h"
+#include "platform/Logger.h"
+#include "platform/Paths.h"
+#include "platform/Strings.h"
+
+using namespace skorva;
+
+namespace {
+
+// Restores the test-wide logger settings (DEBUG, no file) after a test.
+struct LoggerReset {
+    ~LoggerReset() {
+        LoggerConfig config;
+        config.level = LogLevel::Debug;
+        Logger::instance().apply(config);
+    }
+};
+
+std::wstring tempDir(const wchar_t* name) {
+    wchar_t buf[MAX_PATH];
+    DWORD n = GetTempPathW(MAX_PATH, buf);
+    return joinPath(std::wstring(buf, n), std::wstring(name) + std::to_wstring(GetCurrentProcessId()));
+}
+
+int evaluations = 0;
+const char* counted() {
+    ++evaluations;
+    return "x";
+}
+
+}  // namespace
+
+TEST(LoggerConfigFile, ParsesKeysAndSubstitutions) {
+    const std::map<std::string, std::string> subs{{"${SKORVA_HOME}", "C:\\skorva"}};
+    struct Case {
+        const char* text;
+        bool ok;
+        LogLevel level;
+        const wchar_t* file;
+        uint64_t maxBytes;
+        unsigned backups;
+    } cases[] = {
+        {"", true, LogLevel::Info, L"", 25ull << 20, 5},
+        {"# comment\n\nlevel = debug\r\n", true, LogLevel::Debug, L"", 25ull << 20, 5},
+        {"level=WARN\nfile = ${SKORVA_HOME}\\var\\log\\x.log\nmax_size = 10K\nbackups = 2\n", true, LogLevel::Warn,
+         L"C:\\skorva\\var\\log\\x.log", 10240, 2},
+        {"level = 4\nmax_size=3MB", true, LogLevel::Error, L"", 3ull << 20, 5},
+        {"level = verbose", false, LogLevel::Info, L"", 0, 0},
+        {"just words", false, LogLevel::Info, L"", 0, 0},
+        {"backups = 1000", false, LogLevel::Info, L"", 0, 0},
+        {"max_size = lots", false, LogLevel::Info, L"", 0, 0},
+    };
+    for (const auto& c : cases) {
+        LoggerConfig config;
+        std::string error;
+        EXPECT_EQ(parseLoggerConfig(c.text, subs, config, error), c.ok) << c.text;
+        if (!c.ok) {
+            EXPECT_NE(error.find("line"), std::string::npos) << c.text;
+            continue;
+        }
+        EXPECT_EQ(config.level, c.level) << c.text;
+        EXPECT_EQ(config.file, c.file) << c.text;
+        EXPECT_EQ(config.maxFileBytes, c.maxBytes) << c.text;
+        EXPECT_EQ(config.backups, c.backups) << c.text;
+    }
+}
+
+TEST(Logger, BelowThresholdArgumentsAreNeverEvaluated) {
+    LoggerReset reset;
+    test::LogCapture capture;
+    Logger::instance().setLevel(LogLevel::Info);
+    evaluations = 0;
+    LOG_DEBUG("%s", counted());
+    EXPECT_EQ(evaluations, 0);
+    LOG_INFO("%s", counted());
+    EXPECT_EQ(evaluations, 1);
+    EXPECT_EQ(capture.lines().size(), 1u);
+}
+
+TEST(Logger, WritesWholeLinesWithTimestampLevelAndThread) {
+    LoggerReset reset;
+    const std::wstring dir = tempDir(L"skorva-log-");
+    LoggerConfig config;
+    config.level = LogLevel::Debug;
+    config.file = joinPath(joinPath(dir, L"nested"), L"test.log");
+    Logger::instance().apply(config);
+
+    const int threads = 4, perThread = 200;
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t)
+        workers.emplace_back([t] {
+            for (int i = 0; i < perThread; ++i) LOG_INFO("worker %d line %d %s", t, i, std::string(100, 'p').c_str());
+        });
+    for (auto& w : workers) w.join();
+    Logger::instance().apply(LoggerConfig{});  // closes the file
+
+    std::string content;
+    ASSERT_TRUE(readFile(config.file, content));
+    auto lines = split(content, '\n');
+    ASSERT_EQ(lines.back(), "");
+    lines.pop_back();
+    ASSERT_EQ(lines.size(), static_cast<size_t>(threads * perThread));
+    for (const auto& line : lines) {
+        // "YYYY-MM-DD HH:MM:SS.mmm INFO   [tid] worker T line I ppp..."
+        ASSERT_GE(line.size(), 24u);
+        EXPECT_EQ(line[4], '-');
+        EXPECT_EQ(line[19], '.');
+        EXPECT_NE(line.find(" INFO "), std::string::npos) << line;
+        EXPECT_NE(line.find("] worker "), std::string::npos) << line;
+        EXPECT_TRUE(endsWith(line, std::string(100, 'p'))) << line;
+    }
+    std::vector<std::string> failures;
+    removeRecursive(dir, failures);
+}
+
+TEST(Logger, RotatesBySizeKeepingBackups) {
+    LoggerReset reset;
+    const std::wstring dir = tempDir(L"skorva-rot-");
+    LoggerConfig config;
+    config.level = LogLevel::Info;
+    config.file = joinPath(dir, L"r.log");
+    config.maxFileBytes = 1000;
+    config.backups = 2;
+    Logger::instance().apply(config);
+    for (int i = 0; i < 100; ++i) LOG_INFO("message number %03d %s", i, std::string(40, 'r').c_str());
+    Logger::instance().apply(LoggerConfig{});
+
+    std::string current, first, second;
+    ASSERT_TRUE(readFile(config.file, current));
+    ASSERT_TRUE(readFile(config.file + L".1", first));
+    ASSERT_TRUE(readFile(config.file + L".2", second));
+    EXPECT_FALSE(pathExists(config.file + L".3"));
+    EXPECT_LE(current.size(), 1000u);
+    EXPECT_LE(first.size(), 1000u);
+    EXPECT_NE(current.find("message number 099"), std::string::npos);
+    // The newest backup holds the lines just before the current file's.
+    EXPECT_EQ(first.find("message number 000"), std::string::npos);
+    std::vector<std::string> failures;
+    removeRecursive(dir, failures);
+}
+
+TEST(Logger, MissingConfigurationMeansDefaults) {
+    LoggerReset reset;
+    const std::wstring dir = tempDir(L"skorva-cfg-");
+    const std::wstring defaultFile = joinPath(dir, L"default.log");
+    EXPECT_FALSE(Logger::instance().configure(joinPath(dir, L"absent.cfg"), {}, defaultFile));
+    EXPECT_EQ(Logger::instance().config().level, LogLevel::Info);
+    EXPECT_EQ(Logger::instance().config().file, defaultFile);
+    LOG_INFO("after defaults");
+    Logger::instance().apply(LoggerConfig{});
+    std::string content;
+    ASSERT_TRUE(readFile(defaultFile, content));
+    EXPECT_NE(content.find("after defaults"), std::string::npos);
+    std::vector<std::string> failures;
+    removeRecursive(dir, failures);
+}
