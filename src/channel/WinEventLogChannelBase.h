@@ -9,11 +9,14 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "channel/EventRecord.h"
 #include "channel/EvtApi.h"
+#include "channel/WinEventMetadataHandle.h"
+#include "directory/SidProps.h"
 #include "monitor/ChannelSettings.h"
 
 namespace skorva {
@@ -46,6 +49,11 @@ public:
     bool formatMessageByFlag(EVT_HANDLE metadata, EVT_HANDLE event, DWORD flag, DWORD messageId,
                              std::wstring& out);
     void cleanMetadataHandleCache(bool force);
+    // The error of the last formatMessageByFlag call (0 when it succeeded).
+    DWORD lastFormatError() const { return lastFormatError_; }
+    // Formats the event message into record.message (with the fallbacks);
+    // false when no message could be had.
+    bool formatEventMessage(EVT_HANDLE metadata, EventRecord& record);
 
     // ---- SID translation: rewrites the SIDs of the XML (when not empty) or else
     // of the message with their account names.
@@ -63,6 +71,31 @@ protected:
     // Rendering state
     UniqueEvtHandle renderContext_;
     std::map<uint16_t, std::wstring> eventTypeNames_;
+    std::vector<uint8_t> xmlBuffer_;   // reused by renderEventAsXml
+    SidProps sidProps_;                // reused for each event's user SID
+
+    // Message formatting state
+    struct PublisherEntry {
+        PublisherEntry(EVT_HANDLE h, uint64_t t) : handle(h), lastUse(t) {}
+        WinEventMetadataHandle handle;
+        uint64_t lastUse;
+    };
+    // Builds the message from the event's own string data (placeholder fallback).
+    bool placeholderMessage(EVT_HANDLE event, std::wstring& out, DWORD& dataCount);
+    std::map<std::wstring, PublisherEntry> publisherCache_;
+    uint64_t lastMetadataSweep_ = 0;
+    static constexpr DWORD kFixedFormatChars = 2048;
+    wchar_t fixedFormatBuffer_[kFixedFormatChars] = {};
+    std::unique_ptr<wchar_t[]> heapFormatBuffer_;   // replaces the fixed one once a text does not fit
+    wchar_t* formatBuffer_ = fixedFormatBuffer_;
+    DWORD formatBufferChars_ = kFixedFormatChars;
+    DWORD lastFormatError_ = 0;
+    bool preRendered_ = false;          // this event's own rendering information answered
+    UniqueEvtHandle userRenderContext_; // the event's data values
+    std::vector<uint8_t> userValuesBuffer_;
+
+    // SID translation state
+    std::string sidWorkText_;
 };
 
 }  // namespace skorva

@@ -1,0 +1,24 @@
+#include "directory/AdObjBlacklistMemo.h"
+
+#include "platform/Logger.h"
+
+namespace skorva {
+
+namespace {
+constexpr size_t kMemoLimit = 200;
+}
+
+const bool* AdObjBlacklistMemo::find(const std::wstring& name) const {
+    auto it = answers_.find(name);
+    return it == answers_.end() ? nullptr : &it->second;
+}
+
+void AdObjBlacklistMemo::remember(const std::wstring& name, bool blacklisted) {
+    if (answers_.size() > kMemoLimit) {
+        LOG_INFO("adObjBlackListCache  count=200, adObj='%S' not blacklisted", name.c_str());
+        return;
+    }
+    answers_[name] = blacklisted;
+}
+
+}  // namespace skorva

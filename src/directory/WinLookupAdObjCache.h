@@ -1,0 +1,70 @@
+#pragma once
+// One channel's cache of directory-object translations, in front of the
+// channel's translation through a domain controller. Used only from the
+// channel's worker thread: no lock.
+
+#include <windows.h>
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+
+#include "monitor/ChannelSettings.h"
+
+namespace skorva {
+
+class WinEventLogChannelBase;
+
+// Computes the hit threshold once (unless the cache is disabled or it was
+// already derived): at or above it a translation is kept past its expiry.
+void deriveAdCacheThreshold(AdCacheSettings& settings);
+
+class WinLookupAdObjCache {
+public:
+    WinLookupAdObjCache(WinEventLogChannelBase& owner, const AdCacheSettings& settings);
+    WinLookupAdObjCache(const WinLookupAdObjCache&) = delete;
+    WinLookupAdObjCache& operator=(const WinLookupAdObjCache&) = delete;
+
+    // Takes the stanza's settings and derives the hit threshold.
+    void configure(const AdCacheSettings& settings);
+    const AdCacheSettings& settings() const { return settings_; }
+
+    // True when `object` (offered in one name format, wanted in another)
+    // translates; `out` then holds the translation.
+    bool lookupAdObj(const std::wstring& object, DWORD offeredFormat, DWORD wantedFormat, std::wstring& out);
+    // Evicts the oldest rarely used keys (a tenth of the maximum).
+    void removeOldestKey();
+    // Evicts expired entries, or else the first ten by key, when over the maximum.
+    void cleanCache();
+
+    size_t size() const { return entries_.size(); }
+    size_t queued() const { return ageQueue_.size(); }
+
+private:
+    struct Key {
+        std::wstring text;
+        int32_t offered;
+        int32_t wanted;
+        bool operator<(const Key& o) const {
+            if (int c = text.compare(o.text)) return c < 0;
+            if (offered != o.offered) return offered < o.offered;
+            return wanted < o.wanted;
+        }
+    };
+    struct Entry {
+        std::wstring translation;
+        uint64_t expiry = 0;
+        bool success = false;
+    };
+
+    uint32_t hitsOf(const Key& key) const;
+
+    std::map<Key, Entry> entries_;
+    std::map<Key, uint32_t> hits_;
+    std::deque<Key> ageQueue_;
+    WinEventLogChannelBase& owner_;
+    AdCacheSettings settings_;
+};
+
+}  // namespace skorva
