@@ -9,11 +9,15 @@
 #include <string>
 
 #include "channel/WinEventLogChannelBase.h"
+#include "directory/AdObjBlacklistMemo.h"
+#include "directory/WinLookupAdObjCache.h"
 
 namespace skorva {
 
 class WinEventLogChannel : public WinEventLogChannelBase {
 public:
+    using WinLookupAdObjCache = ::skorva::WinLookupAdObjCache;
+
     WinEventLogChannel(std::string channelName, ChannelSettings settings);
     ~WinEventLogChannel() override;
 
@@ -29,9 +33,17 @@ public:
     bool deleteCheckpointFile();
     const std::wstring& checkpointFilePath() const { return checkpointFilePath_; }
 
+    // ---- Directory-object cache and blacklist memo
+    WinLookupAdObjCache& adObjCache() { return adObjCache_; }
+    AdObjBlacklistMemo& adObjBlacklistMemo() { return adObjBlacklistMemo_; }
+
 protected:
     // Checkpoint state
     std::wstring checkpointFilePath_;
+
+    // Directory-object cache state (settings from the stanza the channel is made with)
+    WinLookupAdObjCache adObjCache_{*this, settings_.adCache};
+    AdObjBlacklistMemo adObjBlacklistMemo_;
 };
 
 }  // namespace skorva
