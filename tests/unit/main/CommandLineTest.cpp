@@ -1,0 +1,45 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "main/CommandLine.h"
+
+using namespace skorva;
+
+TEST(CommandLine, Modes) {
+    struct Case {
+        std::vector<const wchar_t*> args;  // without the program name
+        bool usage;
+        bool remove;
+        const wchar_t* channel;  // null: none
+    } cases[] = {
+        {{}, false, false, nullptr},
+        {{L"-help"}, true, false, nullptr},
+        {{L"-h"}, true, false, nullptr},
+        {{L"/?"}, true, false, nullptr},
+        {{L"-HELP"}, true, false, nullptr},
+        {{L"--help"}, true, false, nullptr},
+        {{L"-rm-checkpoint"}, false, true, nullptr},
+        {{L"-rm-checkpoint", L"Security"}, false, true, L"Security"},
+        {{L"-rm-checkpoint", L"a", L"-rm-checkpoint", L"b"}, false, true, L"b"},
+        {{L"-rm-checkpoint", L"a", L"b"}, true, false, nullptr},
+        {{L"-rm-checkpoint", L"-help"}, false, true, L"-help"},
+        {{L"Security", L"-rm-checkpoint"}, true, false, nullptr},
+        {{L"-h", L"-rm-checkpoint"}, true, false, nullptr},
+    };
+    for (const auto& c : cases) {
+        std::vector<const wchar_t*> argv{L"skorva-winevtlog.exe"};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        CommandLine cl = parseCommandLine(static_cast<int>(argv.size()), argv.data());
+        std::wstring label;
+        for (auto* a : c.args) label += std::wstring(a) + L" ";
+        SCOPED_TRACE(std::string(label.begin(), label.end()));
+        EXPECT_EQ(cl.showUsage, c.usage);
+        EXPECT_EQ(cl.removeCheckpoint, c.remove);
+        EXPECT_EQ(cl.checkpointChannel.has_value(), c.channel != nullptr);
+        if (c.channel && cl.checkpointChannel) {
+            EXPECT_EQ(*cl.checkpointChannel, c.channel);
+        }
+    }
+}
