@@ -59,6 +59,9 @@ struct ChannelSettings {
     EventCodeRanges guidSkipCodes;
     FilterList whitelist;
     FilterList blacklist;
+    // Some rule needs the formatted message: the whole-event rules are then
+    // skipped and the message-bearing keys are checked one by one instead.
+    bool filterOnMessage = false;
     std::set<std::wstring> excludedFields;
     AdCacheSettings adCache;
     uint64_t channelWaitSeconds = 0;

@@ -1,5 +1,6 @@
 #pragma once
 // Whitelist and blacklist rules of a channel, as parsed from its stanza.
+// No Windows header: the rules and their evaluation are plain text logic.
 
 #include <cstdint>
 #include <map>
@@ -15,7 +16,7 @@ namespace skorva {
 using EventCodeRange = std::pair<uint32_t, uint32_t>;  // low, high (inclusive)
 using EventCodeRanges = std::vector<EventCodeRange>;
 
-// One key of a rule with its compiled pattern.
+// One key of a rule with its compiled pattern (compiled once, at configuration).
 struct KeyRegex {
     std::string key;
     std::string pattern;
@@ -31,9 +32,15 @@ struct FilterRule {
 struct FilterList {
     std::vector<EventCodeRanges> codeLists;
     std::vector<FilterRule> rules;
-    // Rules on message-bearing keys, evaluated once the message is formatted.
-    std::map<std::string, FilterRule> messageKeyRules;
+    // Keys whose value is the formatted message (or another message-bearing
+    // field): evaluated one key at a time once the message is formatted.
+    std::map<std::string, KeyRegex> messageKeyRules;
 
+    bool hasCodeRanges() const {
+        for (const auto& list : codeLists)
+            if (!list.empty()) return true;
+        return false;
+    }
     bool empty() const { return codeLists.empty() && rules.empty() && messageKeyRules.empty(); }
 };
 

@@ -1,0 +1,22 @@
+#pragma once
+// Finds the value a filter key names in one event's text, as a view into that
+// text (nothing is copied or decoded). Classic text: the key names a
+// "Key=value" line; "Message" runs to the end of the text, and lines after the
+// Message line are message body, never fields. XML: the classic names map to
+// their System values (EventCode to EventID, and so on), "Message" to
+// RenderingInfo/Message, "$XmlRegex..." keys to the whole XML, and any other
+// key to an EventData Data element by its Name, else to a UserData element of
+// that name. XML values are the raw text between the tags (entities kept).
+
+#include <string_view>
+
+namespace skorva {
+
+bool lookupClassicValue(std::string_view text, std::string_view key, std::string_view& value);
+bool lookupXmlValue(std::string_view xml, std::string_view key, std::string_view& value);
+
+inline bool lookupEventValue(std::string_view text, bool xml, std::string_view key, std::string_view& value) {
+    return xml ? lookupXmlValue(text, key, value) : lookupClassicValue(text, key, value);
+}
+
+}  // namespace skorva

@@ -1,0 +1,39 @@
+#include "monitor/WinEventMon.h"
+
+#include <windows.h>
+
+#include "checkpoint/CheckpointPath.h"
+#include "platform/Strings.h"
+
+namespace skorva {
+
+WinEventMon::WinEventMon(std::wstring checkpointDir)
+    : checkpointDir_(checkpointDir.empty() ? defaultCheckpointDirectory() : std::move(checkpointDir)) {}
+
+WinEventMon::~WinEventMon() = default;
+
+WinEventLogChannel* WinEventMon::findChannel(std::string_view channelName) const {
+    auto it = channels_.find(asciiLower(channelName));
+    return it == channels_.end() ? nullptr : it->second.get();
+}
+
+std::string WinEventMon::channelFromStanza(const std::string& stanzaName) {
+    size_t pos = stanzaName.find("://");
+    if (pos != std::string::npos) return stanzaName.substr(pos + 3);
+    pos = stanzaName.find(':');
+    if (pos != std::string::npos) return stanzaName.substr(pos + 1);
+    return stanzaName;
+}
+
+bool WinEventMon::systemIsVistaOrLater() const {
+    OSVERSIONINFOEXW info = {};
+    info.dwOSVersionInfoSize = sizeof info;
+    info.dwMajorVersion = 6;
+    ULONGLONG mask = 0;
+    mask = ::VerSetConditionMask(mask, VER_MAJORVERSION, VER_GREATER_EQUAL);
+    mask = ::VerSetConditionMask(mask, VER_MINORVERSION, VER_GREATER_EQUAL);
+    mask = ::VerSetConditionMask(mask, VER_SERVICEPACKMAJOR, VER_GREATER_EQUAL);
+    return ::VerifyVersionInfoW(&info, VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR, mask) != FALSE;
+}
+
+}  // namespace skorva
