@@ -1,0 +1,170 @@
+// Reading, validating, loading and saving checkpoint files.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "CheckpointTestSupport.h"
+#include "LogCapture.h"
+#include "checkpoint/WELCheckPoint.h"
+#include "platform/Handles.h"
+#include "platform/Strings.h"
+
+namespace skorva {
+namespace {
+
+using test::FakeBookmarkApi;
+using test::LogCapture;
+using test::TempDir;
+
+TEST(CheckpointFile, ReadsContentWithLinesJoined) {
+    TempDir dir;
+    const std::wstring path = dir.file(L"Application_checkpoint");
+    test::writeRaw(path, test::bookmarkXml("Application", 386038) + "\r\n");
+    std::string out;
+    ASSERT_TRUE(WELCheckPointBase::getCheckpointStr(path, out));
+    EXPECT_EQ(out, "<BookmarkList>  <Bookmark Channel='Application' RecordId='386038' IsCurrent='true'/></BookmarkList>");
+
+    test::writeRaw(path, "channel=Application,\nrecord_id=9\n");
+    CheckpointMap map;
+    ASSERT_TRUE(WELCheckPointBase::getFromFile(path, map));
+    EXPECT_EQ(map, (CheckpointMap{{"channel", "Application"}, {"record_id", "9"}}));
+}
+
+TEST(CheckpointFile, MissingOrEmptyFileIsNotRead) {
+    TempDir dir;
+    const std::wstring missing = dir.file(L"none_checkpoint");
+    const std::wstring empty = dir.file(L"empty_checkpoint");
+    test::writeRaw(empty, "\r\n");
+    LogCapture log;
+    std::string out = "stale";
+    EXPECT_FALSE(WELCheckPointBase::getCheckpointStr(missing, out));
+    EXPECT_EQ(out, "");
+    EXPECT_TRUE(log.has(LogLevel::Error, "WELCheckPointBase::getCheckpointStr: Unable to open checkpoint file='" +
+                                             narrow(missing) + "'"));
+    EXPECT_FALSE(WELCheckPointBase::getCheckpointStr(empty, out));
+    EXPECT_TRUE(log.has(LogLevel::Debug, "WELCheckPointBase::getCheckpointStr: Unable to read checkpoint file='" +
+                                             narrow(empty) + "'"));
+}
+
+TEST(CheckpointFile, ValidationAcceptsBookmarksAndCheckpointStringsOnly) {
+    FakeBookmarkApi api;
+    TempDir dir;
+    const std::wstring path = dir.file(L"Security_checkpoint");
+    struct Case {
+        std::string content;
+        bool valid;
+        bool triedAsString;
+    } cases[] = {
+        {test::bookmarkXml("Security", 12), true, false},
+        {"channel=Security,record_id=12", true, true},
+        // Neither: refusing it keeps the channel from resending everything.
+        {"x", false, true},
+        {"<BookmarkList><Bookmark", false, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.content);
+        test::writeRaw(path, c.content);
+        LogCapture log;
+        EXPECT_EQ(WELCheckPointBase::validateCheckpointStr(path), c.valid);
+        EXPECT_EQ(log.has(LogLevel::Error,
+                          "WELCheckPointBase::validateCheckpointStr Failed to create bookmark handle from checkpoint file: "),
+                  c.triedAsString);
+        EXPECT_EQ(log.has(LogLevel::Error, "WELCheckPointBase::validateCheckpointStr: Failed to parse checkpoint string "
+                                           "from file='" + narrow(path) +
+                                               "'.  To avoid duplicate events, we're throwing an error"),
+                  !c.valid);
+    }
+    EXPECT_EQ(FakeBookmarkApi::liveHandles(), 0);
+
+    LogCapture log;
+    EXPECT_FALSE(WELCheckPointBase::validateCheckpointStr(dir.file(L"missing")));
+    EXPECT_TRUE(log.contains("Unable to open checkpoint file="));
+}
+
+TEST(CheckpointFile, LoadCreatesTheDirectory) {
+    TempDir dir;
+    const std::wstring nested = dir.file(L"a\\b\\WinEventLog");
+    CheckpointMap map;
+    LogCapture log;
+    EXPECT_FALSE(WELCheckPoint::load(nested, nested + L"\\X_checkpoint", map));  // no file yet
+    EXPECT_TRUE(test::exists(nested));
+    EXPECT_TRUE(log.has(LogLevel::Debug, "WELCheckPoint::load: Load check point"));
+
+    test::writeRaw(nested + L"\\X_checkpoint", "record_id=5");
+    EXPECT_TRUE(WELCheckPoint::load(nested, nested + L"\\X_checkpoint", map));
+    EXPECT_EQ(map["record_id"], "5");
+}
+
+TEST(CheckpointFile, SaveWritesAndReplacesInBothModes) {
+    TempDir dir;
+    const std::wstring path = dir.file(L"Application_checkpoint");
+    for (bool sync : {false, true}) {
+        SCOPED_TRACE(sync);
+        test::writeRaw(path, std::string(500, 'o'));  // longer than what replaces it
+        ASSERT_TRUE(WELCheckPoint::saveCheckpointStr(path, test::bookmarkXml("Application", 7), sync));
+        EXPECT_EQ(test::readRaw(path), test::bookmarkXml("Application", 7));
+        EXPECT_TRUE(test::listMatching(dir.path(), L"Application_checkpoint.tmp.").empty());
+    }
+}
+
+TEST(CheckpointFile, SaveRefusesEmptyStringAndShortPath) {
+    TempDir dir;
+    const std::wstring path = dir.file(L"Application_checkpoint");
+    test::writeRaw(path, "record_id=1");
+    LogCapture log;
+    for (bool sync : {false, true}) {
+        EXPECT_FALSE(WELCheckPoint::saveCheckpointStr(path, "", sync));
+        EXPECT_FALSE(WELCheckPoint::saveCheckpointStr(L"C:\\", "record_id=2", sync));
+    }
+    EXPECT_EQ(test::readRaw(path), "record_id=1");
+    EXPECT_EQ(test::listMatching(dir.path(), L"").size(), 3u);  // ".", ".." and the file
+    EXPECT_EQ(log.count(LogLevel::Error, "WELCheckPoint::saveCheckpointStr: Unable to write checkpoint with a null string"),
+              2u);
+    EXPECT_EQ(log.count(LogLevel::Error, "WELCheckPoint::saveCheckpointStr: Unable to find checkpoint file path"), 2u);
+}
+
+TEST(CheckpointFile, SaveReportsAnUnwritableTarget) {
+    TempDir dir;
+    const std::wstring path = dir.file(L"no\\such\\dir\\X_checkpoint");
+    for (bool sync : {false, true}) {
+        LogCapture log;
+        EXPECT_FALSE(WELCheckPoint::saveCheckpointStr(path, "record_id=2", sync));
+        EXPECT_TRUE(log.contains("WELCheckPoint::saveCheckpointStr: Unable to open checkpoint file='" +
+                                 narrow(path) + (sync ? ".tmp." : "'")))
+            << log.dump();
+    }
+}
+
+TEST(CheckpointFile, FailedRenameFallsBackToDirectWrite) {
+    TempDir dir;
+    const std::wstring path = dir.file(L"Security_checkpoint");
+    test::writeRaw(path, "record_id=1");
+    // An open handle that does not share deletion blocks replacing the file,
+    // but not writing it.
+    UniqueHandle holder(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(holder.valid());
+    LogCapture log;
+    ASSERT_TRUE(WELCheckPoint::saveCheckpointStr(path, "record_id=2", true));
+    EXPECT_TRUE(log.contains("WELCheckPoint::saveCheckpointStr: Failed to rename checkpoint file '" + narrow(path) +
+                             ".tmp."))
+        << log.dump();
+    holder.reset();
+    EXPECT_EQ(test::readRaw(path), "record_id=2");
+    EXPECT_TRUE(test::listMatching(dir.path(), L"Security_checkpoint.tmp.").empty());
+}
+
+TEST(CheckpointFile, TemporaryNamesAreRandomHex) {
+    std::set<std::wstring> seen;
+    for (int i = 0; i < 100; ++i) {
+        const std::wstring name = WELCheckPoint::temporaryPath(L"C:\\x\\A_checkpoint");
+        ASSERT_EQ(name.size(), std::wstring(L"C:\\x\\A_checkpoint.tmp.").size() + 16);
+        ASSERT_EQ(name.rfind(L"C:\\x\\A_checkpoint.tmp.", 0), 0u);
+        EXPECT_EQ(name.find_first_not_of(L"0123456789abcdef", name.size() - 16), std::wstring::npos);
+        seen.insert(name);
+    }
+    EXPECT_EQ(seen.size(), 100u);
+}
+
+}  // namespace
+}  // namespace skorva

@@ -1,0 +1,99 @@
+// The checkpoint string and the line joining of checkpoint files.
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+#include "checkpoint/WELCheckPointBase.h"
+
+namespace skorva {
+namespace {
+
+TEST(CheckpointString, BuildsPairsInKeyOrder) {
+    struct Case {
+        CheckpointMap map;
+        std::string expected;
+    } cases[] = {
+        {{}, ""},
+        {{{"record_id", "42"}}, "record_id=42"},
+        {{{"b", "2"}, {"a", "1"}}, "a=1,b=2"},
+        // Byte-wise order: upper case before lower case.
+        {{{"record_id", "7"}, {"channel", "Security"}, {"Z", "z"}}, "Z=z,channel=Security,record_id=7"},
+    };
+    for (const auto& c : cases) {
+        std::string out = "stale";
+        EXPECT_TRUE(WELCheckPointBase::buildCheckpointStr(c.map, out));
+        EXPECT_EQ(out, c.expected);
+    }
+}
+
+TEST(CheckpointString, BuildRefusesEmptyKeyOrValue) {
+    const CheckpointMap cases[] = {{{"a", "1"}, {"b", ""}}, {{"", "1"}}};
+    for (const auto& map : cases) {
+        test::LogCapture log;
+        std::string out;
+        EXPECT_FALSE(WELCheckPointBase::buildCheckpointStr(map, out));
+        EXPECT_TRUE(log.has(LogLevel::Error, "WELCheckPointBase::buildCheckpointStr: Checkpoint values are invalid"));
+        EXPECT_EQ(out, "");
+    }
+}
+
+TEST(CheckpointString, ParsesWhatBuildWrites) {
+    const CheckpointMap map = {{"channel", "Application"}, {"record_id", "18446744073709551615"}, {"x", "a b"}};
+    std::string str;
+    ASSERT_TRUE(WELCheckPointBase::buildCheckpointStr(map, str));
+    CheckpointMap back;
+    ASSERT_TRUE(WELCheckPointBase::parseCheckpointStr(str, back));
+    EXPECT_EQ(back, map);
+}
+
+TEST(CheckpointString, ParseCases) {
+    const std::string keyMsg = "WELCheckPointBase::parseCheckpointStr: Failed to read key from checkpoint string";
+    const std::string pairMsg =
+        "WELCheckPointBase::parseCheckpointStr: Failed to read key value pair from checkpoint string";
+    struct Case {
+        std::string text;
+        bool ok;
+        CheckpointMap expected;  // when ok
+        std::string error;       // when not
+    } cases[] = {
+        {"a=1,b=2", true, {{"a", "1"}, {"b", "2"}}, ""},
+        {"a=1,a=3", true, {{"a", "3"}}, ""},        // later duplicate wins
+        {"a=x=y", true, {{"a", "x=y"}}, ""},        // only the first '=' separates
+        {"x", false, {}, pairMsg},
+        {"a=", false, {}, pairMsg},
+        {"a=1,b", false, {}, pairMsg},
+        {"=1", false, {}, keyMsg},
+        {"a=1,,b=2", false, {}, keyMsg},
+        {"a=1,", false, {}, keyMsg},
+        {"", false, {}, keyMsg},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        test::LogCapture log;
+        CheckpointMap out;
+        EXPECT_EQ(WELCheckPointBase::parseCheckpointStr(c.text, out), c.ok);
+        if (c.ok)
+            EXPECT_EQ(out, c.expected);
+        else
+            EXPECT_TRUE(log.has(LogLevel::Error, c.error)) << log.dump();
+    }
+}
+
+TEST(CheckpointString, JoinLinesDropsLineEnds) {
+    struct Case {
+        std::string content, expected;
+    } cases[] = {
+        {"<BookmarkList>\r\n  <Bookmark/>\r\n</BookmarkList>", "<BookmarkList>  <Bookmark/></BookmarkList>"},
+        {"a=1,\nb=2\n", "a=1,b=2"},
+        {"a\r\r\nb", "a\rb"},  // only the CR of a CRLF pair is a line end
+        {"\n\r\n", ""},
+        {"one", "one"},
+    };
+    for (const auto& c : cases) {
+        std::string out = "stale";
+        WELCheckPointBase::joinLines(c.content, out);
+        EXPECT_EQ(out, c.expected);
+    }
+}
+
+}  // namespace
+}  // namespace skorva
