@@ -1,0 +1,249 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "FakeAccounts.h"
+#include "LogCapture.h"
+#include "directory/SidProps.h"
+#include "directory/SidStringTranslation.h"
+#include "platform/Clock.h"
+#include "platform/Strings.h"
+
+namespace skorva {
+namespace {
+
+using test::FakeAccount;
+using test::FakeAccounts;
+using test::SidBytes;
+
+class SidLookupCacheTest : public ::testing::Test {
+protected:
+    SidLookupCacheTest() : scoped_(clock_) {
+        FakeAccounts::reset();
+        cache_.setLookupFunction(&FakeAccounts::lookup);
+    }
+    ~SidLookupCacheTest() override { FakeAccounts::reset(); }
+
+    DWORD lookup(const char* sidText, std::wstring* accountOut = nullptr, std::wstring* domainOut = nullptr) {
+        SidBytes sid(sidText);
+        std::wstring account, domain;
+        DWORD type = 0;
+        const DWORD rc = cache_.lookupSid(sid.get(), account, domain, &type);
+        if (accountOut) *accountOut = account;
+        if (domainOut) *domainOut = domain;
+        return rc;
+    }
+
+    ManualClock clock_;
+    ScopedClock scoped_;
+    SidLookupCache cache_;
+};
+
+TEST_F(SidLookupCacheTest, HitMakesNoLookupAndExpiresOneMillisecondAfterItsExpiry) {
+    std::wstring account, domain;
+    ASSERT_EQ(lookup("S-1-5-21-1-2-3-1001", &account, &domain), 0u);
+    EXPECT_EQ(account, L"user-S-1-5-21-1-2-3-1001");
+    EXPECT_EQ(domain, L"DOM");
+    EXPECT_EQ(FakeAccounts::calls(), 1);
+
+    clock_.advance(3600000);  // expiry == now: still a hit
+    ASSERT_EQ(lookup("S-1-5-21-1-2-3-1001", &account, &domain), 0u);
+    EXPECT_EQ(account, L"user-S-1-5-21-1-2-3-1001");
+    EXPECT_EQ(FakeAccounts::calls(), 1);
+
+    clock_.advance(1);
+    ASSERT_EQ(lookup("S-1-5-21-1-2-3-1001"), 0u);
+    EXPECT_EQ(FakeAccounts::calls(), 2);
+}
+
+TEST_F(SidLookupCacheTest, FailureIsCachedForTheNegativeExpiryAndLeavesOutputsAlone) {
+    FakeAccounts::table()[L"S-1-5-21-9-9-9-500"] = FakeAccount{L"", L"", ERROR_TRUSTED_RELATIONSHIP_FAILURE};
+    std::wstring account = L"before";
+    EXPECT_EQ(lookup("S-1-5-21-9-9-9-500", &account), static_cast<DWORD>(ERROR_TRUSTED_RELATIONSHIP_FAILURE));
+    clock_.advance(10000);
+    EXPECT_EQ(lookup("S-1-5-21-9-9-9-500"), static_cast<DWORD>(ERROR_TRUSTED_RELATIONSHIP_FAILURE));
+    EXPECT_EQ(FakeAccounts::calls(), 1);
+    clock_.advance(1);
+    FakeAccounts::table().clear();
+    EXPECT_EQ(lookup("S-1-5-21-9-9-9-500"), 0u);
+    EXPECT_EQ(FakeAccounts::calls(), 2);
+}
+
+TEST_F(SidLookupCacheTest, UnmappedSidIsASuccessNamedByItsOwnStringForThePositiveExpiry) {
+    FakeAccounts::table()[L"S-1-5-21-7-7-7-1105"] = FakeAccount{L"", L"", ERROR_NONE_MAPPED};
+    std::wstring account, domain = L"x";
+    ASSERT_EQ(lookup("S-1-5-21-7-7-7-1105", &account, &domain), 0u);
+    EXPECT_EQ(account, L"S-1-5-21-7-7-7-1105");
+    EXPECT_EQ(domain, L"");
+    clock_.advance(3600000);
+    ASSERT_EQ(lookup("S-1-5-21-7-7-7-1105", &account), 0u);
+    EXPECT_EQ(account, L"S-1-5-21-7-7-7-1105");
+    EXPECT_EQ(FakeAccounts::calls(), 1);
+}
+
+TEST_F(SidLookupCacheTest, LongNamesAreFetchedAgainAtTheReportedSize) {
+    const std::wstring longName(400, L'n');
+    const std::wstring longDomain(300, L'd');
+    FakeAccounts::table()[L"S-1-5-21-4-4-4-1"] = FakeAccount{longName, longDomain};
+    std::wstring account, domain;
+    ASSERT_EQ(lookup("S-1-5-21-4-4-4-1", &account, &domain), 0u);
+    EXPECT_EQ(account, longName);
+    EXPECT_EQ(domain, longDomain);
+    EXPECT_EQ(FakeAccounts::calls(), 2);
+}
+
+TEST_F(SidLookupCacheTest, InvalidSidIsRejectedWithoutLookup) {
+    std::wstring account, domain;
+    unsigned char junk[16] = {9, 9};
+    EXPECT_EQ(cache_.lookupSid(junk, account, domain), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(cache_.lookupSid(nullptr, account, domain), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(FakeAccounts::calls(), 0);
+}
+
+TEST_F(SidLookupCacheTest, DisabledCacheAsksEveryTimeAndStoresNothing) {
+    SidCacheSettings s;
+    s.disabled = true;
+    cache_.configure(s);
+    std::wstring account;
+    ASSERT_EQ(lookup("S-1-5-21-1-2-3-7", &account), 0u);
+    ASSERT_EQ(lookup("S-1-5-21-1-2-3-7", &account), 0u);
+    EXPECT_EQ(account, L"user-S-1-5-21-1-2-3-7");
+    EXPECT_EQ(FakeAccounts::calls(), 2);
+    EXPECT_EQ(cache_.size(), 0u);
+}
+
+std::string domainSid(int rid) { return format("S-1-5-21-1-2-3-%d", rid); }
+
+TEST_F(SidLookupCacheTest, FullCacheWithNothingExpiredDropsTheTenSmallestKeys) {
+    std::set<std::string> keys;
+    for (int rid = 1; rid <= 1001; ++rid) {
+        ASSERT_EQ(lookup(domainSid(rid).c_str()), 0u);
+        keys.insert(domainSid(rid));
+    }
+    ASSERT_EQ(cache_.size(), 1001u);
+    ASSERT_EQ(lookup(domainSid(5000).c_str()), 0u);  // the insertion that purges
+    EXPECT_EQ(cache_.size(), 992u);
+
+    std::vector<std::string> smallest(keys.begin(), keys.end());
+    smallest.resize(10);  // "S-1-5-21-1-2-3-1", "-10", "-100", "-1000", "-1001", "-101", ...
+    const int before = FakeAccounts::calls();
+    for (const auto& k : keys) {
+        const bool dropped = std::find(smallest.begin(), smallest.end(), k) != smallest.end();
+        if (dropped) continue;
+        ASSERT_EQ(lookup(k.c_str()), 0u);
+    }
+    EXPECT_EQ(FakeAccounts::calls(), before) << "every surviving key is a hit";
+    ASSERT_EQ(lookup(smallest[9].c_str()), 0u);
+    EXPECT_EQ(FakeAccounts::calls(), before + 1);
+}
+
+TEST_F(SidLookupCacheTest, PurgeRemovesExactlyTheExpiredEntries) {
+    SidCacheSettings s;
+    s.maxEntries = 5;
+    cache_.configure(s);
+    for (int rid = 1; rid <= 3; ++rid) lookup(domainSid(rid).c_str());
+    clock_.advance(3600001);  // the first three have expired
+    for (int rid = 4; rid <= 6; ++rid) lookup(domainSid(rid).c_str());
+    ASSERT_EQ(cache_.size(), 6u);
+    lookup(domainSid(7).c_str());
+    EXPECT_EQ(cache_.size(), 4u);
+    const int before = FakeAccounts::calls();
+    for (int rid = 4; rid <= 7; ++rid) lookup(domainSid(rid).c_str());
+    EXPECT_EQ(FakeAccounts::calls(), before);
+}
+
+TEST_F(SidLookupCacheTest, ConcurrentLookupsAllGetTheirOwnAnswer) {
+    constexpr int kThreads = 6;
+    constexpr int kSids = 40;
+    std::vector<SidBytes> sids;
+    sids.reserve(kSids);
+    for (int i = 0; i < kSids; ++i) sids.emplace_back(domainSid(100 + i).c_str());
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::wstring account, domain;
+            for (int n = 0; n < 500; ++n) {
+                const int i = (n * 7 + t) % kSids;
+                if (cache_.lookupSid(sids[i].get(), account, domain) != 0 ||
+                    account != widen("user-" + domainSid(100 + i)) || domain != L"DOM")
+                    ++wrong;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(cache_.size(), static_cast<size_t>(kSids));
+    // Racing misses may both ask; never more than once per thread and SID.
+    EXPECT_GE(FakeAccounts::calls(), kSids);
+    EXPECT_LE(FakeAccounts::calls(), kSids * kThreads);
+}
+
+// The real account look-up under the test system.
+TEST(SidLookupCacheSystem, LocalSystemTranslatesToItsAccountName) {
+    SidLookupCache::instance().clear();
+    std::wstring name;
+    ASSERT_TRUE(translateSidString("S-1-5-18", name));
+    EXPECT_EQ(name, L"NT AUTHORITY\\SYSTEM");
+    EXPECT_FALSE(translateSidString("not-a-sid", name));
+}
+
+class SidPropsTest : public ::testing::Test {
+protected:
+    test::ProcessCacheWithFake fake_;
+    test::LogCapture log_;
+};
+
+TEST_F(SidPropsTest, WithoutLookupOnlyTheStringIsFilled) {
+    SidBytes sid("S-1-5-21-1-2-3-1001");
+    SidProps props;
+    ASSERT_TRUE(props.processSid(sid.get(), false));
+    EXPECT_TRUE(props.valid);
+    EXPECT_EQ(props.sidString, L"S-1-5-21-1-2-3-1001");
+    EXPECT_EQ(props.accountName, L"NOT_TRANSLATED");
+    EXPECT_EQ(FakeAccounts::calls(), 0);
+}
+
+TEST_F(SidPropsTest, LookupFillsAccountDomainAndType) {
+    FakeAccounts::table()[L"S-1-5-21-1-2-3-512"] = FakeAccount{L"Domain Admins", L"CORP", 0, SidTypeGroup};
+    SidBytes sid("S-1-5-21-1-2-3-512");
+    SidProps props;
+    ASSERT_TRUE(props.processSid(sid.get(), true));
+    EXPECT_EQ(props.accountName, L"Domain Admins");
+    EXPECT_EQ(props.domainName, L"CORP");
+    EXPECT_EQ(props.sidType, static_cast<DWORD>(SidTypeGroup));
+}
+
+TEST_F(SidPropsTest, FailuresAreLoggedAndKeepWhatWasLearnt) {
+    FakeAccounts::table()[L"S-1-5-21-1-2-3-9"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
+    SidBytes sid("S-1-5-21-1-2-3-9");
+    SidProps props;
+    EXPECT_FALSE(props.processSid(sid.get(), true));
+    EXPECT_EQ(props.sidString, L"S-1-5-21-1-2-3-9");
+    EXPECT_TRUE(log_.has(LogLevel::Error, "SidProps::processSid:  Failed to lookup sid"));
+
+    unsigned char junk[16] = {7};
+    EXPECT_FALSE(props.processSid(junk, true));
+    EXPECT_EQ(props.sidString, L"");
+    EXPECT_TRUE(log_.has(LogLevel::Error, "SidProps::processSid: Failed to convert sid to string"));
+}
+
+TEST_F(SidPropsTest, SidStringTranslationJoinsDomainAndAccount) {
+    FakeAccounts::table()[L"S-1-5-21-1-2-3-1001"] = FakeAccount{L"alice", L"CORP"};
+    FakeAccounts::table()[L"S-1-5-21-1-2-3-1002"] = FakeAccount{L"bob", L""};
+    FakeAccounts::table()[L"S-1-5-21-1-2-3-1003"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
+    std::wstring out;
+    ASSERT_TRUE(translateSidString("S-1-5-21-1-2-3-1001", out));
+    EXPECT_EQ(out, L"CORP\\alice");
+    ASSERT_TRUE(translateSidString("S-1-5-21-1-2-3-1002", out));
+    EXPECT_EQ(out, L"bob");
+    EXPECT_FALSE(translateSidString("S-1-5-21-1-2-3-1003", out));
+    EXPECT_TRUE(log_.has(LogLevel::Debug, "LookupAccountName failed with error 0x5"));
+    EXPECT_TRUE(log_.has(LogLevel::Debug, "Translates the sid S-1-5-21-1-2-3-1001 successfully."));
+}
+
+}  // namespace
+}  // namespace skorva

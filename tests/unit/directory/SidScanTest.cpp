@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include "FakeAccounts.h"
+#include "channel/WinEventLogChannelBase.h"
+#include "directory/SidScanner.h"
+
+namespace skorva {
+namespace {
+
+using test::FakeAccount;
+using test::FakeAccounts;
+
+struct ScanCase {
+    const char* text;
+    size_t pos;
+    bool found;
+    const char* sid;
+    const char* pattern;
+    size_t next;
+};
+
+TEST(SidScanner, FindsWrappedAndBareSids) {
+    const ScanCase cases[] = {
+        {"%{S-1-5-18}", 0, true, "S-1-5-18", "%{S-1-5-18}", 10},
+        {"by S-1-5-21-1-2-3-1001, then", 0, true, "S-1-5-21-1-2-3-1001", "S-1-5-21-1-2-3-1001", 22},
+        {"x S-1-5-18", 2, true, "S-1-5-18", "S-1-5-18", 10},
+        {"a %{x} S-1-5-18", 0, true, "x", "%{x}", 5},
+        // A wrapped SID is looked for first, wherever a bare one stands.
+        {"S-1-5-18 %{S-1-5-19}", 0, true, "S-1-5-19", "%{S-1-5-19}", 19},
+        // Ends of the scan: nothing, an open brace never closed, braces around nothing.
+        {"no sids here", 0, false, "", "", 0},
+        {"%{S-1-5-18 S-1-5-19", 0, false, "", "", 0},
+        {"%{} S-1-5-18", 0, false, "", "", 0},
+        {"S-1-5-18", 8, false, "", "", 0},
+    };
+    for (const auto& c : cases) {
+        SidMatch m;
+        SCOPED_TRACE(c.text);
+        ASSERT_EQ(findNextSid(c.text, c.pos, std::string_view(c.text).size(), m), c.found);
+        if (!c.found) continue;
+        EXPECT_EQ(m.sid, c.sid);
+        EXPECT_EQ(m.pattern, c.pattern);
+        EXPECT_EQ(m.next, c.next);
+    }
+}
+
+TEST(SidScanner, BareSidStopsAtTheLimit) {
+    SidMatch m;
+    ASSERT_TRUE(findNextSid("S-1-5-21-1-2", 0, 6, m));
+    EXPECT_EQ(m.sid, "S-1-5-");
+}
+
+class TranslateSidLocally : public ::testing::Test {
+protected:
+    TranslateSidLocally() : channel_("Security", ChannelSettings()) {
+        FakeAccounts::table()[L"S-1-5-21-1-2-3-1001"] = FakeAccount{L"alice", L"CORP"};
+        FakeAccounts::table()[L"S-1-5-21-1-2-3-1002"] = FakeAccount{L"bob", L""};
+        FakeAccounts::table()[L"S-1-5-21-1-2-3-1003"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
+    }
+    test::ProcessCacheWithFake fake_;
+    WinEventLogChannelBase channel_;
+};
+
+TEST_F(TranslateSidLocally, MessageSidsAreReplacedWrappedOrBare) {
+    struct {
+        const char* in;
+        const char* out;
+    } cases[] = {
+        {"Account: %{S-1-5-21-1-2-3-1001} logged on", "Account: CORP\\alice logged on"},
+        {"Owner S-1-5-21-1-2-3-1001, group S-1-5-21-1-2-3-1002.", "Owner CORP\\alice, group bob."},
+        {"Unknown S-1-5-21-1-2-3-1003 stays", "Unknown S-1-5-21-1-2-3-1003 stays"},
+        {"Same S-1-5-21-1-2-3-1001 and S-1-5-21-1-2-3-1001", "Same CORP\\alice and CORP\\alice"},
+        {"%{} S-1-5-21-1-2-3-1001", "%{} S-1-5-21-1-2-3-1001"},
+    };
+    for (const auto& c : cases) {
+        std::string message = c.in;
+        std::wstring xml;
+        channel_.translateSidLocally(message, xml);
+        EXPECT_EQ(message, c.out) << c.in;
+        EXPECT_TRUE(xml.empty());
+    }
+}
+
+TEST_F(TranslateSidLocally, RepeatedSidIsAnsweredByTheCache) {
+    std::string message = "S-1-5-21-1-2-3-1001 S-1-5-21-1-2-3-1001 S-1-5-21-1-2-3-1001";
+    std::wstring xml;
+    channel_.translateSidLocally(message, xml);
+    EXPECT_EQ(message, "CORP\\alice CORP\\alice CORP\\alice");
+    EXPECT_EQ(FakeAccounts::calls(), 1);
+}
+
+TEST_F(TranslateSidLocally, XmlIsTranslatedInsteadOfTheMessage) {
+    std::string message = "User S-1-5-21-1-2-3-1001";
+    std::wstring xml = L"<Data Name='TargetUserSid'>S-1-5-21-1-2-3-1001</Data><Data>S-1-5-21-1-2-3-1002</Data>";
+    channel_.translateSidLocally(message, xml);
+    EXPECT_EQ(message, "User S-1-5-21-1-2-3-1001");
+    EXPECT_EQ(xml, L"<Data Name='TargetUserSid'>CORP\\alice</Data><Data>bob</Data>");
+}
+
+}  // namespace
+}  // namespace skorva
