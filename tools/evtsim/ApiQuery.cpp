@@ -1,0 +1,310 @@
+// Result sets: queries, subscriptions, reading them and moving in them, and the
+// channel enumeration.
+#include <algorithm>
+
+#include "Evtsim.h"
+#include "Faults.h"
+#include "Internal.h"
+#include "Text.h"
+
+namespace evtsim {
+
+namespace {
+
+template <class T>
+T failWith(DWORD code, T value) {
+    SetLastError(code);
+    return value;
+}
+
+bool queryIsAll(LPCWSTR q) {
+    if (!q) return true;
+    std::wstring_view v(q);
+    while (!v.empty() && iswspace(v.front())) v.remove_prefix(1);
+    while (!v.empty() && iswspace(v.back())) v.remove_suffix(1);
+    return v.empty() || v == L"*";
+}
+
+struct ChannelEnumObj : Object {
+    ChannelEnumObj() : Object(Kind::ChannelEnum) {}
+    static bool accepts(Kind k) { return k == Kind::ChannelEnum; }
+    std::mutex mutex;
+    std::vector<std::wstring> names;
+    size_t next = 0;
+};
+
+// Loads until the log is complete (queries read from the end, seeks from the last).
+void loadAll(ChannelLog& log) {
+    bool partial = false;
+    uint64_t before;
+    do {
+        before = log.loadedBytes();
+        if (!log.refresh(partial)) return;
+    } while (log.loadedBytes() != before);
+}
+
+// The number of records in query order.
+size_t orderLength(QueryObj& q) { return q.reverse ? q.snapshot : q.log->size(); }
+
+// Index in query order of record `index` of the log.
+size_t orderIndex(QueryObj& q, size_t index) { return q.reverse ? q.snapshot - 1 - index : index; }
+
+}  // namespace
+
+EVT_HANDLE WINAPI EvtQuery(EVT_HANDLE Session, LPCWSTR Path, LPCWSTR Query, DWORD Flags) {
+    if (Session) return failWith<EVT_HANDLE>(RPC_S_UNKNOWN_IF, nullptr);  // remote sessions are not simulated
+    DWORD kind = Flags & 0xFF, direction = Flags & 0xF00;
+    if (!Path || (kind != EvtQueryChannelPath && kind != EvtQueryFilePath) ||
+        (direction != 0 && direction != EvtQueryForwardDirection && direction != EvtQueryReverseDirection) ||
+        (Flags & ~(0xFFFu | EvtQueryTolerateQueryErrors)))
+        return failWith<EVT_HANDLE>(ERROR_INVALID_PARAMETER, nullptr);
+    if (kind == EvtQueryFilePath) return failWith<EVT_HANDLE>(ERROR_NOT_SUPPORTED, nullptr);
+    if (!queryIsAll(Query)) return failWith<EVT_HANDLE>(ERROR_EVT_INVALID_QUERY, nullptr);
+    if (DWORD f = injectedFault("EvtQuery", toUtf8(Path))) return failWith<EVT_HANDLE>(f, nullptr);
+    DWORD error = 0;
+    auto q = std::make_unique<QueryObj>(Kind::Query);
+    q->root = storeRoot();
+    q->channel = Path;
+    q->log = openChannelLog(q->root, Path, error);
+    if (!q->log) return failWith<EVT_HANDLE>(error, nullptr);
+    q->reverse = direction == EvtQueryReverseDirection;
+    if (q->reverse) {
+        loadAll(*q->log);
+        q->snapshot = q->log->size();
+    }
+    return registerObject(std::move(q));
+}
+
+EVT_HANDLE WINAPI EvtSubscribe(EVT_HANDLE Session, HANDLE SignalEvent, LPCWSTR ChannelPath, LPCWSTR Query,
+                               EVT_HANDLE Bookmark, PVOID Context, EVT_SUBSCRIBE_CALLBACK Callback, DWORD Flags) {
+    (void)Context;
+    if (Session) return failWith<EVT_HANDLE>(RPC_S_UNKNOWN_IF, nullptr);
+    DWORD origin = Flags & EvtSubscribeOriginMask;
+    if (!ChannelPath || (!SignalEvent && !Callback) || (SignalEvent && Callback) || origin == 0 ||
+        (Flags & ~(EvtSubscribeOriginMask | EvtSubscribeTolerateQueryErrors | EvtSubscribeStrict)) ||
+        ((origin == EvtSubscribeStartAfterBookmark) != (Bookmark != nullptr)) ||
+        ((Flags & EvtSubscribeStrict) && origin != EvtSubscribeStartAfterBookmark))
+        return failWith<EVT_HANDLE>(ERROR_INVALID_PARAMETER, nullptr);
+    // Only the pull model (a signal event) is simulated.
+    if (Callback) return failWith<EVT_HANDLE>(ERROR_NOT_SUPPORTED, nullptr);
+    BookmarkObj* bm = nullptr;
+    if (Bookmark && !(bm = lookupAs<BookmarkObj>(Bookmark))) return failWith<EVT_HANDLE>(ERROR_INVALID_HANDLE, nullptr);
+    if (!queryIsAll(Query)) return failWith<EVT_HANDLE>(ERROR_EVT_INVALID_QUERY, nullptr);
+    if (DWORD f = injectedFault("EvtSubscribe", toUtf8(ChannelPath))) return failWith<EVT_HANDLE>(f, nullptr);
+    DWORD error = 0;
+    auto q = std::make_unique<QueryObj>(Kind::Subscription);
+    q->root = storeRoot();
+    q->channel = ChannelPath;
+    q->signal = SignalEvent;
+    q->log = openChannelLog(q->root, ChannelPath, error);
+    if (!q->log) return failWith<EVT_HANDLE>(error, nullptr);
+    if (origin == EvtSubscribeToFutureEvents) {
+        loadAll(*q->log);
+        q->cursor = q->log->size();
+        q->lastId = q->log->meta().nextRecordId - 1;
+        Record last{};
+        if (q->cursor > 0 && q->log->copy(q->cursor - 1, 1, false, &last) == 1) q->lastId = std::max(q->lastId, last.id);
+    } else if (origin == EvtSubscribeStartAfterBookmark) {
+        uint64_t id = 0;
+        bool have = false;
+        {
+            std::lock_guard<std::mutex> lock(bm->mutex);
+            for (const auto& e : bm->entries)
+                if (iequals(e.channel, q->log->wideName())) {
+                    id = e.recordId;
+                    have = true;
+                }
+        }
+        loadAll(*q->log);
+        size_t index = 0;
+        bool found = have && q->log->find(id, index);
+        if (!found && (Flags & EvtSubscribeStrict)) return failWith<EVT_HANDLE>(ERROR_NOT_FOUND, nullptr);
+        // Without the bookmarked record, start at the first one after it.
+        q->cursor = found ? index + 1 : (have ? q->log->lowerBound(id + 1) : 0);
+        q->lastId = have ? id : 0;
+    }
+    QueryObj* raw = q.get();
+    EVT_HANDLE h = registerObject(std::move(q));
+    {
+        std::lock_guard<std::mutex> lock(raw->mutex);
+        updateSignal(*raw);
+    }
+    watchSubscription(raw);
+    return h;
+}
+
+BOOL WINAPI EvtNext(EVT_HANDLE ResultSet, DWORD EventArraySize, EVT_HANDLE* EventArray, DWORD Timeout, DWORD Flags,
+                    PDWORD Returned) {
+    QueryObj* q = lookupAs<QueryObj>(ResultSet);
+    if (!q) return failWith(ERROR_INVALID_HANDLE, FALSE);
+    if (!EventArray || !Returned || EventArraySize == 0 || Flags != 0) return failWith(ERROR_INVALID_PARAMETER, FALSE);
+    *Returned = 0;
+    std::lock_guard<std::mutex> lock(q->mutex);
+    if (DWORD f = injectedFault("EvtNext", toUtf8(q->log->wideName()))) return failWith(f, FALSE);
+
+    ChannelMeta now;
+    switch (checkChannel(*q->log, now)) {
+    case ChannelChange::None: break;
+    case ChannelChange::Deleted: return failWith(ERROR_EVT_CHANNEL_NOT_FOUND, FALSE);
+    case ChannelChange::Recreated: return failWith(ERROR_INVALID_HANDLE, FALSE);
+    case ChannelChange::Cleared: {
+        if (!q->subscription()) return failWith(ERROR_EVT_QUERY_RESULT_STALE, FALSE);
+        // A subscription carries on in the new generation, after the last record it gave.
+        DWORD error = 0;
+        auto fresh = openChannelLog(q->root, q->channel, error);
+        if (!fresh) return failWith(error, FALSE);
+        q->log = fresh;
+        bool partial = false;
+        q->log->refresh(partial);
+        q->cursor = q->log->lowerBound(q->lastId + 1);
+        break;
+    }
+    }
+
+    const ULONGLONG start = GetTickCount64();
+    ULONGLONG stuckSince = start;
+    uint64_t stuckBytes = q->log->loadedBytes();
+    size_t got = 0;
+    Record batch[64];
+    while (true) {
+        if (!q->reverse && q->cursor >= q->log->size()) {
+            bool partial = false;
+            if (!q->log->refresh(partial)) {
+                if (checkChannel(*q->log, now) == ChannelChange::Deleted) return failWith(ERROR_EVT_CHANNEL_NOT_FOUND, FALSE);
+            }
+            if (q->cursor >= q->log->size()) {
+                // A record half written by another process is waited for, never served.
+                if (!partial || Timeout == 0) break;
+                ULONGLONG t = GetTickCount64();
+                if (Timeout != INFINITE && t - start >= Timeout) {
+                    if (q->subscription()) updateSignal(*q);
+                    return failWith(ERROR_TIMEOUT, FALSE);
+                }
+                if (q->log->loadedBytes() != stuckBytes) {
+                    stuckBytes = q->log->loadedBytes();
+                    stuckSince = t;
+                } else if (Timeout == INFINITE && t - stuckSince > 5000) {
+                    break;  // an abandoned half record: report the end
+                }
+                Sleep(2);
+                continue;
+            }
+        }
+        while (got < EventArraySize) {
+            size_t want = std::min<size_t>(EventArraySize - got, 64);
+            size_t n = q->reverse ? q->log->copy(q->snapshot - q->cursor, want, true, batch)
+                                  : q->log->copy(q->cursor, want, false, batch);
+            if (n == 0) break;
+            for (size_t i = 0; i < n; ++i) {
+                auto ev = std::make_unique<EventObj>();
+                ev->log = q->log;
+                ev->record = batch[i];
+                ev->backward = q->reverse;
+                EventArray[got++] = registerObject(std::move(ev));
+                q->lastId = batch[i].id;
+            }
+            q->cursor += n;
+        }
+        break;
+    }
+    if (q->subscription()) updateSignal(*q);
+    *Returned = static_cast<DWORD>(got);
+    if (got == 0) return failWith(ERROR_NO_MORE_ITEMS, FALSE);
+    return TRUE;
+}
+
+BOOL WINAPI EvtSeek(EVT_HANDLE ResultSet, LONGLONG Position, EVT_HANDLE Bookmark, DWORD Timeout, DWORD Flags) {
+    (void)Timeout;
+    QueryObj* q = lookupAs<QueryObj>(ResultSet);
+    if (!q) return failWith(ERROR_INVALID_HANDLE, FALSE);
+    if (q->subscription()) return failWith(ERROR_NOT_SUPPORTED, FALSE);
+    DWORD origin = Flags & EvtSeekOriginMask;
+    bool strict = (Flags & EvtSeekStrict) != 0;
+    if (origin < EvtSeekRelativeToFirst || origin > EvtSeekRelativeToBookmark || (Flags & ~(EvtSeekOriginMask | EvtSeekStrict)) ||
+        ((origin == EvtSeekRelativeToBookmark) != (Bookmark != nullptr)))
+        return failWith(ERROR_INVALID_PARAMETER, FALSE);
+    std::lock_guard<std::mutex> lock(q->mutex);
+    ChannelMeta now;
+    switch (checkChannel(*q->log, now)) {
+    case ChannelChange::None: break;
+    case ChannelChange::Deleted: return failWith(ERROR_EVT_CHANNEL_NOT_FOUND, FALSE);
+    case ChannelChange::Recreated: return failWith(ERROR_INVALID_HANDLE, FALSE);
+    case ChannelChange::Cleared: return failWith(ERROR_EVT_QUERY_RESULT_STALE, FALSE);
+    }
+    loadAll(*q->log);
+    const LONGLONG length = static_cast<LONGLONG>(orderLength(*q));
+    LONGLONG target = 0;
+    switch (origin) {
+    case EvtSeekRelativeToFirst: target = Position; break;
+    case EvtSeekRelativeToLast: target = length - 1 + Position; break;
+    case EvtSeekRelativeToCurrent: target = static_cast<LONGLONG>(q->cursor) - 1 + Position; break;
+    case EvtSeekRelativeToBookmark: {
+        BookmarkObj* bm = lookupAs<BookmarkObj>(Bookmark);
+        if (!bm) return failWith(ERROR_INVALID_HANDLE, FALSE);
+        uint64_t id = 0;
+        bool have = false;
+        {
+            std::lock_guard<std::mutex> bl(bm->mutex);
+            for (const auto& e : bm->entries)
+                if (iequals(e.channel, q->log->wideName())) id = e.recordId, have = true;
+        }
+        size_t index = 0;
+        bool found = have && q->log->find(id, index);
+        if (!found && strict) return failWith(ERROR_NOT_FOUND, FALSE);
+        if (found) {
+            target = static_cast<LONGLONG>(orderIndex(*q, index)) + Position;
+        } else {
+            // The bookmarked record is gone: it sat between two others.
+            size_t lb = have ? q->log->lowerBound(id) : 0;
+            LONGLONG next = q->reverse ? static_cast<LONGLONG>(q->snapshot) - static_cast<LONGLONG>(lb) : static_cast<LONGLONG>(lb);
+            target = next + (Position > 0 ? Position - 1 : Position);
+        }
+        break;
+    }
+    }
+    if (target < 0 || target > length) {
+        if (strict) return failWith(ERROR_NOT_FOUND, FALSE);
+        target = std::clamp<LONGLONG>(target, 0, length);
+    }
+    q->cursor = static_cast<size_t>(target);
+    return TRUE;
+}
+
+EVT_HANDLE WINAPI EvtOpenChannelEnum(EVT_HANDLE Session, DWORD Flags) {
+    if (Session) return failWith<EVT_HANDLE>(RPC_S_UNKNOWN_IF, nullptr);
+    if (Flags != 0) return failWith<EVT_HANDLE>(ERROR_INVALID_PARAMETER, nullptr);
+    if (DWORD f = injectedFault("EvtOpenChannelEnum", "")) return failWith<EVT_HANDLE>(f, nullptr);
+    auto e = std::make_unique<ChannelEnumObj>();
+    std::wstring root = storeRoot();
+    if (!root.empty())
+        for (const auto& n : listChannels(root)) e->names.push_back(toWide(n));
+    return registerObject(std::move(e));
+}
+
+BOOL WINAPI EvtNextChannelPath(EVT_HANDLE ChannelEnum, DWORD ChannelPathBufferSize, LPWSTR ChannelPathBuffer,
+                               PDWORD ChannelPathBufferUsed) {
+    ChannelEnumObj* e = lookupAs<ChannelEnumObj>(ChannelEnum);
+    if (!e) return failWith(ERROR_INVALID_HANDLE, FALSE);
+    if (!ChannelPathBufferUsed || (!ChannelPathBuffer && ChannelPathBufferSize != 0))
+        return failWith(ERROR_INVALID_PARAMETER, FALSE);
+    if (DWORD f = injectedFault("EvtNextChannelPath", "")) return failWith(f, FALSE);
+    std::lock_guard<std::mutex> lock(e->mutex);
+    if (e->next >= e->names.size()) {
+        *ChannelPathBufferUsed = 0;
+        return failWith(ERROR_NO_MORE_ITEMS, FALSE);
+    }
+    const std::wstring& name = e->names[e->next];
+    DWORD need = static_cast<DWORD>(name.size() + 1);
+    *ChannelPathBufferUsed = need;
+    if (ChannelPathBufferSize < need) return failWith(ERROR_INSUFFICIENT_BUFFER, FALSE);
+    std::copy(name.c_str(), name.c_str() + need, ChannelPathBuffer);
+    ++e->next;
+    return TRUE;
+}
+
+BOOL WINAPI EvtClose(EVT_HANDLE Object) {
+    if (!closeObject(Object)) return failWith(ERROR_INVALID_HANDLE, FALSE);
+    return TRUE;
+}
+
+}  // namespace evtsim

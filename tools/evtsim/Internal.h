@@ -1,0 +1,144 @@
+#pragma once
+// Handle objects and the shared, lazily loaded view of each channel's records.
+
+#include <windows.h>
+#include <winevt.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "Store.h"
+#include "Xml.h"
+
+namespace evtsim {
+
+enum class Kind : uint32_t { Query = 1, Subscription, Event, Bookmark, RenderContext, Publisher, ChannelEnum };
+
+struct Object {
+    explicit Object(Kind k) : kind(k) {}
+    virtual ~Object() = default;
+    const Kind kind;
+};
+
+EVT_HANDLE registerObject(std::unique_ptr<Object> obj);
+// The live object behind a handle, or null for an unknown or closed one.
+Object* lookupObject(EVT_HANDLE h);
+template <class T>
+T* lookupAs(EVT_HANDLE h) {
+    Object* o = lookupObject(h);
+    return o && T::accepts(o->kind) ? static_cast<T*>(o) : nullptr;
+}
+bool closeObject(EVT_HANDLE h);
+
+struct Record {
+    uint64_t id;
+    const char* xml;  // UTF-8, inside a chunk the log keeps
+    uint32_t size;
+};
+
+// The committed records of one channel incarnation and generation, shared by every
+// handle of the process that reads it. Records are loaded from the file as readers
+// reach the end of what is loaded.
+class ChannelLog {
+public:
+    ChannelLog(std::wstring dir, ChannelMeta meta);
+    const std::wstring& dir() const { return dir_; }
+    const std::wstring& path() const { return path_; }
+    const ChannelMeta& meta() const { return meta_; }
+    const std::wstring& wideName() const { return wideName_; }
+
+    // Loads frames committed since the last load. False when the file is gone;
+    // `partial` tells whether a frame is being written.
+    bool refresh(bool& partial);
+    uint64_t loadedBytes() const { return loadedBytes_.load(std::memory_order_acquire); }
+    size_t size() const;
+    // Copies up to `n` records starting at index `from`, walking down when `reverse`.
+    size_t copy(size_t from, size_t n, bool reverse, Record* out) const;
+    // Index of the first record whose id is at least `id`.
+    size_t lowerBound(uint64_t id) const;
+    bool find(uint64_t id, size_t& index) const;
+
+private:
+    std::wstring dir_, path_, wideName_;
+    ChannelMeta meta_;
+    mutable std::shared_mutex mutex_;
+    std::mutex refreshMutex_;
+    std::vector<std::unique_ptr<std::string>> chunks_;
+    std::vector<Record> records_;
+    std::atomic<uint64_t> loadedBytes_{0};
+};
+
+// The process's view of a channel by name: null with ERROR_EVT_CHANNEL_NOT_FOUND
+// when the store has no such channel.
+std::shared_ptr<ChannelLog> openChannelLog(const std::wstring& root, const std::wstring& name, DWORD& error);
+
+enum class ChannelChange { None, Cleared, Recreated, Deleted };
+// Compares the log with the store; `current` receives the channel's present state.
+ChannelChange checkChannel(const ChannelLog& log, ChannelMeta& current);
+
+// One event record's XML, parsed on first use.
+struct ParsedEvent {
+    XmlNode doc;
+    const XmlNode* event = nullptr;
+    const XmlNode* system = nullptr;
+    const XmlNode* rendering = nullptr;
+    std::vector<const XmlNode*> data;  // EventData/Data, or the leaves of UserData, in order
+};
+
+struct EventObj : Object {
+    EventObj() : Object(Kind::Event) {}
+    ~EventObj() override { delete parsed_.load(); }
+    static bool accepts(Kind k) { return k == Kind::Event; }
+    const ParsedEvent& parsed() const;
+    std::string_view xml() const { return {record.xml, record.size}; }
+    size_t wideLength() const;
+
+    std::shared_ptr<ChannelLog> log;
+    Record record{};
+    bool backward = false;
+
+private:
+    mutable std::atomic<ParsedEvent*> parsed_{nullptr};
+    mutable std::atomic<int64_t> wideLength_{-1};
+};
+
+struct BookmarkObj : Object {
+    BookmarkObj() : Object(Kind::Bookmark) {}
+    static bool accepts(Kind k) { return k == Kind::Bookmark; }
+    struct Entry {
+        std::wstring channel;
+        uint64_t recordId;
+    };
+    std::mutex mutex;
+    std::vector<Entry> entries;
+    int current = -1;
+    bool backward = false;
+};
+
+struct QueryObj : Object {
+    explicit QueryObj(Kind k) : Object(k) {}
+    ~QueryObj() override;
+    static bool accepts(Kind k) { return k == Kind::Query || k == Kind::Subscription; }
+    bool subscription() const { return kind == Kind::Subscription; }
+
+    std::mutex mutex;
+    std::wstring root, channel;
+    std::shared_ptr<ChannelLog> log;
+    bool reverse = false;
+    size_t snapshot = 0;  // reverse queries: records present when made
+    size_t cursor = 0;    // position in query order of the next record
+    uint64_t lastId = 0;  // last record handed out (subscriptions resume after it)
+    HANDLE signal = nullptr;
+};
+
+// Subscriptions whose signal the watcher keeps set while records are waiting.
+void watchSubscription(QueryObj* q);
+void unwatchSubscription(QueryObj* q);
+// Sets or resets the signal to match what is waiting; caller holds q->mutex.
+void updateSignal(QueryObj& q);
+
+}  // namespace evtsim

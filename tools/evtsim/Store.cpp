@@ -1,0 +1,416 @@
+#include "Store.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "Text.h"
+#include "Xml.h"
+
+namespace evtsim {
+
+namespace {
+
+struct FileCloser {
+    HANDLE h;
+    ~FileCloser() {
+        if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
+    }
+};
+
+std::string lastErrorText(const char* what) { return std::string(what) + " failed (error " + std::to_string(GetLastError()) + ")"; }
+
+bool makeDirs(const std::wstring& path) {
+    if (path.empty()) return false;
+    DWORD attr = GetFileAttributesW(path.c_str());
+    if (attr != INVALID_FILE_ATTRIBUTES) return (attr & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    size_t slash = path.find_last_of(L"\\/");
+    if (slash != std::wstring::npos && slash > 0 && path[slash - 1] != L':') makeDirs(path.substr(0, slash));
+    return CreateDirectoryW(path.c_str(), nullptr) || GetLastError() == ERROR_ALREADY_EXISTS;
+}
+
+bool writeAll(HANDLE h, std::string_view data) {
+    while (!data.empty()) {
+        DWORD chunk = static_cast<DWORD>(std::min<size_t>(data.size(), 1u << 24)), written = 0;
+        if (!WriteFile(h, data.data(), chunk, &written, nullptr) || written == 0) return false;
+        data.remove_prefix(written);
+    }
+    return true;
+}
+
+bool writeFileReplacing(const std::wstring& path, std::string_view content) {
+    std::wstring tmp = path + L".tmp";
+    {
+        FileCloser f{CreateFileW(tmp.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)};
+        if (f.h == INVALID_HANDLE_VALUE || !writeAll(f.h, content)) return false;
+    }
+    return MoveFileExW(tmp.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
+}
+
+std::string metaText(const ChannelMeta& m) {
+    return "name=" + m.name + "\nincarnation=" + std::to_string(m.incarnation) +
+           "\ngeneration=" + std::to_string(m.generation) + "\nnext_record_id=" + std::to_string(m.nextRecordId) + "\n";
+}
+
+// Exclusive lock over all store changes, held for the life of the object.
+class WriterLock {
+public:
+    WriterLock(const std::wstring& root) {
+        makeDirs(root);
+        std::wstring path = root + L"\\.lock";
+        for (int i = 0; i < 6000; ++i) {
+            h_ = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+            if (h_ != INVALID_HANDLE_VALUE) return;
+            if (GetLastError() != ERROR_SHARING_VIOLATION && GetLastError() != ERROR_ACCESS_DENIED) return;
+            Sleep(5);
+        }
+    }
+    ~WriterLock() {
+        if (h_ != INVALID_HANDLE_VALUE) CloseHandle(h_);
+    }
+    bool held() const { return h_ != INVALID_HANDLE_VALUE; }
+
+private:
+    HANDLE h_ = INVALID_HANDLE_VALUE;
+};
+
+uint64_t newIncarnation() {
+    FILETIME ft;
+    GetSystemTimeAsFileTime(&ft);
+    return ((static_cast<uint64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime) ^ (static_cast<uint64_t>(GetCurrentProcessId()) << 48);
+}
+
+}  // namespace
+
+size_t scanFrames(std::string_view data, std::vector<FrameRef>& out, bool& partial, bool& corrupt) {
+    size_t pos = 0;
+    partial = corrupt = false;
+    while (pos < data.size()) {
+        std::string_view rest = data.substr(pos);
+        if (rest.size() < kFrameHeaderSize) {
+            partial = true;
+            corrupt = std::string_view("EVR1 ").substr(0, std::min<size_t>(rest.size(), 5)) != rest.substr(0, std::min<size_t>(rest.size(), 5));
+            break;
+        }
+        auto id = parseUnsigned(rest.substr(5, 20));
+        auto len = parseUnsigned(rest.substr(26, 10));
+        if (rest.substr(0, 5) != "EVR1 " || rest[25] != ' ' || rest[36] != '\n' || !id || !len || *len > 0x7FFFFFFF) {
+            partial = corrupt = true;
+            break;
+        }
+        size_t total = kFrameHeaderSize + *len + kFrameTrailer.size();
+        if (rest.size() < total) {
+            partial = true;
+            break;
+        }
+        if (rest.substr(kFrameHeaderSize + *len, kFrameTrailer.size()) != kFrameTrailer) {
+            partial = corrupt = true;
+            break;
+        }
+        out.push_back({*id, pos + kFrameHeaderSize, static_cast<uint32_t>(*len)});
+        pos += total;
+    }
+    return pos;
+}
+
+void appendFrame(std::string& out, uint64_t recordId, std::string_view xml) {
+    char header[kFrameHeaderSize + 1];
+    std::snprintf(header, sizeof header, "EVR1 %020llu %010u\n", static_cast<unsigned long long>(recordId),
+                  static_cast<unsigned>(xml.size()));
+    out.append(header, kFrameHeaderSize);
+    out.append(xml);
+    out.append(kFrameTrailer);
+}
+
+std::wstring storeRootFromEnvironment() {
+    wchar_t buf[1024];
+    DWORD n = GetEnvironmentVariableW(L"EVTSIM_STORE", buf, 1024);
+    if (n == 0 || n >= 1024) return {};
+    return std::wstring(buf, n);
+}
+
+std::wstring channelsDir(const std::wstring& root) { return root + L"\\channels"; }
+std::wstring channelDir(const std::wstring& root, std::string_view name) {
+    return channelsDir(root) + L"\\" + encodeName(name);
+}
+std::wstring recordsPath(const std::wstring& dir, const ChannelMeta& meta) {
+    // The incarnation in the name keeps a re-made channel's file apart from the old one.
+    wchar_t name[64];
+    swprintf(name, 64, L"\\records-%016llx-%llu.evr", static_cast<unsigned long long>(meta.incarnation),
+             static_cast<unsigned long long>(meta.generation));
+    return dir + name;
+}
+std::wstring providerPath(const std::wstring& root, std::string_view name) {
+    return root + L"\\providers\\" + encodeName(name) + L".xml";
+}
+
+bool readWholeFile(const std::wstring& path, std::string& out) {
+    FileCloser f{CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)};
+    if (f.h == INVALID_HANDLE_VALUE) return false;
+    LARGE_INTEGER size;
+    if (!GetFileSizeEx(f.h, &size)) return false;
+    out.resize(static_cast<size_t>(size.QuadPart));
+    size_t got = 0;
+    while (got < out.size()) {
+        DWORD n = 0;
+        if (!ReadFile(f.h, out.data() + got, static_cast<DWORD>(std::min<size_t>(out.size() - got, 1u << 24)), &n, nullptr) || n == 0)
+            break;
+        got += n;
+    }
+    out.resize(got);
+    return true;
+}
+
+bool readChannelMeta(const std::wstring& dir, ChannelMeta& meta) {
+    std::string text;
+    if (!readWholeFile(dir + L"\\channel.txt", text)) return false;
+    meta = ChannelMeta{};
+    size_t pos = 0;
+    bool named = false;
+    while (pos < text.size()) {
+        size_t nl = text.find('\n', pos);
+        if (nl == std::string::npos) nl = text.size();
+        std::string_view line(text.data() + pos, nl - pos);
+        pos = nl + 1;
+        size_t eq = line.find('=');
+        if (eq == std::string_view::npos) continue;
+        std::string_view key = line.substr(0, eq), value = line.substr(eq + 1);
+        if (key == "name") {
+            meta.name = std::string(value);
+            named = true;
+        } else if (auto v = parseUnsigned(value)) {
+            if (key == "incarnation") meta.incarnation = *v;
+            else if (key == "generation") meta.generation = *v;
+            else if (key == "next_record_id") meta.nextRecordId = *v;
+        }
+    }
+    return named;
+}
+
+std::vector<std::string> listChannels(const std::wstring& root) {
+    std::vector<std::string> names;
+    WIN32_FIND_DATAW fd;
+    std::wstring pattern = channelsDir(root) + L"\\*";
+    HANDLE find = FindFirstFileW(pattern.c_str(), &fd);
+    if (find == INVALID_HANDLE_VALUE) return names;
+    do {
+        if (!(fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || fd.cFileName[0] == L'.') continue;
+        ChannelMeta meta;
+        if (readChannelMeta(channelsDir(root) + L"\\" + fd.cFileName, meta)) names.push_back(meta.name);
+    } while (FindNextFileW(find, &fd));
+    FindClose(find);
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return _stricmp(a.c_str(), b.c_str()) < 0;
+    });
+    return names;
+}
+
+bool loadProvider(const std::wstring& root, std::string_view name, ProviderDef& def) {
+    std::string text;
+    if (!readWholeFile(providerPath(root, name), text)) return false;
+    XmlNode doc;
+    if (!parseXml(text, doc) || doc.children[0].localName() != "Provider") return false;
+    const XmlNode& p = doc.children[0];
+    def = ProviderDef{};
+    def.name = p.attr("Name") ? *p.attr("Name") : std::string(name);
+    if (auto g = p.attr("Guid")) def.guid = *g;
+    if (auto d = p.attr("DisplayName")) def.displayName = *d;
+    if (auto r = p.attr("Resources")) def.resources = *r != "false";
+    for (const auto& c : p.children) {
+        std::string_view kind = c.localName();
+        const std::string* message = c.attr("Message");
+        const std::string& text = message ? *message : c.text;
+        if (kind == "Channel") {
+            if (auto n = c.attr("Name")) def.channels[*n] = text;
+            continue;
+        }
+        if (kind == "Keyword") {
+            if (auto m = c.attr("Mask"); m && parseUnsigned(*m)) def.keywords.emplace_back(*parseUnsigned(*m), text);
+            continue;
+        }
+        const std::string* key = c.attr(kind == "Event" || kind == "String" ? "Id" : "Value");
+        auto v = key ? parseUnsigned(*key) : std::nullopt;
+        if (!v) continue;
+        uint32_t id = static_cast<uint32_t>(*v);
+        if (kind == "Level") def.levels[id] = text;
+        else if (kind == "Task") def.tasks[id] = text;
+        else if (kind == "Opcode") def.opcodes[id] = text;
+        else if (kind == "Event") def.events[id] = text;
+        else if (kind == "String") def.strings[id] = text;
+    }
+    return true;
+}
+
+std::string providerXml(const ProviderDef& d) {
+    std::string out = "<Provider Name='";
+    appendEscaped(out, d.name, true);
+    out += "' Guid='" + d.guid + "' DisplayName='";
+    appendEscaped(out, d.displayName, true);
+    out += std::string("' Resources='") + (d.resources ? "true" : "false") + "'>\n";
+    auto item = [&out](const char* kind, const char* keyName, const std::string& key, const std::string& text) {
+        out += std::string("  <") + kind + " " + keyName + "='";
+        appendEscaped(out, key, true);
+        out += "'>";
+        appendEscaped(out, text, false);
+        out += std::string("</") + kind + ">\n";
+    };
+    for (const auto& [n, t] : d.channels) item("Channel", "Name", n, t);
+    for (const auto& [v, t] : d.levels) item("Level", "Value", std::to_string(v), t);
+    for (const auto& [v, t] : d.tasks) item("Task", "Value", std::to_string(v), t);
+    for (const auto& [v, t] : d.opcodes) item("Opcode", "Value", std::to_string(v), t);
+    for (const auto& [m, t] : d.keywords) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(m));
+        item("Keyword", "Mask", buf, t);
+    }
+    for (const auto& [v, t] : d.strings) item("String", "Id", std::to_string(v), t);
+    for (const auto& [v, t] : d.events) item("Event", "Id", std::to_string(v), t);
+    out += "</Provider>\n";
+    return out;
+}
+
+bool prepareEvent(std::string_view xml, uint64_t recordId, std::string_view channel, std::string& out, std::string& error) {
+    XmlNode doc;
+    if (!parseXml(xml, doc, &error)) return false;
+    const XmlNode& ev = doc.children[0];
+    const XmlNode* sys = ev.child("System");
+    if (ev.localName() != "Event" || doc.children.size() != 1 || !sys) {
+        error = "not one <Event> element with <System>";
+        return false;
+    }
+    std::string_view text = xml.substr(ev.begin, ev.end - ev.begin);
+    size_t base = ev.begin;
+    out.clear();
+    std::string idElem = "<EventRecordID>" + std::to_string(recordId) + "</EventRecordID>";
+    const XmlNode* rid = sys->child("EventRecordID");
+    const XmlNode* chan = sys->child("Channel");
+    std::string chanElem;
+    if (!chan) {
+        chanElem = "<Channel>";
+        appendEscaped(chanElem, channel, false);
+        chanElem += "</Channel>";
+    }
+    // Insert or replace, in source order, keeping the rest byte for byte.
+    struct Edit { size_t from, to; std::string with; };
+    std::vector<Edit> edits;
+    size_t sysClose = sys->end - base - (std::string_view("</System>").size());
+    if (rid) edits.push_back({rid->begin - base, rid->end - base, idElem});
+    else edits.push_back({sysClose, sysClose, idElem});
+    if (!chanElem.empty()) edits.push_back({sysClose, sysClose, chanElem});
+    if (text.substr(sysClose, 9) != "</System>" && (!rid || !chanElem.empty())) {
+        error = "<System/> must have an end tag";
+        return false;
+    }
+    std::stable_sort(edits.begin(), edits.end(), [](const Edit& a, const Edit& b) { return a.from < b.from; });
+    size_t pos = 0;
+    for (const auto& e : edits) {
+        out.append(text.substr(pos, e.from - pos));
+        out += e.with;
+        pos = e.to;
+    }
+    out.append(text.substr(pos));
+    return true;
+}
+
+bool StoreWriter::createChannel(std::string_view name, std::string& error) {
+    WriterLock lock(root_);
+    if (!lock.held()) return error = lastErrorText("locking the store"), false;
+    std::wstring dir = channelDir(root_, name);
+    ChannelMeta meta;
+    if (readChannelMeta(dir, meta)) return error = "channel exists", false;
+    if (!makeDirs(dir)) return error = lastErrorText("creating the channel folder"), false;
+    meta = ChannelMeta{std::string(name), newIncarnation(), 0, 1};
+    FileCloser f{CreateFileW(recordsPath(dir, meta).c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                             FILE_ATTRIBUTE_NORMAL, nullptr)};
+    if (f.h == INVALID_HANDLE_VALUE) return error = lastErrorText("creating the records file"), false;
+    if (!writeFileReplacing(dir + L"\\channel.txt", metaText(meta))) return error = lastErrorText("writing channel.txt"), false;
+    return true;
+}
+
+bool StoreWriter::deleteChannel(std::string_view name, std::string& error) {
+    WriterLock lock(root_);
+    if (!lock.held()) return error = lastErrorText("locking the store"), false;
+    std::wstring dir = channelDir(root_, name);
+    ChannelMeta meta;
+    if (!readChannelMeta(dir, meta)) return error = "no such channel", false;
+    // The description goes first: without it the channel no longer exists.
+    DeleteFileW((dir + L"\\channel.txt").c_str());
+    DeleteFileW(recordsPath(dir, meta).c_str());
+    RemoveDirectoryW(dir.c_str());
+    return true;
+}
+
+bool StoreWriter::clearChannel(std::string_view name, std::string& error) {
+    WriterLock lock(root_);
+    if (!lock.held()) return error = lastErrorText("locking the store"), false;
+    std::wstring dir = channelDir(root_, name);
+    ChannelMeta meta;
+    if (!readChannelMeta(dir, meta)) return error = "no such channel", false;
+    ChannelMeta old = meta;
+    ++meta.generation;
+    {
+        FileCloser f{CreateFileW(recordsPath(dir, meta).c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                 CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)};
+        if (f.h == INVALID_HANDLE_VALUE) return error = lastErrorText("creating the records file"), false;
+    }
+    if (!writeFileReplacing(dir + L"\\channel.txt", metaText(meta))) return error = lastErrorText("writing channel.txt"), false;
+    DeleteFileW(recordsPath(dir, old).c_str());
+    return true;
+}
+
+bool StoreWriter::append(std::string_view name, const std::vector<std::string>& events, std::string& error,
+                         uint64_t* firstId, DWORD holdMs) {
+    WriterLock lock(root_);
+    if (!lock.held()) return error = lastErrorText("locking the store"), false;
+    std::wstring dir = channelDir(root_, name);
+    ChannelMeta meta;
+    if (!readChannelMeta(dir, meta)) return error = "no such channel", false;
+    if (firstId) *firstId = meta.nextRecordId;
+    FileCloser f{CreateFileW(recordsPath(dir, meta).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                             nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)};
+    if (f.h == INVALID_HANDLE_VALUE) return error = lastErrorText("opening the records file"), false;
+    // Ids are reserved before the data is written: a crash leaves a gap, never a duplicate.
+    ChannelMeta after = meta;
+    after.nextRecordId += events.size();
+    if (!writeFileReplacing(dir + L"\\channel.txt", metaText(after))) return error = lastErrorText("writing channel.txt"), false;
+    std::string buffer, prepared;
+    uint64_t id = meta.nextRecordId;
+    for (size_t i = 0; i < events.size(); ++i, ++id) {
+        if (!prepareEvent(events[i], id, meta.name, prepared, error)) {
+            error = "event " + std::to_string(i + 1) + ": " + error;
+            writeAll(f.h, buffer);
+            return false;
+        }
+        size_t frameStart = buffer.size();
+        appendFrame(buffer, id, prepared);
+        if (holdMs > 0 && i + 1 == events.size()) {
+            size_t half = frameStart + (buffer.size() - frameStart) / 2;
+            if (!writeAll(f.h, std::string_view(buffer).substr(0, half))) return error = lastErrorText("writing"), false;
+            FlushFileBuffers(f.h);
+            Sleep(holdMs);
+            buffer.erase(0, half);
+        }
+        if (buffer.size() >= (4u << 20) || i + 1 == events.size()) {
+            if (!writeAll(f.h, buffer)) return error = lastErrorText("writing"), false;
+            buffer.clear();
+        }
+    }
+    return true;
+}
+
+bool StoreWriter::writeProvider(const ProviderDef& def, std::string& error) {
+    WriterLock lock(root_);
+    if (!lock.held()) return error = lastErrorText("locking the store"), false;
+    if (!makeDirs(root_ + L"\\providers")) return error = lastErrorText("creating providers folder"), false;
+    if (!writeFileReplacing(providerPath(root_, def.name), providerXml(def))) return error = lastErrorText("writing provider"), false;
+    return true;
+}
+
+bool StoreWriter::writeFaults(std::string_view text, std::string& error) {
+    makeDirs(root_);
+    if (!writeFileReplacing(root_ + L"\\faults.txt", text)) return error = lastErrorText("writing faults.txt"), false;
+    return true;
+}
+
+}  // namespace evtsim

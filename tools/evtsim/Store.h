@@ -1,0 +1,94 @@
+#pragma once
+// The file-backed store: one folder per channel holding its description and one
+// append-only file of framed records, one XML file per provider, and an optional
+// fault file. Writers serialise on a lock file; readers take no lock and only ever
+// serve frames whose trailer is on disk.
+
+#include <windows.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace evtsim {
+
+struct ChannelMeta {
+    std::string name;
+    uint64_t incarnation = 0;   // changes when a channel is deleted and made again
+    uint64_t generation = 0;    // counts clears; names the records file
+    uint64_t nextRecordId = 1;  // survives clears
+};
+
+// Frame: "EVR1 " + 20-digit record id + " " + 10-digit payload length + "\n",
+// the UTF-8 event XML, then the commit trailer "\nEVRC\n".
+constexpr size_t kFrameHeaderSize = 37;
+constexpr std::string_view kFrameTrailer = "\nEVRC\n";
+
+struct FrameRef {
+    uint64_t recordId;
+    size_t payloadOffset;
+    uint32_t payloadSize;
+};
+
+// Complete frames at the start of `data`; returns the bytes they span. `partial`
+// tells whether bytes follow that do not (yet) form a complete frame; `corrupt`
+// whether those bytes can never become one.
+size_t scanFrames(std::string_view data, std::vector<FrameRef>& out, bool& partial, bool& corrupt);
+void appendFrame(std::string& out, uint64_t recordId, std::string_view xml);
+
+std::wstring storeRootFromEnvironment();  // EVTSIM_STORE, empty when unset
+std::wstring channelsDir(const std::wstring& root);
+std::wstring channelDir(const std::wstring& root, std::string_view name);
+
+std::wstring recordsPath(const std::wstring& channelDir, const ChannelMeta& meta);
+std::wstring providerPath(const std::wstring& root, std::string_view name);
+
+bool readChannelMeta(const std::wstring& channelDir, ChannelMeta& meta);
+// Names (as stored) of every channel, sorted case-insensitively.
+std::vector<std::string> listChannels(const std::wstring& root);
+
+bool readWholeFile(const std::wstring& path, std::string& out);
+
+// Provider resources as read from providers/<name>.xml.
+struct ProviderDef {
+    std::string name;
+    std::string guid;
+    std::string displayName;     // empty: no publisher message
+    bool resources = true;       // false: resources missing for the current locale
+    std::map<uint32_t, std::string> levels, opcodes, tasks, events, strings;
+    std::vector<std::pair<uint64_t, std::string>> keywords;
+    std::map<std::string, std::string> channels;  // channel name -> display text
+};
+bool loadProvider(const std::wstring& root, std::string_view name, ProviderDef& def);
+std::string providerXml(const ProviderDef& def);
+
+// Changes to the store, serialised across processes by <root>\.lock.
+class StoreWriter {
+public:
+    explicit StoreWriter(std::wstring root) : root_(std::move(root)) {}
+    const std::wstring& root() const { return root_; }
+
+    bool createChannel(std::string_view name, std::string& error);
+    bool deleteChannel(std::string_view name, std::string& error);
+    bool clearChannel(std::string_view name, std::string& error);
+    // Appends events (each one <Event> element as UTF-8 text), giving each the next
+    // record id (EventRecordID is written into the text; Channel when missing).
+    // `holdMs` > 0 writes the last frame in two halves with a pause between, for
+    // tests that a half-written record is never served.
+    bool append(std::string_view name, const std::vector<std::string>& events, std::string& error,
+                uint64_t* firstId = nullptr, DWORD holdMs = 0);
+    bool writeProvider(const ProviderDef& def, std::string& error);
+    bool writeFaults(std::string_view text, std::string& error);
+
+private:
+    std::wstring root_;
+};
+
+// Rewrites EventRecordID (and Channel when absent) in one event's XML.
+bool prepareEvent(std::string_view xml, uint64_t recordId, std::string_view channel, std::string& out,
+                  std::string& error);
+
+}  // namespace evtsim

@@ -1,1 +1,0 @@
-int evtsimPlaceholder() { return 0; }
