@@ -1,0 +1,366 @@
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <cwchar>
+#include <vector>
+
+#include "EvtsimInProcess.h"
+#include "LogCapture.h"
+#include "channel/WinEventLogChannelBase.h"
+#include "directory/SidLookupCache.h"
+#include "platform/Clock.h"
+#include "platform/Strings.h"
+
+namespace skorva {
+namespace {
+
+using Fields = std::vector<std::pair<std::wstring, std::wstring>>;
+
+// Records the flags of every EvtFormatMessage call on the way to evtsim.
+struct FormatSpy {
+    static decltype(&::EvtFormatMessage)& real() {
+        static decltype(&::EvtFormatMessage) fn = nullptr;
+        return fn;
+    }
+    static std::vector<DWORD>& flags() {
+        static std::vector<DWORD> f;
+        return f;
+    }
+    static BOOL WINAPI call(EVT_HANDLE pub, EVT_HANDLE ev, DWORD id, DWORD n, PEVT_VARIANT v, DWORD flag, DWORD size,
+                            LPWSTR buf, PDWORD used) {
+        flags().push_back(flag);
+        return real()(pub, ev, id, n, v, flag, size, buf, used);
+    }
+    static void install() {
+        flags().clear();
+        real() = apiTable().evt.EvtFormatMessage;
+        apiTable().evt.EvtFormatMessage = &call;
+    }
+};
+
+evtsim::ProviderDef auditProvider() {
+    evtsim::ProviderDef def;
+    def.name = "Test-Auditing";
+    def.guid = "{11111111-2222-3333-4444-555555555555}";
+    def.displayName = "Test security auditing";
+    def.levels = {{0, "Information"}};
+    def.tasks = {{12544, "Logon"}};
+    def.opcodes = {{0, "Info"}};
+    def.strings = {{77, "Custom step"}};
+    def.keywords = {{0x0020000000000000ull, "Audit Success"}, {0x10, "Interactive"}};
+    def.events = {{4624, "An account logged on.%n%tAccount Name:%t%1%n%tLogon Type:%t%2"}, {1, "%1"}};
+    return def;
+}
+
+evtsim::EventSpec logonEvent() {
+    evtsim::EventSpec e;
+    e.provider = "Test-Auditing";
+    e.eventId = 4624;
+    e.level = 0;
+    e.task = 12544;
+    e.opcode = 0;
+    e.keywords = 0x0020000000000010ull;
+    e.userSid = "S-1-5-18";
+    e.data = {{"TargetUserName", "alice"}, {"LogonType", "2"}};
+    return e;
+}
+
+std::wstring expectedTimestamp(std::time_t t) {
+    std::tm local = *std::localtime(&t);
+    wchar_t text[128];
+    const size_t n = std::wcsftime(text, 128, L"%m/%d/%Y %I:%M:%S %p", &local);
+    return std::wstring(text, n);
+}
+
+class RenderingTest : public ::testing::Test {
+protected:
+    RenderingTest() : scoped_(clock_) {
+        store_.createChannel("Security");
+        store_.createChannel("ForwardedEvents");
+        store_.addProvider(auditProvider());
+    }
+
+    // Reads every event of `channel` through a channel reader with `settings`.
+    std::vector<EventRecord> readAll(const char* channel, const ChannelSettings& settings = ChannelSettings(),
+                                     std::vector<DWORD>* results = nullptr) {
+        channel_ = std::make_unique<WinEventLogChannelBase>(channel, settings);
+        EXPECT_TRUE(channel_->setRenderContext());
+        const EvtApi& api = apiTable().evt;
+        UniqueEvtHandle query(api.EvtQuery(nullptr, widen(channel).c_str(), nullptr,
+                                           EvtQueryChannelPath | EvtQueryForwardDirection));
+        EXPECT_TRUE(query.valid());
+        std::vector<EventRecord> out;
+        EVT_HANDLE handles[16];
+        DWORD returned = 0;
+        while (api.EvtNext(query.get(), 16, handles, INFINITE, 0, &returned)) {
+            for (DWORD i = 0; i < returned; ++i) {
+                EventRecord record;
+                record.handle.reset(handles[i]);
+                DWORD rc = channel_->renderEvent(record, values_, valuesSize_);
+                if (rc == 0)
+                    rc = channel_->setEventProperties(reinterpret_cast<const EVT_VARIANT*>(values_.data()), record);
+                if (results) results->push_back(rc);
+                out.push_back(std::move(record));
+            }
+        }
+        return out;
+    }
+
+    EventRecord readOne(const char* channel, const ChannelSettings& settings = ChannelSettings()) {
+        auto all = readAll(channel, settings);
+        EXPECT_EQ(all.size(), 1u);
+        return all.empty() ? EventRecord() : std::move(all.front());
+    }
+
+    static std::vector<std::wstring> keys(const Fields& fields) {
+        std::vector<std::wstring> k;
+        for (const auto& f : fields) k.push_back(f.first);
+        return k;
+    }
+
+    ManualClock clock_;
+    ScopedClock scoped_;
+    test::EvtsimStore store_;
+    test::LogCapture log_;
+    std::unique_ptr<WinEventLogChannelBase> channel_;
+    std::vector<uint8_t> values_;
+    DWORD valuesSize_ = 0;
+};
+
+TEST_F(RenderingTest, ClassicFieldsOfASecurityEventInOrder) {
+    store_.append("Security", logonEvent());
+    EventRecord r = readOne("Security");
+    const Fields expected = {
+        {L"$Timestamp", expectedTimestamp(1706735107)},
+        {L"LogName", L"Security"},
+        {L"EventCode", L"4624"},
+        {L"EventType", L"0"},
+        {L"ComputerName", L"host.example.test"},
+        {L"User", L"NOT_TRANSLATED"},
+        {L"Sid", L"S-1-5-18"},
+        {L"SidType", L"0"},
+        {L"SourceName", L"Test security auditing"},
+        {L"Type", L"Information"},
+        {L"RecordNumber", L"1"},
+        {L"Keywords", L"Audit Success, Interactive"},
+        {L"TaskCategory", L"Logon"},
+        {L"OpCode", L"Info"},
+    };
+    EXPECT_EQ(r.fields, expected);
+    EXPECT_EQ(r.message, L"An account logged on.\r\n\tAccount Name:\talice\r\n\tLogon Type:\t2");
+    EXPECT_EQ(r.time, 1706735107u);
+    EXPECT_EQ(r.eventCode, 4624u);
+    EXPECT_EQ(r.publisher, L"Test-Auditing");
+    EXPECT_TRUE(log_.has(LogLevel::Info, "WinEventLogChannelBase::setEventProperties: Get message description of "
+                                         "event log, channel='Security', rec_id=1"));
+}
+
+TEST_F(RenderingTest, UserSidIsTranslatedWhenResolutionIsOn) {
+    SidLookupCache::instance().clear();
+    store_.append("Security", logonEvent());
+    ChannelSettings s;
+    s.resolveAdObj = true;
+    EventRecord r = readOne("Security", s);
+    ASSERT_GE(r.fields.size(), 8u);
+    EXPECT_EQ(r.fields[5], (std::pair<std::wstring, std::wstring>(L"User", L"NT AUTHORITY\\SYSTEM")));
+    EXPECT_EQ(r.fields[6].second, L"S-1-5-18");
+    EXPECT_EQ(r.fields[7].second, std::to_wstring(SidTypeWellKnownGroup));
+}
+
+TEST_F(RenderingTest, EachSuppressSwitchLeavesOutItsFieldOnly) {
+    store_.append("Security", logonEvent());
+    const std::vector<std::wstring> all = {L"$Timestamp", L"LogName",     L"EventCode",    L"EventType",
+                                           L"ComputerName", L"User",      L"Sid",          L"SidType",
+                                           L"SourceName", L"Type",        L"RecordNumber", L"Keywords",
+                                           L"TaskCategory", L"OpCode"};
+    const struct {
+        bool ChannelSettings::*flag;
+        const wchar_t* field;
+    } cases[] = {{&ChannelSettings::suppressSourceName, L"SourceName"}, {&ChannelSettings::suppressType, L"Type"},
+                 {&ChannelSettings::suppressKeywords, L"Keywords"},     {&ChannelSettings::suppressTask, L"TaskCategory"},
+                 {&ChannelSettings::suppressOpcode, L"OpCode"},         {&ChannelSettings::suppressText, nullptr}};
+    for (const auto& c : cases) {
+        log_.clear();
+        ChannelSettings s;
+        s.*c.flag = true;
+        EventRecord r = readOne("Security", s);
+        std::vector<std::wstring> want = all;
+        if (c.field) want.erase(std::find(want.begin(), want.end(), c.field));
+        EXPECT_EQ(keys(r.fields), want) << (c.field ? narrow(c.field) : "text");
+        EXPECT_EQ(r.message.empty(), c.field == nullptr);
+        EXPECT_EQ(log_.contains("Get message description"), c.field != nullptr);
+    }
+}
+
+TEST_F(RenderingTest, ExcludedFieldsAreAbsentAndTheRestKeepTheirOrder) {
+    store_.append("Security", logonEvent());
+    ChannelSettings s;
+    s.excludedFields = {L"EventType", L"Sid", L"Keywords"};
+    EventRecord r = readOne("Security", s);
+    const std::vector<std::wstring> want = {L"$Timestamp", L"LogName",    L"EventCode",    L"ComputerName",
+                                            L"User",       L"SidType",    L"SourceName",   L"Type",
+                                            L"RecordNumber", L"TaskCategory", L"OpCode"};
+    EXPECT_EQ(keys(r.fields), want);
+}
+
+TEST_F(RenderingTest, TaskZeroIsNoneWithoutAFormattingCall) {
+    evtsim::EventSpec e = logonEvent();
+    e.task = 0;
+    store_.append("Security", e);
+    FormatSpy::install();
+    EventRecord r = readOne("Security");
+    apiTable().evt.EvtFormatMessage = FormatSpy::real();
+    EXPECT_EQ(std::count(FormatSpy::flags().begin(), FormatSpy::flags().end(), DWORD(EvtFormatMessageTask)), 0);
+    auto it = std::find_if(r.fields.begin(), r.fields.end(), [](const auto& f) { return f.first == L"TaskCategory"; });
+    ASSERT_NE(it, r.fields.end());
+    EXPECT_EQ(it->second, L"None");
+}
+
+TEST_F(RenderingTest, UnknownTaskFallsBackToItsNumber) {
+    evtsim::EventSpec e = logonEvent();
+    e.task = 999;
+    store_.append("Security", e);
+    EventRecord r = readOne("Security");
+    EXPECT_EQ(r.fields[12], (std::pair<std::wstring, std::wstring>(L"TaskCategory", L"999")));
+}
+
+TEST_F(RenderingTest, OpcodeFallsBackToTheMessageIdThenToNone) {
+    evtsim::EventSpec e = logonEvent();
+    e.opcode = 77;  // not an opcode of the provider, but one of its message strings
+    store_.append("Security", e);
+    e.opcode = 78;  // neither
+    store_.append("Security", e);
+    auto records = readAll("Security");
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].fields[13], (std::pair<std::wstring, std::wstring>(L"OpCode", L"Custom step")));
+    EXPECT_EQ(records[1].fields[13], (std::pair<std::wstring, std::wstring>(L"OpCode", L"None")));
+    EXPECT_EQ(log_.count(LogLevel::Info, "WinEventLogChannelBase::setEventProperties: Failed to format opCode of "
+                                         "event log, channel='Security', rec_id=2"),
+              1u);
+}
+
+TEST_F(RenderingTest, ProviderWithoutMetadataUsesRawNamesAndPlaceholderData) {
+    evtsim::EventSpec e = logonEvent();
+    e.provider = "Not-Registered";
+    e.task = 5;
+    store_.append("Security", e);
+    store_.append("Security", e);
+    auto records = readAll("Security");
+    ASSERT_EQ(records.size(), 2u);
+    const Fields tail(records[1].fields.begin() + 8, records[1].fields.end());
+    const Fields expected = {{L"SourceName", L"Not-Registered"},
+                             {L"RecordNumber", L"2"},
+                             {L"Keywords", L"None"},
+                             {L"TaskCategory", L"5"},
+                             {L"OpCode", L"None"}};
+    EXPECT_EQ(tail, expected);
+    EXPECT_EQ(records[1].message, L"alice\n2\n");
+    EXPECT_EQ(log_.count(LogLevel::Info, "WinEventLogChannelBase::getPublisherMetadata: Failed to open publisher "
+                                         "metadata provider 'Not-Registered' for event log, channel='Security'"),
+              1u)
+        << "the failed open is remembered";
+    EXPECT_TRUE(log_.contains("The event is not pre-rendered and there is an invalid or non-existent provider"));
+}
+
+TEST_F(RenderingTest, ForwardedEventIsFormattedFromItsRenderingInformation) {
+    evtsim::EventSpec e = logonEvent();
+    e.provider = "Remote-Provider";
+    e.channel = "Security";
+    e.rendering = true;
+    e.renderMessage = "Remote text of the event.";
+    e.renderLevel = "Information";
+    e.renderTask = "Logon";
+    e.renderOpcode = "Info";
+    e.renderProvider = "Remote security auditing";
+    e.renderKeywords = {"Audit Success"};
+    store_.append("ForwardedEvents", e);
+    EventRecord r = readOne("ForwardedEvents");
+    const Fields tail(r.fields.begin() + 8, r.fields.end());
+    const Fields expected = {{L"SourceName", L"Remote security auditing"},
+                             {L"Type", L"Information"},
+                             {L"RecordNumber", L"1"},
+                             {L"Keywords", L"Audit Success"},
+                             {L"TaskCategory", L"Logon"},
+                             {L"OpCode", L"Info"}};
+    EXPECT_EQ(tail, expected);
+    EXPECT_EQ(r.fields[1].second, L"Security");
+    EXPECT_EQ(r.message, L"Remote text of the event.");
+}
+
+TEST_F(RenderingTest, MissingLocaleFallsBackToTheEventsRenderingInformation) {
+    evtsim::ProviderDef def = auditProvider();
+    def.name = "No-Locale";
+    def.resources = false;
+    store_.addProvider(def);
+    evtsim::EventSpec e = logonEvent();
+    e.provider = "No-Locale";
+    e.rendering = true;
+    e.renderMessage = "Embedded message.";
+    store_.append("Security", e);
+    EventRecord r = readOne("Security");
+    EXPECT_EQ(r.message, L"Embedded message.");
+    EXPECT_TRUE(log_.contains("EvtFormatMessage failed because the locale specific resource for the desired "
+                              "message is not present - trying to render event using embedded renderInfo: "
+                              "error=15033, channel='Security', dataCount='2'"));
+}
+
+TEST_F(RenderingTest, LargeMessageGrowsTheFormatBufferOnce) {
+    evtsim::EventSpec e = logonEvent();
+    e.eventId = 1;
+    const std::string big(64 * 1024, 'm');
+    e.data = {{"Text", big}};
+    store_.append("Security", e);
+    e.data = {{"Text", "small"}};
+    store_.append("Security", e);
+    store_.append("Security", e);
+    FormatSpy::install();
+    auto records = readAll("Security");
+    apiTable().evt.EvtFormatMessage = FormatSpy::real();
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records[0].message, widen(big));
+    EXPECT_EQ(records[1].message, L"small");
+    // 6 formatted fields per event plus the one retry after the buffer grew.
+    EXPECT_EQ(FormatSpy::flags().size(), 3u * 6u + 1u);
+}
+
+TEST_F(RenderingTest, ValuesBufferIsOverAllocatedOnceAndReused) {
+    store_.append("Security", logonEvent());
+    store_.append("Security", logonEvent());
+    channel_ = std::make_unique<WinEventLogChannelBase>("Security", ChannelSettings());
+    ASSERT_TRUE(channel_->setRenderContext());
+    auto records = readAll("Security");
+    ASSERT_EQ(records.size(), 2u);
+    ASSERT_GT(valuesSize_, 0u);
+    EXPECT_EQ(values_.size(), static_cast<size_t>(valuesSize_) * 16);
+}
+
+TEST_F(RenderingTest, XmlRenderingAndABadHandle) {
+    store_.append("Security", logonEvent());
+    auto records = readAll("Security");
+    ASSERT_EQ(records.size(), 1u);
+    ASSERT_EQ(channel_->renderEventAsXml(records[0]), 0u);
+    EXPECT_EQ(records[0].xml.rfind(L"<Event xmlns=", 0), 0u);
+    EXPECT_NE(records[0].xml.find(L"<EventID>4624</EventID>"), std::wstring::npos);
+
+    EventRecord bad;
+    bad.handle.reset(reinterpret_cast<EVT_HANDLE>(0x7777));
+    EXPECT_EQ(channel_->renderEventAsXml(bad), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(log_.contains("WinEventLogChannelBase::renderEventAsXml (2476) : Failed to render event from "
+                              "channel='Security'"));
+    EXPECT_EQ(channel_->renderEvent(bad, values_, valuesSize_), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(log_.contains("WinEventLogChannelBase::renderEvent (2530): Failed to render event"));
+    bad.handle.release();
+}
+
+TEST_F(RenderingTest, InvalidHandleWhileFormattingIsPassedUp) {
+    store_.append("Security", logonEvent());
+    store_.setFaults("EvtFormatMessage=6");
+    std::vector<DWORD> results;
+    auto records = readAll("Security", ChannelSettings(), &results);
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_EQ(results[0], static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(keys(records[0].fields).back(), L"SourceName") << "stops at the level";
+}
+
+}  // namespace
+}  // namespace skorva
