@@ -1,0 +1,159 @@
+// EvtCreateRenderContext and EvtRender: variant types and layout, XML, sizes.
+#include "EvtsimTestUtil.h"
+
+#include <sddl.h>
+
+#include <cstring>
+
+using namespace evtsim_test;
+using skorva::test::EvtsimStore;
+
+namespace {
+
+class RenderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        store.createChannel("Security");
+        evtsim::EventSpec e = spec(4624, {{"SubjectUserSid", "S-1-5-18"}, {"TargetUserName", "jürgen"}});
+        e.provider = "Microsoft-Windows-Security-Auditing";
+        e.providerGuid = "{54849625-5478-4994-a5ba-3e3b0328c30d}";
+        e.level = 0;
+        e.task = 12544;
+        e.opcode = 0;
+        e.keywords = 0x8020000000000000ull;
+        e.timeCreated = "2024-01-31T21:05:07.1234567Z";
+        e.computer = "DC01.corp.example.test";
+        e.userSid = "S-1-5-21-1-2-3-500";
+        store.append("Security", e);
+        UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"Security", L"*", EvtQueryChannelPath));
+        auto events = readAll(q.get());
+        ASSERT_EQ(1u, events.size());
+        event = std::move(events[0]);
+    }
+    EvtsimStore store;
+    UniqueEvtHandle event;
+};
+
+// The channel reader's eleven paths.
+const wchar_t* kPaths[] = {
+    L"Event/System/EventRecordID", L"Event/System/TimeCreated/@SystemTime", L"Event/System/Channel",
+    L"Event/System/Provider/@Name", L"Event/System/EventID",  L"Event/System/Level",
+    L"Event/System/Computer",      L"Event/System/Security/@UserID", L"Event/System/Task",
+    L"Event/System/Opcode",        L"Event/System/Keywords",
+};
+
+TEST_F(RenderTest, ElevenSystemPathsHaveTheServiceTypes) {
+    UniqueEvtHandle ctx(evtsim::EvtCreateRenderContext(11, const_cast<LPCWSTR*>(kPaths), EvtRenderContextValues));
+    ASSERT_TRUE(ctx);
+    DWORD used = 0, count = 0;
+    EXPECT_FALSE(evtsim::EvtRender(ctx.get(), event.get(), EvtRenderEventValues, 0, nullptr, &used, &count));
+    EXPECT_EQ(122u, GetLastError());
+    // Variants, then "Security" and the provider and computer names, then the 4-aligned SID (1 + 5 sub-authorities).
+    size_t strings = (9 + 36 + 23) * sizeof(wchar_t);
+    size_t expected = ((11 * 16 + strings + 3) / 4) * 4 + 8 + 4 * 5;
+    EXPECT_EQ(expected, used);
+    EXPECT_EQ(11u, count);
+    std::vector<BYTE> buf(used);
+    ASSERT_TRUE(evtsim::EvtRender(ctx.get(), event.get(), EvtRenderEventValues, used, buf.data(), &used, &count));
+    auto* v = reinterpret_cast<EVT_VARIANT*>(buf.data());
+    EXPECT_EQ(16u, sizeof(EVT_VARIANT));
+    const DWORD types[] = {10, 17, 1, 1, 6, 4, 1, 19, 6, 4, 21};
+    for (int i = 0; i < 11; ++i) EXPECT_EQ(types[i], v[i].Type) << i;
+    EXPECT_EQ(1u, v[0].UInt64Val);
+    EXPECT_EQ(133512087071234567ull, v[1].FileTimeVal);
+    EXPECT_STREQ(L"Security", v[2].StringVal);
+    EXPECT_STREQ(L"Microsoft-Windows-Security-Auditing", v[3].StringVal);
+    EXPECT_EQ(4624, v[4].UInt16Val);
+    EXPECT_EQ(0, v[5].ByteVal);
+    EXPECT_STREQ(L"DC01.corp.example.test", v[6].StringVal);
+    EXPECT_EQ(12544, v[8].UInt16Val);
+    EXPECT_EQ(0x8020000000000000ull, v[10].UInt64Val);
+    // Pointers lead into the caller's buffer, after the variant array.
+    auto inBuffer = [&](const void* p) { return p >= buf.data() + 11 * 16 && p < buf.data() + buf.size(); };
+    EXPECT_TRUE(inBuffer(v[2].StringVal));
+    EXPECT_TRUE(inBuffer(v[7].SidVal));
+    wchar_t* sidText = nullptr;
+    ASSERT_TRUE(ConvertSidToStringSidW(v[7].SidVal, &sidText));
+    EXPECT_STREQ(L"S-1-5-21-1-2-3-500", sidText);
+    LocalFree(sidText);
+}
+
+TEST_F(RenderTest, SystemContextGivesEighteenValuesMissingOnesNull) {
+    UniqueEvtHandle ctx(evtsim::EvtCreateRenderContext(0, nullptr, EvtRenderContextSystem));
+    DWORD used = 0, count = 0;
+    evtsim::EvtRender(ctx.get(), event.get(), EvtRenderEventValues, 0, nullptr, &used, &count);
+    std::vector<BYTE> buf(used);
+    ASSERT_TRUE(evtsim::EvtRender(ctx.get(), event.get(), EvtRenderEventValues, used, buf.data(), &used, &count));
+    ASSERT_EQ(static_cast<DWORD>(EvtSystemPropertyIdEND), count);
+    auto* v = reinterpret_cast<EVT_VARIANT*>(buf.data());
+    EXPECT_EQ(EvtVarTypeGuid, v[EvtSystemProviderGuid].Type);
+    EXPECT_EQ(0x54849625u, v[EvtSystemProviderGuid].GuidVal->Data1);
+    EXPECT_EQ(EvtVarTypeNull, v[EvtSystemQualifiers].Type);
+    EXPECT_EQ(EvtVarTypeNull, v[EvtSystemActivityID].Type);
+    EXPECT_EQ(EvtVarTypeUInt32, v[EvtSystemProcessID].Type);
+    EXPECT_EQ(EvtVarTypeByte, v[EvtSystemVersion].Type);
+    EXPECT_EQ(EvtVarTypeSid, v[EvtSystemUserID].Type);
+}
+
+TEST_F(RenderTest, UserContextAndDataPathsAreStrings) {
+    UniqueEvtHandle user(evtsim::EvtCreateRenderContext(0, nullptr, EvtRenderContextUser));
+    EVT_VARIANT v[16];
+    DWORD used = 0, count = 0;
+    ASSERT_TRUE(evtsim::EvtRender(user.get(), event.get(), EvtRenderEventValues, sizeof v, v, &used, &count));
+    ASSERT_EQ(2u, count);
+    EXPECT_STREQ(L"S-1-5-18", v[0].StringVal);
+    EXPECT_STREQ(L"jürgen", v[1].StringVal);
+
+    LPCWSTR paths[] = {L"Event/EventData/Data[@Name='TargetUserName']", L"Event/EventData/Data[1]",
+                       L"Event/EventData/Data[@Name='Nope']"};
+    UniqueEvtHandle ctx(evtsim::EvtCreateRenderContext(3, paths, EvtRenderContextValues));
+    ASSERT_TRUE(evtsim::EvtRender(ctx.get(), event.get(), EvtRenderEventValues, sizeof v, v, &used, &count));
+    EXPECT_STREQ(L"jürgen", v[0].StringVal);
+    EXPECT_STREQ(L"S-1-5-18", v[1].StringVal);
+    EXPECT_EQ(EvtVarTypeNull, v[2].Type);
+}
+
+TEST_F(RenderTest, XmlIsTerminatedUtf16SizedInBytes) {
+    DWORD used = 0, count = 7;
+    EXPECT_FALSE(evtsim::EvtRender(nullptr, event.get(), EvtRenderEventXml, 0, nullptr, &used, &count));
+    EXPECT_EQ(122u, GetLastError());
+    std::wstring xml = renderXml(event.get());
+    EXPECT_EQ((xml.size() + 1) * 2, used);
+    EXPECT_EQ(0u, xml.find(L"<Event xmlns='http://schemas.microsoft.com/win/2004/08/events/event'><System>"));
+    EXPECT_NE(std::wstring::npos, xml.find(L"<EventRecordID>1</EventRecordID>"));
+    EXPECT_NE(std::wstring::npos, xml.find(L"<Channel>Security</Channel>"));
+    EXPECT_NE(std::wstring::npos, xml.find(L"jürgen"));
+    // One byte short still fails with the full size.
+    std::vector<BYTE> buf(used);
+    EXPECT_FALSE(evtsim::EvtRender(nullptr, event.get(), EvtRenderEventXml, used - 1, buf.data(), &used, &count));
+    EXPECT_EQ(122u, GetLastError());
+    EXPECT_EQ((xml.size() + 1) * 2, used);
+}
+
+TEST_F(RenderTest, Misuse) {
+    UniqueEvtHandle ctx(evtsim::EvtCreateRenderContext(0, nullptr, EvtRenderContextSystem));
+    BYTE buf[4096];
+    DWORD used = 0, count = 0;
+    struct Case {
+        EVT_HANDLE context;
+        EVT_HANDLE fragment;
+        DWORD flags;
+        DWORD error;
+    } cases[] = {
+        {nullptr, event.get(), EvtRenderEventValues, 87},
+        {ctx.get(), event.get(), EvtRenderEventXml, 87},
+        {nullptr, event.get(), EvtRenderBookmark, 87},
+        {nullptr, reinterpret_cast<EVT_HANDLE>(0x77), EvtRenderEventXml, 6},
+        {ctx.get(), ctx.get(), EvtRenderEventValues, 87},
+    };
+    for (const auto& c : cases) {
+        EXPECT_FALSE(evtsim::EvtRender(c.context, c.fragment, c.flags, sizeof buf, buf, &used, &count));
+        EXPECT_EQ(c.error, GetLastError());
+    }
+    LPCWSTR bad[] = {L"System/EventID"};
+    EXPECT_EQ(nullptr, evtsim::EvtCreateRenderContext(1, bad, EvtRenderContextValues));
+    EXPECT_EQ(nullptr, evtsim::EvtCreateRenderContext(0, nullptr, 7));
+    EXPECT_EQ(87u, GetLastError());
+}
+
+}  // namespace

@@ -1,0 +1,1 @@
+target_link_libraries(unit_evtsim PRIVATE advapi32)
