@@ -1,0 +1,67 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "SampleEvents.h"
+#include "monitor/EventTextLookup.h"
+
+using namespace skorva;
+using namespace skorva::test;
+
+namespace {
+
+struct Case {
+    const char* event;
+    bool xml;
+    const char* key;
+    bool found;
+    std::string value;
+};
+
+const std::string kLogonMessage =
+    "An account was successfully logged on.\n\nSubject:\n\tSecurity ID:\t\tS-1-5-18\n\tAccount Name:\t\tDC01$\n\n"
+    "Logon Information:\n\tLogon Type:\t\t3\nDetail=not a field, part of the message";
+
+}  // namespace
+
+TEST(EventTextLookup, FindsKeysInClassicTextAndXml) {
+    const Case cases[] = {
+        {kClassicLogon, false, "EventCode", true, "4624"},
+        {kClassicLogon, false, "LogName", true, "Security"},
+        {kClassicLogon, false, "SourceName", true, "Microsoft Windows security auditing."},
+        {kClassicLogon, false, "Message", true, kLogonMessage},
+        {kClassicLogon, false, "Event", false, ""},       // prefix of EventCode/EventType, not a key
+        {kClassicLogon, false, "Detail", false, ""},      // a line of the message body
+        {kClassicLogon, false, "Account Name", false, ""},
+        {kClassicFailedLogonCrLf, false, "EventCode", true, "4625"},
+        {kClassicFailedLogonCrLf, false, "Message", true, "An account failed to log on.\r\n\tLogon Type:\t\t10"},
+        {kXmlLogon, true, "EventCode", true, "4624"},
+        {kXmlLogon, true, "SourceName", true, "Microsoft-Windows-Security-Auditing"},
+        {kXmlLogon, true, "LogName", true, "Security"},
+        {kXmlLogon, true, "ComputerName", true, "dc01.corp.example"},
+        {kXmlLogon, true, "RecordNumber", true, "386038"},
+        {kXmlLogon, true, "Keywords", true, "0x8020000000000000"},
+        {kXmlLogon, true, "TaskCategory", true, "12544"},
+        {kXmlLogon, true, "Type", true, "0"},  // the System level, not RenderingInfo's
+        {kXmlLogon, true, "Sid", true, "S-1-5-18"},
+        {kXmlLogon, true, "Message", true, "An account was successfully logged on."},
+        {kXmlLogon, true, "TargetUserName", true, "bob"},
+        {kXmlLogon, true, "Empty", true, ""},
+        {kXmlLogon, true, "IpAddress", true, "10.1.2.3"},
+        {kXmlLogon, true, "Target", false, ""},
+        {kXmlLogon, true, "$XmlRegex0", true, kXmlLogon},
+        {kXmlLogCleared, true, "SubjectUserName", true, "admin"},
+        {kXmlLogCleared, true, "EventCode", true, "1102"},
+        {kXmlLogCleared, true, "Sid", false, ""},
+        {kXmlLogCleared, true, "Message", false, ""},
+        {kXmlLogCleared, true, "TargetUserName", false, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.key) + (c.xml ? " (xml)" : " (classic)"));
+        std::string_view value;
+        ASSERT_EQ(lookupEventValue(c.event, c.xml, c.key, value), c.found);
+        if (c.found) {
+            EXPECT_EQ(value, c.value);
+        }
+    }
+}
