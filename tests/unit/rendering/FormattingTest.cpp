@@ -1,0 +1,145 @@
+#include <gtest/gtest.h>
+
+#include "RenderFixture.h"
+
+namespace skorva {
+namespace {
+
+using namespace test;
+
+class FormattingTest : public RenderingTest {
+protected:
+    void SetUp() override {
+        store_.append("Security", logonEvent());
+        records_ = readAll("Security");
+        ASSERT_EQ(records_.size(), 1u);
+        metadata_ = channel_->getPublisherMetadata(L"Test-Auditing");
+        ASSERT_NE(metadata_, nullptr);
+        log_.clear();
+    }
+    bool format(DWORD flag, std::wstring& out) {
+        return channel_->formatMessageByFlag(metadata_, records_[0].handle.get(), flag, DWORD(-1), out);
+    }
+    std::vector<EventRecord> records_;
+    EVT_HANDLE metadata_ = nullptr;
+};
+
+TEST_F(FormattingTest, ServiceOutagesAreRetriedThirtyTimesThenGivenUp) {
+    const struct {
+        const char* fault;
+        const char* loopLine;
+    } cases[] = {{"EvtFormatMessage=1717", "EvtFormatMessage in RPC_S_UNKNOWN_IF loop"},
+                 {"EvtFormatMessage=87", "EvtFormatMessage in ERROR_INVALID_PARAMETER loop"}};
+    for (const auto& c : cases) {
+        ManualClock clock;
+        ScopedClock scoped(clock);
+        log_.clear();
+        store_.setFaults(c.fault);
+        FormatSpy::install();
+        std::wstring out;
+        EXPECT_FALSE(format(EvtFormatMessageLevel, out)) << c.fault;
+        apiTable().evt.EvtFormatMessage = FormatSpy::real();
+        EXPECT_EQ(FormatSpy::flags().size(), 30u);
+        EXPECT_EQ(clock.sleeps(), 29u);
+        EXPECT_EQ(clock.slept(), 58000u);
+        EXPECT_EQ(log_.count(LogLevel::Warn, "WinEventLogChannelBase::formatMessageByFlag: EvtFormatMessage failed "
+                                             "to render event data for channel='Security' after one minute. Marking "
+                                             "event data as unavailable"),
+                  1u);
+        EXPECT_TRUE(log_.contains(c.loopLine));
+    }
+}
+
+TEST_F(FormattingTest, ServiceComingBackEndsTheLoop) {
+    store_.setFaults("EvtFormatMessage=1717,times=2");
+    std::wstring out;
+    ASSERT_TRUE(format(EvtFormatMessageLevel, out));
+    EXPECT_EQ(out, L"Information");
+    EXPECT_EQ(clock_.sleeps(), 2u);
+}
+
+TEST_F(FormattingTest, MessageIdLookupIsNotRetriedOnInvalidParameter) {
+    std::wstring out;
+    EXPECT_FALSE(channel_->formatMessageByFlag(nullptr, nullptr, EvtFormatMessageId, 77, out));
+    EXPECT_EQ(channel_->lastFormatError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(clock_.sleeps(), 0u);
+}
+
+TEST_F(FormattingTest, PublisherMetadataIsOpenedOnceAndSweptWhenIdle) {
+    const EVT_HANDLE again = channel_->getPublisherMetadata(L"Test-Auditing");
+    EXPECT_EQ(again, metadata_);
+    EXPECT_EQ(channel_->getPublisherMetadata(L"Absent"), nullptr);
+    channel_->cleanMetadataHandleCache(false);
+    clock_.advance(10000);
+    channel_->cleanMetadataHandleCache(false);  // used 10 s ago: kept
+    EXPECT_FALSE(log_.contains("closing pubMetaData handle due to timeout"));
+    clock_.advance(1000);
+    channel_->cleanMetadataHandleCache(false);  // within 2 s of the last sweep: nothing
+    EXPECT_FALSE(log_.contains("closing pubMetaData handle due to timeout"));
+    clock_.advance(1000);
+    channel_->cleanMetadataHandleCache(false);
+    EXPECT_TRUE(log_.has(LogLevel::Debug, "Skipping null handle from non-existent publisher Absent"));
+    EXPECT_TRUE(log_.has(LogLevel::Debug, "WinEventLogChannelBase::cleanMetadataHandleCache: closing pubMetaData "
+                                          "handle due to timeout"));
+    EXPECT_TRUE(log_.has(LogLevel::Debug, "WinEventMetadataHandle was valid, closing handle."));
+    log_.clear();
+    EXPECT_EQ(channel_->getPublisherMetadata(L"Absent"), nullptr);
+    EXPECT_TRUE(log_.contains("Failed to open publisher metadata provider 'Absent'")) << "asked again after aging out";
+}
+
+// A formatter that reports a keyword list's length without its final
+// terminator, yet needs room for it, as the service does.
+struct KeywordFormatter {
+    static BOOL WINAPI call(EVT_HANDLE, EVT_HANDLE, DWORD, DWORD, PEVT_VARIANT, DWORD flag, DWORD size, LPWSTR buf,
+                            PDWORD used) {
+        const std::wstring list = text();
+        *used = static_cast<DWORD>(list.size() - 1);
+        if (flag != EvtFormatMessageKeyword) {
+            ::SetLastError(ERROR_EVT_MESSAGE_NOT_FOUND);
+            return FALSE;
+        }
+        if (size < list.size()) {
+            ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            return FALSE;
+        }
+        wmemcpy(buf, list.data(), list.size());
+        return TRUE;
+    }
+    // "first\0<3000 x k>\0\0"
+    static std::wstring text() { return std::wstring(L"first") + L'\0' + std::wstring(3000, L'k') + L'\0' + L'\0'; }
+};
+
+TEST_F(FormattingTest, KeywordListGetsRoomForItsFinalTerminator) {
+    auto saved = apiTable().evt.EvtFormatMessage;
+    apiTable().evt.EvtFormatMessage = &KeywordFormatter::call;
+    std::wstring out;
+    const bool ok = format(EvtFormatMessageKeyword, out);
+    apiTable().evt.EvtFormatMessage = saved;
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(out, L"first, " + std::wstring(3000, L'k'));
+}
+
+TEST_F(FormattingTest, ErrorWithTextStillGivesTheText) {
+    evtsim::EventSpec e = logonEvent();
+    e.data = {{"TargetUserName", "bob"}};  // the template's %2 has no value
+    store_.append("Security", e);
+    records_ = readAll("Security");
+    ASSERT_EQ(records_.size(), 2u);
+    EXPECT_EQ(records_[1].message, L"An account logged on.\r\n\tAccount Name:\tbob\r\n\tLogon Type:\t%2");
+    EXPECT_TRUE(log_.contains("EvtFormatMessage failed, but Skorva stored some kind of message: "
+                              "flag='(1)EvtFormatMessageEvent', channel='Security', Error=(0x3ab5)"));
+}
+
+TEST_F(FormattingTest, UnformattableMessageCarriesTheErrorText) {
+    evtsim::EventSpec e = logonEvent();
+    e.eventId = 5555;  // no template
+    e.data.clear();
+    store_.append("Security", e);
+    records_ = readAll("Security");
+    ASSERT_EQ(records_.size(), 2u);
+    EXPECT_EQ(records_[1].message.rfind(L"\nFormatMessage error:\n", 0), 0u);
+    EXPECT_TRUE(log_.contains("Failed to get message description of event log, channel='Security', rec_id=2"));
+}
+
+}  // namespace
+}  // namespace skorva

@@ -1,0 +1,135 @@
+#pragma once
+// The rendering fixture: an evtsim store with a Security and a ForwardedEvents
+// channel, a provider with message resources, and a reader that renders every
+// event of a channel the way the channel reader does.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ctime>
+#include <cwchar>
+#include <memory>
+#include <vector>
+
+#include "EvtsimInProcess.h"
+#include "LogCapture.h"
+#include "channel/WinEventLogChannelBase.h"
+#include "platform/Clock.h"
+#include "platform/Strings.h"
+
+namespace skorva::test {
+
+using Fields = std::vector<std::pair<std::wstring, std::wstring>>;
+
+// Records the flags of every EvtFormatMessage call on the way to evtsim.
+struct FormatSpy {
+    static decltype(&::EvtFormatMessage)& real() {
+        static decltype(&::EvtFormatMessage) fn = nullptr;
+        return fn;
+    }
+    static std::vector<DWORD>& flags() {
+        static std::vector<DWORD> f;
+        return f;
+    }
+    static BOOL WINAPI call(EVT_HANDLE pub, EVT_HANDLE ev, DWORD id, DWORD n, PEVT_VARIANT v, DWORD flag, DWORD size,
+                            LPWSTR buf, PDWORD used) {
+        flags().push_back(flag);
+        return real()(pub, ev, id, n, v, flag, size, buf, used);
+    }
+    static void install() {
+        flags().clear();
+        real() = apiTable().evt.EvtFormatMessage;
+        apiTable().evt.EvtFormatMessage = &call;
+    }
+};
+
+inline evtsim::ProviderDef auditProvider() {
+    evtsim::ProviderDef def;
+    def.name = "Test-Auditing";
+    def.guid = "{11111111-2222-3333-4444-555555555555}";
+    def.displayName = "Test security auditing";
+    def.levels = {{0, "Information"}};
+    def.tasks = {{12544, "Logon"}};
+    def.opcodes = {{0, "Info"}};
+    def.strings = {{77, "Custom step"}};
+    def.keywords = {{0x0020000000000000ull, "Audit Success"}, {0x10, "Interactive"}};
+    def.events = {{4624, "An account logged on.%n%tAccount Name:%t%1%n%tLogon Type:%t%2"}, {1, "%1"}};
+    return def;
+}
+
+inline evtsim::EventSpec logonEvent() {
+    evtsim::EventSpec e;
+    e.provider = "Test-Auditing";
+    e.eventId = 4624;
+    e.level = 0;
+    e.task = 12544;
+    e.opcode = 0;
+    e.keywords = 0x0020000000000010ull;
+    e.userSid = "S-1-5-18";
+    e.data = {{"TargetUserName", "alice"}, {"LogonType", "2"}};
+    return e;
+}
+
+inline std::wstring expectedTimestamp(std::time_t t) {
+    std::tm local = *std::localtime(&t);
+    wchar_t text[128];
+    const size_t n = std::wcsftime(text, 128, L"%m/%d/%Y %I:%M:%S %p", &local);
+    return std::wstring(text, n);
+}
+
+class RenderingTest : public ::testing::Test {
+protected:
+    RenderingTest() : scoped_(clock_) {
+        store_.createChannel("Security");
+        store_.createChannel("ForwardedEvents");
+        store_.addProvider(auditProvider());
+    }
+
+    // Reads every event of `channel` through a channel reader with `settings`.
+    std::vector<EventRecord> readAll(const char* channel, const ChannelSettings& settings = ChannelSettings(),
+                                     std::vector<DWORD>* results = nullptr) {
+        channel_ = std::make_unique<WinEventLogChannelBase>(channel, settings);
+        EXPECT_TRUE(channel_->setRenderContext());
+        const EvtApi& api = apiTable().evt;
+        UniqueEvtHandle query(api.EvtQuery(nullptr, widen(channel).c_str(), nullptr,
+                                           EvtQueryChannelPath | EvtQueryForwardDirection));
+        EXPECT_TRUE(query.valid());
+        std::vector<EventRecord> out;
+        EVT_HANDLE handles[16];
+        DWORD returned = 0;
+        while (api.EvtNext(query.get(), 16, handles, INFINITE, 0, &returned)) {
+            for (DWORD i = 0; i < returned; ++i) {
+                EventRecord record;
+                record.handle.reset(handles[i]);
+                DWORD rc = channel_->renderEvent(record, values_, valuesSize_);
+                if (rc == 0)
+                    rc = channel_->setEventProperties(reinterpret_cast<const EVT_VARIANT*>(values_.data()), record);
+                if (results) results->push_back(rc);
+                out.push_back(std::move(record));
+            }
+        }
+        return out;
+    }
+
+    EventRecord readOne(const char* channel, const ChannelSettings& settings = ChannelSettings()) {
+        auto all = readAll(channel, settings);
+        EXPECT_EQ(all.size(), 1u);
+        return all.empty() ? EventRecord() : std::move(all.front());
+    }
+
+    static std::vector<std::wstring> keys(const Fields& fields) {
+        std::vector<std::wstring> k;
+        for (const auto& f : fields) k.push_back(f.first);
+        return k;
+    }
+
+    ManualClock clock_;
+    ScopedClock scoped_;
+    test::EvtsimStore store_;
+    test::LogCapture log_;
+    std::unique_ptr<WinEventLogChannelBase> channel_;
+    std::vector<uint8_t> values_;
+    DWORD valuesSize_ = 0;
+};
+
+}  // namespace skorva::test
