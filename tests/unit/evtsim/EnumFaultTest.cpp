@@ -1,0 +1,106 @@
+// EvtOpenChannelEnum / EvtNextChannelPath, injected faults, and pool-thread readers.
+#include <thread>
+
+#include "EvtsimTestUtil.h"
+#include "Faults.h"
+
+using namespace evtsim_test;
+using skorva::test::EvtsimStore;
+
+namespace {
+
+TEST(ChannelEnumTest, SizeProtocolInCharacters) {
+    EvtsimStore store;
+    for (const char* c : {"System", "Microsoft-Windows-Sysmon/Operational", "Application"}) store.createChannel(c);
+    UniqueEvtHandle e(evtsim::EvtOpenChannelEnum(nullptr, 0));
+    ASSERT_TRUE(e);
+    std::vector<std::wstring> names;
+    std::wstring buf;
+    DWORD used = 0;
+    while (true) {
+        if (evtsim::EvtNextChannelPath(e.get(), static_cast<DWORD>(buf.size()), buf.empty() ? nullptr : buf.data(), &used)) {
+            names.emplace_back(buf.c_str());
+            continue;
+        }
+        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) break;
+        buf.assign(used, L'\0');
+    }
+    EXPECT_EQ(259u, GetLastError());
+    EXPECT_EQ((std::vector<std::wstring>{L"Application", L"Microsoft-Windows-Sysmon/Operational", L"System"}), names);
+    EXPECT_EQ(wcslen(L"Microsoft-Windows-Sysmon/Operational") + 1, buf.size());  // grew to the reported size
+}
+
+TEST(FaultTest, CountsAndTargets) {
+    EvtsimStore store;
+    store.createChannel("A");
+    store.createChannel("B");
+    for (int i = 0; i < 3; ++i) store.append("A", spec(1)), store.append("B", spec(1));
+    struct Case {
+        const char* rules;
+        const wchar_t* channel;
+        std::vector<DWORD> outcome;  // per call: 0 success, else the error
+    } cases[] = {
+        {"EvtNext=6,once", L"A", {6, 0, 0}},
+        {"EvtNext:A=15007,times=2", L"A", {15007, 15007, 0}},
+        {"EvtNext:A=1734", L"B", {0, 0, 0}},
+        {"EvtNext=4317,from=2", L"A", {0, 4317, 4317}},
+        {"EvtNext=4317,from=2,times=1", L"A", {0, 4317, 0}},
+    };
+    for (const auto& c : cases) {
+        store.setFaults(c.rules);
+        UniqueEvtHandle q(evtsim::EvtQuery(nullptr, c.channel, nullptr, EvtQueryChannelPath));
+        for (size_t i = 0; i < c.outcome.size(); ++i) {
+            EVT_HANDLE h[1];
+            DWORD got = 0;
+            BOOL ok = evtsim::EvtNext(q.get(), 1, h, 0, 0, &got);
+            if (ok) evtsim::EvtClose(h[0]);
+            EXPECT_EQ(c.outcome[i], ok ? 0u : GetLastError()) << c.rules << " call " << i;
+        }
+    }
+    EXPECT_THROW(store.setFaults("EvtNext=abc"), std::runtime_error);
+    store.setFaults("EvtQuery:A=5;EvtSubscribe=1717;EvtOpenPublisherMetadata=15002");
+    EXPECT_EQ(nullptr, evtsim::EvtQuery(nullptr, L"A", nullptr, EvtQueryChannelPath));
+    EXPECT_EQ(5u, GetLastError());
+    UniqueEvtHandle b(evtsim::EvtQuery(nullptr, L"B", nullptr, EvtQueryChannelPath));
+    EXPECT_TRUE(b);
+    EXPECT_EQ(nullptr, evtsim::EvtOpenPublisherMetadata(nullptr, L"X", nullptr, 0, 0));
+    EXPECT_EQ(15002u, GetLastError());
+}
+
+TEST(FaultTest, FileInTheStoreIsRead) {
+    EvtsimStore store;
+    store.createChannel("A");
+    store.append("A", spec(1));
+    std::string error;
+    ASSERT_TRUE(evtsim::StoreWriter(store.root()).writeFaults("EvtRender:A=6\n", error));
+    evtsim::clearFaults();  // back to environment and file
+    UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"A", nullptr, EvtQueryChannelPath));
+    auto events = readAll(q.get());
+    ASSERT_EQ(1u, events.size());
+    DWORD used = 0, count = 0;
+    EXPECT_FALSE(evtsim::EvtRender(nullptr, events[0].get(), EvtRenderEventXml, 0, nullptr, &used, &count));
+    EXPECT_EQ(6u, GetLastError());
+}
+
+TEST(ConcurrencyTest, ChannelsReadFromSeveralThreadsAtOnce) {
+    EvtsimStore store;
+    const char* channels[] = {"Security", "System", "Application", "ForwardedEvents"};
+    for (const char* c : channels) store.generate(c, 500, 7);
+    std::vector<std::thread> threads;
+    std::vector<size_t> counts(8, 0);
+    for (size_t t = 0; t < counts.size(); ++t) {
+        threads.emplace_back([&, t] {
+            std::wstring name(channels[t % 4], channels[t % 4] + strlen(channels[t % 4]));
+            UniqueEvtHandle q(evtsim::EvtQuery(nullptr, name.c_str(), nullptr, EvtQueryChannelPath));
+            for (auto& e : readAll(q.get(), 16)) {
+                DWORD used = 0, n = 0;
+                evtsim::EvtRender(nullptr, e.get(), EvtRenderEventXml, 0, nullptr, &used, &n);
+                if (used > 0) ++counts[t];
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    for (size_t c : counts) EXPECT_EQ(500u, c);
+}
+
+}  // namespace
