@@ -1,0 +1,185 @@
+// The least a collector does with the event log: subscribe, read in batches,
+// render each event and write it out. Its rate is the yardstick for the product's
+// own benchmark, and shows the simulated event log is not the limit.
+//
+//   refreader --channel NAME [--mode xml|values] [--batch N] [--count N]
+//
+// Loads wevtapi.dll from the system directory by full path, as the product does.
+// Writes the events to stdout and one summary line to stderr.
+#include <windows.h>
+#include <winevt.h>
+
+#include <cstdio>
+#include <cwchar>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Api {
+    decltype(&::EvtSubscribe) Subscribe;
+    decltype(&::EvtNext) Next;
+    decltype(&::EvtRender) Render;
+    decltype(&::EvtClose) Close;
+    decltype(&::EvtCreateRenderContext) CreateRenderContext;
+    decltype(&::EvtOpenPublisherMetadata) OpenPublisherMetadata;
+    decltype(&::EvtFormatMessage) FormatMessage;
+};
+
+template <class T>
+bool resolve(HMODULE m, const char* name, T& fn) {
+    fn = reinterpret_cast<T>(reinterpret_cast<void*>(GetProcAddress(m, name)));
+    return fn != nullptr;
+}
+
+// Buffered standard output: one WriteFile per 1 MiB.
+class Out {
+public:
+    Out() : h_(GetStdHandle(STD_OUTPUT_HANDLE)) { buf_.reserve(1 << 20); }
+    ~Out() { flush(); }
+    void put(const wchar_t* text, size_t chars) {
+        size_t at = buf_.size();
+        buf_.resize(at + chars * 3 + 1);
+        int n = chars ? WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(chars), buf_.data() + at,
+                                            static_cast<int>(chars * 3), nullptr, nullptr)
+                      : 0;
+        buf_.resize(at + static_cast<size_t>(n));
+        if (buf_.size() >= (1 << 20)) flush();
+    }
+    void put(const std::wstring& s) { put(s.c_str(), s.size()); }
+    void flush() {
+        DWORD w = 0;
+        if (!buf_.empty()) WriteFile(h_, buf_.data(), static_cast<DWORD>(buf_.size()), &w, nullptr);
+        buf_.clear();
+    }
+
+private:
+    HANDLE h_;
+    std::vector<char> buf_;
+};
+
+const wchar_t* kPaths[] = {
+    L"Event/System/EventRecordID", L"Event/System/TimeCreated/@SystemTime", L"Event/System/Channel",
+    L"Event/System/Provider/@Name", L"Event/System/EventID", L"Event/System/Level", L"Event/System/Computer",
+    L"Event/System/Security/@UserID", L"Event/System/Task", L"Event/System/Opcode", L"Event/System/Keywords",
+};
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    std::wstring channel, mode = L"xml";
+    DWORD batch = 100;
+    unsigned long long expected = 0;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        std::wstring k = argv[i];
+        if (k == L"--channel") channel = argv[i + 1];
+        else if (k == L"--mode") mode = argv[i + 1];
+        else if (k == L"--batch") batch = static_cast<DWORD>(_wtoi(argv[i + 1]));
+        else if (k == L"--count") expected = _wcstoui64(argv[i + 1], nullptr, 10);
+    }
+    if (channel.empty() || batch == 0 || (mode != L"xml" && mode != L"values")) {
+        std::fputs("usage: refreader --channel NAME [--mode xml|values] [--batch N] [--count N]\n", stderr);
+        return 2;
+    }
+    wchar_t sysdir[MAX_PATH];
+    UINT n = GetSystemDirectoryW(sysdir, MAX_PATH);
+    std::wstring path = std::wstring(sysdir, n) + L"\\wevtapi.dll";
+    HMODULE lib = LoadLibraryW(path.c_str());
+    Api api{};
+    if (!lib || !resolve(lib, "EvtSubscribe", api.Subscribe) || !resolve(lib, "EvtNext", api.Next) ||
+        !resolve(lib, "EvtRender", api.Render) || !resolve(lib, "EvtClose", api.Close) ||
+        !resolve(lib, "EvtCreateRenderContext", api.CreateRenderContext) ||
+        !resolve(lib, "EvtOpenPublisherMetadata", api.OpenPublisherMetadata) ||
+        !resolve(lib, "EvtFormatMessage", api.FormatMessage)) {
+        std::fprintf(stderr, "refreader: cannot load %ls (%lu)\n", path.c_str(), GetLastError());
+        return 1;
+    }
+    HANDLE signal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    LARGE_INTEGER freq, t0, t1;
+    QueryPerformanceFrequency(&freq);
+    QueryPerformanceCounter(&t0);
+    EVT_HANDLE sub = api.Subscribe(nullptr, signal, channel.c_str(), L"*", nullptr, nullptr, nullptr,
+                                   EvtSubscribeStartAtOldestRecord);
+    if (!sub) {
+        std::fprintf(stderr, "refreader: EvtSubscribe failed (%lu)\n", GetLastError());
+        return 1;
+    }
+    EVT_HANDLE ctx = mode == L"values" ? api.CreateRenderContext(11, const_cast<LPCWSTR*>(kPaths), EvtRenderContextValues) : nullptr;
+    std::map<std::wstring, EVT_HANDLE> publishers;
+    std::vector<EVT_HANDLE> events(batch);
+    std::vector<BYTE> buffer(1 << 16);
+    std::vector<wchar_t> text(1 << 14);
+    Out out;
+    unsigned long long total = 0;
+    DWORD lastError = 0;
+
+    // Formats one field into `text`, growing it as the service asks.
+    auto format = [&](EVT_HANDLE meta, EVT_HANDLE ev, DWORD flag) -> bool {
+        DWORD used = 0;
+        if (api.FormatMessage(meta, ev, 0, 0, nullptr, flag, static_cast<DWORD>(text.size()), text.data(), &used)) return true;
+        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;
+        text.resize(used + 1);
+        return api.FormatMessage(meta, ev, 0, 0, nullptr, flag, static_cast<DWORD>(text.size()), text.data(), &used) != 0;
+    };
+
+    while (expected == 0 || total < expected) {
+        DWORD got = 0;
+        if (!api.Next(sub, batch, events.data(), INFINITE, 0, &got)) {
+            lastError = GetLastError();
+            if (lastError != ERROR_NO_MORE_ITEMS) break;
+            if (expected == 0) break;  // a finished store: stop at its end
+            WaitForSingleObject(signal, 1000);
+            continue;
+        }
+        for (DWORD i = 0; i < got; ++i) {
+            DWORD used = 0, count = 0;
+            DWORD flags = ctx ? EvtRenderEventValues : EvtRenderEventXml;
+            if (!api.Render(ctx, events[i], flags, static_cast<DWORD>(buffer.size()), buffer.data(), &used, &count)) {
+                if (GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
+                    buffer.resize(used);
+                    api.Render(ctx, events[i], flags, static_cast<DWORD>(buffer.size()), buffer.data(), &used, &count);
+                }
+            }
+            if (!ctx) {
+                const auto* xml = reinterpret_cast<const wchar_t*>(buffer.data());
+                out.put(xml, used / sizeof(wchar_t) - 1);
+                out.put(L"\n", 1);
+            } else {
+                const auto* v = reinterpret_cast<const EVT_VARIANT*>(buffer.data());
+                wchar_t line[128];
+                std::swprintf(line, 128, L"RecordNumber=%llu\nEventCode=%u\n", v[0].UInt64Val, v[4].UInt16Val);
+                out.put(line, wcslen(line));
+                EVT_HANDLE meta = nullptr;
+                if (v[3].Type == EvtVarTypeString) {
+                    auto it = publishers.find(v[3].StringVal);
+                    if (it == publishers.end())
+                        it = publishers.emplace(v[3].StringVal, api.OpenPublisherMetadata(nullptr, v[3].StringVal, nullptr, 0, 0)).first;
+                    meta = it->second;
+                }
+                static const std::pair<DWORD, const wchar_t*> fields[] = {
+                    {EvtFormatMessageProvider, L"SourceName="}, {EvtFormatMessageLevel, L"Type="},
+                    {EvtFormatMessageKeyword, L"Keywords="},    {EvtFormatMessageTask, L"TaskCategory="},
+                    {EvtFormatMessageOpcode, L"OpCode="},       {EvtFormatMessageEvent, L"Message="}};
+                for (const auto& [flag, key] : fields) {
+                    out.put(key, wcslen(key));
+                    if (format(meta, events[i], flag)) out.put(text.data(), wcslen(text.data()));
+                    out.put(L"\n", 1);
+                }
+            }
+            api.Close(events[i]);
+        }
+        total += got;
+    }
+    out.flush();
+    QueryPerformanceCounter(&t1);
+    double seconds = static_cast<double>(t1.QuadPart - t0.QuadPart) / static_cast<double>(freq.QuadPart);
+    std::fprintf(stderr, "refreader: mode=%ls channel=%ls events=%llu seconds=%.3f events_per_second=%.0f\n", mode.c_str(),
+                 channel.c_str(), total, seconds, seconds > 0 ? static_cast<double>(total) / seconds : 0.0);
+    for (auto& [name, meta] : publishers)
+        if (meta) api.Close(meta);
+    if (ctx) api.Close(ctx);
+    api.Close(sub);
+    CloseHandle(signal);
+    return (expected && total < expected) || (lastError && lastError != ERROR_NO_MORE_ITEMS) ? 1 : 0;
+}
