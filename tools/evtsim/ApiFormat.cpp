@@ -11,12 +11,6 @@ namespace evtsim {
 
 namespace {
 
-template <class T>
-T failWith(DWORD code, T value) {
-    SetLastError(code);
-    return value;
-}
-
 struct PublisherObj : Object {
     PublisherObj() : Object(Kind::Publisher) {}
     static bool accepts(Kind k) { return k == Kind::Publisher; }

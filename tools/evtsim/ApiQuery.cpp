@@ -11,12 +11,6 @@ namespace evtsim {
 
 namespace {
 
-template <class T>
-T failWith(DWORD code, T value) {
-    SetLastError(code);
-    return value;
-}
-
 bool queryIsAll(LPCWSTR q) {
     if (!q) return true;
     std::wstring_view v(q);

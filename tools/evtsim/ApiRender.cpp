@@ -11,12 +11,6 @@ namespace evtsim {
 
 namespace {
 
-template <class T>
-T failWith(DWORD code, T value) {
-    SetLastError(code);
-    return value;
-}
-
 struct Step {
     std::string name;
     std::string attrName, attrValue;  // [@attrName='attrValue']

@@ -24,6 +24,13 @@ struct Object {
     const Kind kind;
 };
 
+// Sets the thread's last error and returns `value`: the service's failure convention.
+template <class T>
+T failWith(DWORD code, T value) {
+    SetLastError(code);
+    return value;
+}
+
 EVT_HANDLE registerObject(std::unique_ptr<Object> obj);
 // The live object behind a handle, or null for an unknown or closed one.
 Object* lookupObject(EVT_HANDLE h);
