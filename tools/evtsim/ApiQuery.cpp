@@ -1,6 +1,7 @@
 // Result sets: queries, subscriptions, reading them and moving in them, and the
 // channel enumeration.
 #include <algorithm>
+#include <cwctype>
 
 #include "Evtsim.h"
 #include "Faults.h"

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cwctype>
 #include <map>
 #include <unordered_set>
 
