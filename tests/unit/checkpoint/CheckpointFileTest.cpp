@@ -4,15 +4,16 @@
 #include <set>
 
 #include "CheckpointTestSupport.h"
+#include "EvtsimInProcess.h"
 #include "LogCapture.h"
 #include "checkpoint/WELCheckPoint.h"
 #include "platform/Handles.h"
+#include "platform/Paths.h"
 #include "platform/Strings.h"
 
 namespace skorva {
 namespace {
 
-using test::FakeBookmarkApi;
 using test::LogCapture;
 using test::TempDir;
 
@@ -47,7 +48,7 @@ TEST(CheckpointFile, MissingOrEmptyFileIsNotRead) {
 }
 
 TEST(CheckpointFile, ValidationAcceptsBookmarksAndCheckpointStringsOnly) {
-    FakeBookmarkApi api;
+    test::EvtsimStore service;  // the bookmark parser
     TempDir dir;
     const std::wstring path = dir.file(L"Security_checkpoint");
     struct Case {
@@ -59,7 +60,8 @@ TEST(CheckpointFile, ValidationAcceptsBookmarksAndCheckpointStringsOnly) {
         {"channel=Security,record_id=12", true, true},
         // Neither: refusing it keeps the channel from resending everything.
         {"x", false, true},
-        {"<BookmarkList><Bookmark", false, true},
+        {"<BookmarkList>\n</BookmarkList>\n", true, false},
+        {"<BookmarkList>\r\n  <Bookmark Chan", false, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.content);
@@ -74,7 +76,6 @@ TEST(CheckpointFile, ValidationAcceptsBookmarksAndCheckpointStringsOnly) {
                                                "'.  To avoid duplicate events, we're throwing an error"),
                   !c.valid);
     }
-    EXPECT_EQ(FakeBookmarkApi::liveHandles(), 0);
 
     LogCapture log;
     EXPECT_FALSE(WELCheckPointBase::validateCheckpointStr(dir.file(L"missing")));
@@ -87,7 +88,7 @@ TEST(CheckpointFile, LoadCreatesTheDirectory) {
     CheckpointMap map;
     LogCapture log;
     EXPECT_FALSE(WELCheckPoint::load(nested, nested + L"\\X_checkpoint", map));  // no file yet
-    EXPECT_TRUE(test::exists(nested));
+    EXPECT_TRUE(pathExists(nested));
     EXPECT_TRUE(log.has(LogLevel::Debug, "WELCheckPoint::load: Load check point"));
 
     test::writeRaw(nested + L"\\X_checkpoint", "record_id=5");
