@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "channel/WinEventLogChannelBase.h"
 #include "directory/AdObjBlacklistMemo.h"
@@ -21,6 +22,29 @@ public:
 
     WinEventLogChannel(std::string channelName, ChannelSettings settings);
     ~WinEventLogChannel() override;
+
+    // ---- Reading (ChannelReading.cpp)
+    // Opens the channel: a newest-first query while the start is "newest" and
+    // that phase is not over, otherwise a subscription after the checkpoint.
+    bool init();
+    // Closes the result handle, render context and notify event.
+    void uninit();
+    // Appends the events read in this call (bounded, about 3000 at most).
+    void getEventsNew(std::vector<EventRecord>& records);
+    bool initialized() const { return initialized_; }
+    // False once the result handle went bad ("updated"): the worker re-opens.
+    bool channelState() const { return channelState_; }
+    // The channel did not exist at the last open or read.
+    bool channelMissing() const { return channelMissing_; }
+    // A subscription (not a query) is open.
+    bool subscriptionReady() const { return initialized_ && subscribed_; }
+    // The last read filled its batches: more events may be waiting now.
+    bool eventsPending() const { return eventsPending_; }
+    HANDLE notifyEvent() const { return notifyEvent_.get(); }
+    // The newest-first reading of the existing events is in progress.
+    bool readingReverse() const { return initialized_ && !subscribed_ && startFromNewest_; }
+    // Ends the newest-first phase: closes the query; the next init subscribes.
+    void endReversePhase();
 
     // ---- Filter on a message-bearing key, once the message is formatted.
     bool includeEventWithEvtcodeMessage(const std::string& key, const std::string& value) const;
@@ -46,6 +70,16 @@ public:
     AdObjBlacklistMemo& adObjBlacklistMemo() { return adObjBlacklistMemo_; }
 
 protected:
+    // Reading state
+    UniqueEvtHandle resultHandle_;
+    UniqueHandle notifyEvent_;
+    bool initialized_ = false;
+    bool channelState_ = false;
+    bool channelMissing_ = false;
+    bool subscribed_ = false;
+    bool eventsPending_ = false;
+    bool startFromNewest_ = false;
+
     // Checkpoint state
     std::wstring checkpointFilePath_;
     uint64_t nextCheckpointDue_ = 0;  // tickNow() time
