@@ -9,7 +9,7 @@ namespace {
 TEST(BookmarkTest, TextIsByteExact) {
     EvtsimStore store;
     store.createChannel("Application");
-    for (int i = 0; i < 3; ++i) store.append("Application", spec(1));
+    for (int i = 0; i < 3; ++i) store.append("Application", sampleEvent(1));
 
     UniqueEvtHandle bm(evtsim::EvtCreateBookmark(nullptr));
     ASSERT_TRUE(bm);

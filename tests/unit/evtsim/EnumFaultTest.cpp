@@ -34,7 +34,7 @@ TEST(FaultTest, CountsAndTargets) {
     EvtsimStore store;
     store.createChannel("A");
     store.createChannel("B");
-    for (int i = 0; i < 3; ++i) store.append("A", spec(1)), store.append("B", spec(1));
+    for (int i = 0; i < 3; ++i) store.append("A", sampleEvent(1)), store.append("B", sampleEvent(1));
     struct Case {
         const char* rules;
         const wchar_t* channel;
@@ -70,7 +70,7 @@ TEST(FaultTest, CountsAndTargets) {
 TEST(FaultTest, FileInTheStoreIsRead) {
     EvtsimStore store;
     store.createChannel("A");
-    store.append("A", spec(1));
+    store.append("A", sampleEvent(1));
     std::string error;
     ASSERT_TRUE(evtsim::StoreWriter(store.root()).writeFaults("EvtRender:A=6\n", error));
     evtsim::clearFaults();  // back to environment and file

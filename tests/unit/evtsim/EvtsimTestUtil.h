@@ -58,7 +58,7 @@ inline std::vector<uint64_t> recordIds(const std::vector<UniqueEvtHandle>& event
     return ids;
 }
 
-inline evtsim::EventSpec spec(unsigned eventId, std::vector<std::pair<std::string, std::string>> data = {}) {
+inline evtsim::EventSpec sampleEvent(unsigned eventId, std::vector<std::pair<std::string, std::string>> data = {}) {
     evtsim::EventSpec e;
     e.eventId = eventId;
     e.data = std::move(data);

@@ -25,7 +25,7 @@ protected:
         noLocale.resources = false;
         store.addProvider(noLocale);
         store.createChannel("Application");
-        evtsim::EventSpec e = spec(10, {{"User", "bob"}, {"Action", "log on"}, {"Done", "%%1842"}});
+        evtsim::EventSpec e = sampleEvent(10, {{"User", "bob"}, {"Action", "log on"}, {"Done", "%%1842"}});
         e.provider = "Test-Provider";
         e.task = 7;
         e.keywords = 0x0020000000000003ull;
@@ -34,7 +34,7 @@ protected:
         store.append("Application", e);
         e.eventId = 99;
         store.append("Application", e);
-        evtsim::EventSpec fwd = spec(5);
+        evtsim::EventSpec fwd = sampleEvent(5);
         fwd.provider = "Unknown-Provider";
         fwd.rendering = true;
         fwd.renderMessage = "Pre-rendered text";

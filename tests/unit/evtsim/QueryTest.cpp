@@ -10,7 +10,7 @@ class QueryTest : public ::testing::Test {
 protected:
     void SetUp() override {
         store.createChannel("Application");
-        for (unsigned i = 1; i <= 5; ++i) store.append("Application", spec(100 + i));
+        for (unsigned i = 1; i <= 5; ++i) store.append("Application", sampleEvent(100 + i));
     }
     UniqueEvtHandle query(DWORD direction) {
         return UniqueEvtHandle(evtsim::EvtQuery(nullptr, L"Application", L"*", EvtQueryChannelPath | direction));
@@ -39,7 +39,7 @@ TEST_F(QueryTest, NextAtEndReportsNoMoreItemsAndReturnsZero) {
 TEST_F(QueryTest, ForwardQuerySeesRecordsAppendedLater) {
     auto q = query(EvtQueryForwardDirection);
     readAll(q.get());
-    store.append("Application", spec(200));
+    store.append("Application", sampleEvent(200));
     EXPECT_EQ((std::vector<uint64_t>{6}), recordIds(readAll(q.get())));
 }
 
@@ -135,7 +135,7 @@ TEST_F(QueryTest, ClearMakesTheQueryStaleAndIdsKeepCounting) {
     DWORD got = 0;
     EXPECT_FALSE(evtsim::EvtNext(q.get(), 1, h, 0, 0, &got));
     EXPECT_EQ(15011u, GetLastError());  // ERROR_EVT_QUERY_RESULT_STALE
-    EXPECT_EQ(6u, store.append("Application", spec(1)));
+    EXPECT_EQ(6u, store.append("Application", sampleEvent(1)));
     auto again = query(EvtQueryForwardDirection);
     EXPECT_EQ((std::vector<uint64_t>{6}), recordIds(readAll(again.get())));
 }
@@ -150,7 +150,7 @@ TEST_F(QueryTest, DeletedChannelIsNotFoundUntilMadeAgain) {
     EXPECT_EQ(nullptr, evtsim::EvtQuery(nullptr, L"Application", L"*", EvtQueryChannelPath));
     EXPECT_EQ(15007u, GetLastError());
     store.createChannel("Application");
-    store.append("Application", spec(1));
+    store.append("Application", sampleEvent(1));
     // The old handle belongs to the removed channel; a new one reads the new channel from id 1.
     EXPECT_FALSE(evtsim::EvtNext(q.get(), 1, h, 0, 0, &got));
     EXPECT_EQ(6u, GetLastError());

@@ -14,7 +14,7 @@ class RenderTest : public ::testing::Test {
 protected:
     void SetUp() override {
         store.createChannel("Security");
-        evtsim::EventSpec e = spec(4624, {{"SubjectUserSid", "S-1-5-18"}, {"TargetUserName", "jürgen"}});
+        evtsim::EventSpec e = sampleEvent(4624, {{"SubjectUserSid", "S-1-5-18"}, {"TargetUserName", "jürgen"}});
         e.provider = "Microsoft-Windows-Security-Auditing";
         e.providerGuid = "{54849625-5478-4994-a5ba-3e3b0328c30d}";
         e.level = 0;

@@ -10,7 +10,7 @@ class SubscribeTest : public ::testing::Test {
 protected:
     void SetUp() override {
         store.createChannel("System");
-        for (int i = 0; i < 3; ++i) store.append("System", spec(7036));
+        for (int i = 0; i < 3; ++i) store.append("System", sampleEvent(7036));
         signal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     }
     void TearDown() override { CloseHandle(signal); }
@@ -35,7 +35,7 @@ TEST_F(SubscribeTest, Origins) {
 
     // Record 1 goes with a clear: without strict the subscription starts at what follows.
     store.clearChannel("System");
-    store.append("System", spec(1));
+    store.append("System", sampleEvent(1));
     EXPECT_EQ((std::vector<uint64_t>{4}), recordIds(readAll(subscribe(EvtSubscribeStartAfterBookmark, gone.get()).get())));
     EXPECT_FALSE(subscribe(EvtSubscribeStartAfterBookmark | EvtSubscribeStrict, gone.get()));
     EXPECT_EQ(1168u, GetLastError());  // ERROR_NOT_FOUND
@@ -78,7 +78,7 @@ TEST_F(SubscribeTest, SignalIsSetWhileRecordsWait) {
     EXPECT_FALSE(signalled());
     EXPECT_FALSE(evtsim::EvtNext(sub.get(), 2, h, INFINITE, 0, &got));  // no wait on a subscription
     EXPECT_EQ(259u, GetLastError());
-    store.append("System", spec(2));
+    store.append("System", sampleEvent(2));
     EXPECT_TRUE(signalledWithin(5000));
     EXPECT_EQ((std::vector<uint64_t>{4}), recordIds(readAll(sub.get())));
 }
@@ -87,7 +87,7 @@ TEST_F(SubscribeTest, SubscriptionOutlivesAClear) {
     auto sub = subscribe(EvtSubscribeStartAtOldestRecord);
     readAll(sub.get());
     store.clearChannel("System");
-    store.append("System", spec(5));
+    store.append("System", sampleEvent(5));
     EXPECT_TRUE(signalledWithin(5000));
     EXPECT_EQ((std::vector<uint64_t>{4}), recordIds(readAll(sub.get())));
 }
