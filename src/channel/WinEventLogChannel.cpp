@@ -13,6 +13,7 @@ WinEventLogChannel::WinEventLogChannel(std::string channelName, ChannelSettings 
 WinEventLogChannel::~WinEventLogChannel() {
     LOG_DEBUG("%s destroying instance of WinEventLogChannel", "WinEventLogChannel::~WinEventLogChannel");
     finalCheckpoint();
+    if (initialized_) uninit();
 }
 
 }  // namespace skorva

@@ -45,6 +45,15 @@ public:
     bool readingReverse() const { return initialized_ && !subscribed_ && startFromNewest_; }
     // Ends the newest-first phase: closes the query; the next init subscribes.
     void endReversePhase();
+    // The batch size in use (batch_size, 1 when outside 1..1000).
+    uint32_t batchSize() const { return batchSize_; }
+
+    bool queryEvtChannel(const std::wstring& name, bool forward, bool fromFile);
+    bool subscribeToEvtChannel(const std::wstring& name);
+    // Handles the failure of EvtNext (GetLastError() still holds it); returns anyRead.
+    bool handleGetEventsError(bool anyRead, uint32_t index, uint32_t count);
+    // Drops the record of slot `index`, closes the later slots, marks the channel "updated".
+    void resetChannel(std::vector<EventRecord>& records, uint32_t index, uint32_t count);
 
     // ---- Filter on a message-bearing key, once the message is formatted.
     bool includeEventWithEvtcodeMessage(const std::string& key, const std::string& value) const;
@@ -79,6 +88,21 @@ protected:
     bool subscribed_ = false;
     bool eventsPending_ = false;
     bool startFromNewest_ = false;
+    bool reverseDone_ = false;       // the newest-first phase ended in this run
+    UniqueEvtHandle reverseNewest_;  // bookmark of the first event read in that phase
+    UniqueEvtHandle startAfter_;     // where the first subscription after that phase starts
+    uint32_t batchSize_ = 1;
+    std::vector<EVT_HANDLE> eventSlots_;  // EvtNext's array, one slot per batch entry
+    std::vector<uint8_t> values_;         // rendered system values, reused
+    DWORD valuesSize_ = 0;
+    std::string sidMessage_;              // narrow message for SID translation, reused
+    enum class BatchEnd { Full, Short, Stop };
+    BatchEnd readBatch(std::vector<EventRecord>& records, uint32_t count);
+    bool readEvent(std::vector<EventRecord>& records, uint32_t index, uint32_t count);
+    bool openModern(const char* fn);
+    bool reversePhaseEndedEarlier() const;
+    bool collectorSubscriptionsAccepted() const;
+    void closeSlots(uint32_t from, uint32_t count);
 
     // Checkpoint state
     std::wstring checkpointFilePath_;

@@ -1,0 +1,186 @@
+// Opening a channel, reading it in bounded passes, and where reading resumes.
+#include "ReaderFixture.h"
+#include "checkpoint/WELCheckPoint.h"
+#include "platform/Paths.h"
+
+namespace skorva::test {
+namespace {
+
+using Reading = ReaderTest;
+
+TEST_F(Reading, BatchesAreClampedAndOneCallIsBoundedByThePassLimit) {
+    struct {
+        int batchSize;
+        size_t records;
+        uint32_t used;          // batch size in use
+        size_t firstCall;       // records read by the first call
+        int evtNextCalls;       // EvtNext calls of the first call
+        bool pending;
+    } cases[] = {
+        {0, 3, 1, 3, 4, false},        // outside 1..1000: one event per batch
+        {1001, 3, 1, 3, 4, false},
+        {-7, 2, 1, 2, 3, false},
+        {10, 25, 10, 25, 3, false},    // the short batch ends the call
+        {1000, 2000, 1000, 2000, 3, false},  // full batches: EvtNext again until it has none
+        {1, 3100, 1, 3004, 3004, true},      // pass limit 3003, plus the first batch
+        {10, 3100, 10, 3010, 301, true},
+        {1000, 4500, 1000, 4000, 4, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.batchSize);
+        store_.deleteChannel(kChannel);
+        store_.createChannel(kChannel);
+        append(c.records);
+        ChannelSettings s = settings(c.batchSize);
+        s.suppressText = true;
+        WinEventLogChannel& ch = open(s);
+        EXPECT_EQ(ch.batchSize(), c.used);
+        EvtNextCounter::install();
+        std::vector<EventRecord> records;
+        ch.getEventsNew(records);
+        EXPECT_EQ(records.size(), c.firstCall);
+        EXPECT_EQ(EvtNextCounter::calls(), c.evtNextCalls);
+        EXPECT_EQ(ch.eventsPending(), c.pending);
+        records.clear();
+        ch.getEventsNew(records);  // the rest
+        EXPECT_EQ(records.size(), c.records - c.firstCall);
+        EXPECT_FALSE(ch.eventsPending());
+        channel_.reset();
+        installEvtsimApi();
+    }
+}
+
+TEST_F(Reading, SubscriptionStartsAfterTheCheckpointUnlessCurrentOnly) {
+    append(3);
+    ASSERT_TRUE(createDirectories(settings().checkpointDir));
+    struct {
+        bool currentOnly;
+        std::vector<uint64_t> existing;
+    } cases[] = {{false, {2, 3}}, {true, {}}};
+    uint64_t next = 4;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.currentOnly);
+        ChannelSettings s = settings();
+        s.currentOnly = c.currentOnly;
+        channel_ = std::make_unique<WinEventLogChannel>(kChannel, s);
+        ASSERT_TRUE(WELCheckPoint::saveCheckpointStr(
+            channel_->checkpointFilePath(),
+            "<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='1' IsCurrent='true'/>\r\n</BookmarkList>",
+            true));
+        ASSERT_TRUE(channel_->init());
+        EXPECT_TRUE(channel_->subscriptionReady());
+        EXPECT_FALSE(channel_->readingReverse());
+        std::vector<EventRecord> records;
+        channel_->getEventsNew(records);
+        std::vector<uint64_t> got;
+        for (const auto& r : records) got.push_back(r.recordNumber);
+        EXPECT_EQ(got, c.existing);
+        append(1);
+        records.clear();
+        channel_->getEventsNew(records);
+        ASSERT_EQ(records.size(), 1u);
+        EXPECT_EQ(records[0].recordNumber, next++);
+    }
+}
+
+// Newest first, then forward from where that phase began, across restarts.
+TEST_F(Reading, StartFromNewestReadsBackwardsThenOnlyNewRecords) {
+    for (uint64_t interval : {uint64_t{0}, UINT64_MAX}) {  // bookmarks written at once, or only at the end
+        SCOPED_TRACE(interval);
+        store_.deleteChannel(kChannel);
+        store_.createChannel(kChannel);
+        std::vector<std::string> failures;
+        removeRecursive(settings().checkpointDir, failures);
+        append(5);
+        ChannelSettings s = settings(2);
+        s.startFrom = "newest";
+        s.checkpointIntervalMs = interval;
+
+        WinEventLogChannel& ch = open(s);
+        EXPECT_TRUE(ch.readingReverse());
+        EXPECT_EQ(drain(ch), ids(5, 1));
+        append(2);
+        ch.endReversePhase();
+        EXPECT_FALSE(ch.initialized());
+        ASSERT_TRUE(ch.init());
+        EXPECT_TRUE(ch.subscriptionReady());
+        EXPECT_EQ(drain(ch), ids(6, 7));
+        EXPECT_FALSE(pathExists(ch.checkpointFilePath() + L"_reverse"));
+
+        // A restart resumes after the last record read forward.
+        open(s);
+        EXPECT_TRUE(channel_->subscriptionReady());
+        EXPECT_TRUE(drain(*channel_).empty());
+        append(1);
+        EXPECT_EQ(drain(*channel_), ids(8, 8));
+    }
+}
+
+TEST_F(Reading, RestartAfterTheNewestFirstPhaseWithNothingNewRepeatsNothing) {
+    append(4);
+    ChannelSettings s = settings();
+    s.startFrom = "newest";
+    WinEventLogChannel& ch = open(s);
+    EXPECT_EQ(drain(ch), ids(4, 1));
+    ch.endReversePhase();
+    open(s);
+    EXPECT_TRUE(channel_->subscriptionReady());
+    append(1);
+    EXPECT_EQ(drain(*channel_), ids(5, 5));
+}
+
+TEST_F(Reading, RestartInsideTheNewestFirstPhaseQueriesAgain) {
+    append(3);
+    ChannelSettings s = settings();
+    s.startFrom = "newest";
+    EXPECT_EQ(drain(open(s)), ids(3, 1));
+    // Stopped before the phase was declared over: the query is made again; the
+    // seek to the "reverse" bookmark is refused and reported, reading goes on.
+    open(s);
+    EXPECT_TRUE(channel_->readingReverse());
+    EXPECT_TRUE(log_.has(LogLevel::Error, "WinEventLogChannel::queryEvtChannel: Unable to set seek position to the given bookmark"));
+    EXPECT_EQ(drain(*channel_), ids(3, 1));
+}
+
+TEST_F(Reading, InitFailuresLeaveTheChannelClosed) {
+    struct {
+        const char* what;
+        bool useOldApi;
+        bool deleteChannel;
+        const char* faults;
+        bool missing;
+        const char* error;
+    } cases[] = {
+        {"legacy", true, false, "", false, "WinEventLogChannel::init: Initializing Windows Event Log Api for XP"},
+        {"missing", false, true, "", true,
+         "WinEventLogChannel::init: Init failed, unable to subscribe to Windows Event Log channel 'Application': "
+         "errorCode=15007"},
+        {"denied", false, false, "EvtSubscribe=5", false,
+         "WinEventLogChannel::init: Init failed, unable to subscribe to Windows Event Log channel 'Application': "
+         "errorCode=5"},
+        {"render context", false, false, "", false, nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        log_.clear();
+        if (c.deleteChannel) store_.deleteChannel(kChannel);
+        store_.setFaults(c.faults);
+        ChannelSettings s = settings();
+        s.useOldApi = c.useOldApi;
+        if (!c.error) apiTable().evt.EvtCreateRenderContext = nullptr;
+        WinEventLogChannel& ch = open(s, false);
+        EXPECT_FALSE(ch.initialized());
+        EXPECT_EQ(ch.channelMissing(), c.missing);
+        EXPECT_EQ(ch.notifyEvent(), nullptr);
+        if (c.error)
+            EXPECT_TRUE(log_.contains(c.error)) << log_.dump();
+        else
+            EXPECT_TRUE(log_.contains("Init failed, unable to set render context for Windows Event Log channel'Application'."));
+        if (c.deleteChannel) store_.createChannel(kChannel);
+        store_.setFaults("");
+        installEvtsimApi();
+    }
+}
+
+}  // namespace
+}  // namespace skorva::test

@@ -1,0 +1,174 @@
+// Read errors and what the reader makes of each event.
+#include <algorithm>
+
+#include "ReaderFixture.h"
+#include "platform/Strings.h"
+
+namespace skorva::test {
+namespace {
+
+using Recovery = ReaderTest;
+
+TEST_F(Recovery, EvtNextErrors) {
+    struct {
+        const char* fault;
+        bool state;       // channel still usable
+        bool missing;
+        uint64_t sleptMs;
+        const char* line;
+    } cases[] = {
+        {"EvtNext:Application=6,once", false, false, 0,
+         "WinEventLogChannelBase::handleGetEventsError: Setting the 'Application' channel state to updated"},
+        {"EvtNext:Application=15007,once", false, true, 20000,
+         "WinEventLogChannelBase::handleGetEventsError: Unable to get Windows event logs, channel='Application', "
+         "Error=(0x3a9f)"},
+        {"EvtNext:Application=1734,once", true, false, 0,
+         "WinEventLogChannelBase::handleGetEventsError: EventNext returned no events for Windows Event Log "
+         "channel='Application', Error=(0x6c6). Try reducing 'batch_size' config value in inputs.conf. Current "
+         "batch_size = 10"},
+    };
+    append(3);
+    ChannelSettings s = settings();
+    s.checkpointDir.clear();  // each case reads the channel from its start
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fault);
+        log_.clear();
+        const uint64_t slept = clock_.slept();
+        WinEventLogChannel& ch = open(s);
+        store_.setFaults(c.fault);
+        std::vector<EventRecord> records;
+        ch.getEventsNew(records);
+        EXPECT_TRUE(records.empty());
+        EXPECT_FALSE(ch.eventsPending());
+        EXPECT_EQ(ch.channelState(), c.state);
+        EXPECT_EQ(ch.channelMissing(), c.missing);
+        EXPECT_EQ(clock_.slept() - slept, c.sleptMs);
+        EXPECT_TRUE(log_.contains(c.line)) << log_.dump();
+        if (!ch.channelState()) {  // what the worker does with an "updated" channel
+            ch.uninit();
+            ASSERT_TRUE(ch.init());
+            EXPECT_FALSE(ch.channelMissing());
+        }
+        EXPECT_EQ(drain(ch), ids(1, 3));  // nothing was read: all of it now
+        EXPECT_TRUE(ch.channelState());
+    }
+}
+
+TEST_F(Recovery, InvalidHandleWhileRenderingResetsTheChannel) {
+    append(4);
+    WinEventLogChannel& ch = open(settings());
+    store_.setFaults("EvtRender:Application=6,once");
+    std::vector<EventRecord> records;
+    ch.getEventsNew(records);
+    EXPECT_TRUE(records.empty());  // the first event failed: it and the rest of its batch are dropped
+    EXPECT_FALSE(ch.channelState());
+    EXPECT_TRUE(log_.has(LogLevel::Info,
+                         "WinEventLogChannelBase::resetChannel: Setting the 'Application' channel state to updated"));
+    ch.uninit();
+    ASSERT_TRUE(ch.init());
+    EXPECT_EQ(drain(ch), ids(1, 4));
+}
+
+TEST_F(Recovery, ClearedChannelGoesOnAfterTheCheckpoint) {
+    append(3);
+    WinEventLogChannel& ch = open(settings());
+    EXPECT_EQ(drain(ch), ids(1, 3));
+    store_.clearChannel(kChannel);
+    append(2);  // record ids survive a clear
+    EXPECT_EQ(drain(ch), ids(4, 5));
+    append(1);
+    ch.uninit();
+    ASSERT_TRUE(ch.init());  // the bookmarked record is gone: start after where it was
+    EXPECT_EQ(drain(ch), ids(6, 6));
+}
+
+TEST_F(Recovery, DeletedChannelIsMissingUntilMadeAgain) {
+    append(2);
+    ChannelSettings s = settings();
+    s.checkpointDir.clear();  // no checkpoint: the new channel is read from its start
+    WinEventLogChannel& ch = open(s);
+    std::vector<EventRecord> records;
+    ch.getEventsNew(records);
+    records.clear();
+    store_.deleteChannel(kChannel);
+    ch.getEventsNew(records);
+    EXPECT_TRUE(ch.channelMissing());
+    EXPECT_FALSE(ch.channelState());
+    ch.uninit();
+    EXPECT_FALSE(ch.init());
+    EXPECT_TRUE(ch.channelMissing());  // what the monitor's wait for the channel looks at
+    store_.createChannel(kChannel);
+    append(3);
+    ASSERT_TRUE(ch.init());
+    EXPECT_FALSE(ch.channelMissing());
+    EXPECT_EQ(drain(ch), ids(1, 3));
+}
+
+TEST_F(Recovery, EventCodeFilterDropsEventsBeforeTheyAreFormatted) {
+    struct {
+        EventCodeRanges white, black;
+        std::vector<uint32_t> kept;
+    } cases[] = {
+        {{}, {{2, 2}}, {1, 3}},
+        {{{2, 3}}, {}, {2, 3}},
+        {{{1, 3}}, {{3, 3}}, {1, 2}},
+    };
+    append(3, 1);  // event ids 1, 2, 3 in records 1, 2, 3
+    for (const auto& c : cases) {
+        log_.clear();
+        ChannelSettings s = settings();
+        if (!c.white.empty()) s.whitelist.codeLists.push_back(c.white);
+        if (!c.black.empty()) s.blacklist.codeLists.push_back(c.black);
+        WinEventLogChannel& ch = open(s);
+        std::vector<EventRecord> records;
+        ch.getEventsNew(records);
+        std::vector<uint32_t> kept;
+        for (const auto& r : records) kept.push_back(r.eventCode);
+        EXPECT_EQ(kept, c.kept);
+        for (uint32_t code = 1; code <= 3; ++code) {
+            const bool formatted = log_.contains("rec_id=" + std::to_string(code));
+            EXPECT_EQ(formatted, std::find(kept.begin(), kept.end(), code) != kept.end()) << code;
+        }
+    }
+}
+
+TEST_F(Recovery, MessageIsTheLastFieldAfterSidTranslation) {
+    const std::string text = "Account S-1-5-18 acted";
+    struct {
+        bool resolve, xml;
+        bool messageTranslated, xmlTranslated;
+    } cases[] = {
+        {false, false, false, false},
+        {true, false, true, false},
+        {true, true, false, true},  // with XML only the XML is translated
+    };
+    append(1, 1, text);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.resolve << c.xml);
+        log_.clear();
+        ChannelSettings s = settings();
+        s.resolveAdObj = c.resolve;
+        s.renderXml = c.xml;
+        WinEventLogChannel& ch = open(s);
+        std::vector<EventRecord> records;
+        ch.getEventsNew(records);
+        ASSERT_EQ(records.size(), 1u);
+        const EventRecord& r = records[0];
+        EXPECT_NE(r.handle.get(), nullptr);
+        EXPECT_EQ(r.recordNumber, 1u);
+        EXPECT_EQ(r.eventCode, 1u);
+        EXPECT_GT(r.time, 0u);
+        ASSERT_FALSE(r.fields.empty());
+        EXPECT_EQ(r.fields.back().first, L"Message");
+        EXPECT_EQ(r.fields.back().second, r.message);
+        EXPECT_EQ(r.message.find(L"S-1-5-18") == std::wstring::npos, c.messageTranslated) << narrow(r.message);
+        EXPECT_EQ(r.xml.empty(), !c.xml);
+        if (c.xml) {
+            EXPECT_EQ(r.xml.find(L"S-1-5-18") == std::wstring::npos, c.xmlTranslated);
+        }
+        EXPECT_EQ(log_.has(LogLevel::Info, "WinEventLogChannel::getEventsNew (1070): translating SID"), c.resolve);
+    }
+}
+
+}  // namespace
+}  // namespace skorva::test
