@@ -56,30 +56,35 @@ std::optional<uint64_t> systemNumber(const ParsedEvent& p, const char* element) 
 }
 
 // The insert strings: the caller's values when given, else the event's data in order.
-std::vector<std::string> insertStrings(const ParsedEvent* p, DWORD count, const EVT_VARIANT* values) {
-    std::vector<std::string> out;
+struct Inserts {
+    std::vector<std::string> owned;        // the caller's values as text
+    std::vector<std::string_view> values;  // one per insert, into `owned` or the event
+};
+
+void insertStrings(const ParsedEvent* p, DWORD count, const EVT_VARIANT* values, Inserts& out) {
     if (values && count) {
         for (DWORD i = 0; i < count; ++i) {
             const EVT_VARIANT& v = values[i];
             switch (v.Type) {
-            case EvtVarTypeString: out.push_back(v.StringVal ? toUtf8(v.StringVal) : std::string()); break;
-            case EvtVarTypeByte: out.push_back(std::to_string(v.ByteVal)); break;
-            case EvtVarTypeUInt16: out.push_back(std::to_string(v.UInt16Val)); break;
-            case EvtVarTypeUInt32: out.push_back(std::to_string(v.UInt32Val)); break;
-            case EvtVarTypeUInt64: out.push_back(std::to_string(v.UInt64Val)); break;
-            default: out.emplace_back();
+            case EvtVarTypeString: out.owned.push_back(v.StringVal ? toUtf8(v.StringVal) : std::string()); break;
+            case EvtVarTypeByte: out.owned.push_back(std::to_string(v.ByteVal)); break;
+            case EvtVarTypeUInt16: out.owned.push_back(std::to_string(v.UInt16Val)); break;
+            case EvtVarTypeUInt32: out.owned.push_back(std::to_string(v.UInt32Val)); break;
+            case EvtVarTypeUInt64: out.owned.push_back(std::to_string(v.UInt64Val)); break;
+            default: out.owned.emplace_back();
             }
         }
+        out.values.assign(out.owned.begin(), out.owned.end());
     } else if (p) {
-        for (const XmlNode* d : p->data) out.push_back(d->text);
+        out.values.reserve(p->data.size());
+        for (const XmlNode* d : p->data) out.values.emplace_back(d->text);
     }
-    return out;
 }
 
 // Expands %1..%99 (with an optional !format!), %n, %t, %r and %%; an insert that is
 // itself "%%<id>" is replaced by the publisher's parameter string <id>. Returns
 // false when an insert had no value (its marker stays in the text).
-bool expand(const std::string& tmpl, const std::vector<std::string>& inserts, const ProviderDef* def, std::string& out) {
+bool expand(const std::string& tmpl, const std::vector<std::string_view>& inserts, const ProviderDef* def, std::string& out) {
     bool complete = true;
     out.clear();
     for (size_t i = 0; i < tmpl.size(); ++i) {
@@ -102,10 +107,11 @@ bool expand(const std::string& tmpl, const std::vector<std::string>& inserts, co
                 if (close != std::string::npos) j = close + 1;
             }
             if (idx <= inserts.size()) {
-                const std::string& value = inserts[idx - 1];
+                const std::string_view value = inserts[idx - 1];
                 auto param = value.size() > 2 && value[0] == '%' && value[1] == '%' ? parseUnsigned(value.substr(2)) : std::nullopt;
                 auto it = def && param ? def->strings.find(static_cast<uint32_t>(*param)) : decltype(def->strings.end()){};
-                out += def && param && it != def->strings.end() ? it->second : value;
+                if (def && param && it != def->strings.end()) out += it->second;
+                else out += value;
             } else {
                 out.append(tmpl, i, j - i);
                 complete = false;
@@ -118,35 +124,43 @@ bool expand(const std::string& tmpl, const std::vector<std::string>& inserts, co
     return complete;
 }
 
-// Result of one formatting request, before the buffer protocol.
+// Result of one formatting request, before the buffer protocol. The text stays
+// UTF-8 until it is written to the caller's buffer; names the publisher or the
+// event already hold are referred to, not copied.
 struct Formatted {
-    DWORD error = 0;          // 0, or the error to report
-    bool hasText = false;     // text is written even with an error (unresolved inserts)
-    std::wstring text;        // without the final terminator; keyword lists carry inner NULs
+    DWORD error = 0;                   // 0, or the error to report
+    bool hasText = false;              // text is written even with an error (unresolved inserts)
+    std::string own;                   // without the final terminator; keyword lists carry inner NULs
+    const std::string* ref = nullptr;  // text held elsewhere, used instead of `own`
+    std::string_view text() const { return ref ? std::string_view(*ref) : std::string_view(own); }
 };
 
-Formatted fromUtf8(const std::string& s) { return {0, true, toWide(s)}; }
-Formatted failure(DWORD e) { return {e, false, {}}; }
+Formatted textOf(const std::string& kept) {
+    Formatted f{0, true, {}, &kept};
+    return f;
+}
+Formatted ownText(std::string text) { return {0, true, std::move(text), nullptr}; }
+Formatted failure(DWORD e) { return {e, false, {}, nullptr}; }
 
 Formatted keywordList(const std::vector<std::string>& names) {
-    Formatted f{0, true, {}};
+    Formatted f{0, true, {}, nullptr};
     for (const auto& n : names) {
-        f.text += toWide(n);
-        f.text += L'\0';
+        f.own += n;
+        f.own += '\0';
     }
     return f;  // the terminator added on output ends the list
 }
 
 // Formats from the publisher's resources.
 Formatted formatWithPublisher(const ProviderDef& def, const ParsedEvent* p, DWORD messageId, DWORD flags,
-                              const std::vector<std::string>& inserts);
+                              const std::vector<std::string_view>& inserts);
 
 Formatted lookupName(const std::map<uint32_t, std::string>& names, std::optional<uint64_t> v, const char* (*standard)(uint64_t)) {
     if (!v) return failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND);
     auto it = names.find(static_cast<uint32_t>(*v));
-    if (it != names.end()) return fromUtf8(it->second);
+    if (it != names.end()) return textOf(it->second);
     if (standard)
-        if (const char* s = standard(*v)) return fromUtf8(s);
+        if (const char* s = standard(*v)) return ownText(s);
     return failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND);
 }
 
@@ -160,10 +174,10 @@ std::vector<std::string> keywordNames(const ProviderDef& def, uint64_t mask) {
     return names;
 }
 
-std::string renderingInfoXml(const ProviderDef* def, const ParsedEvent& p, const std::vector<std::string>& inserts) {
+std::string renderingInfoXml(const ProviderDef* def, const ParsedEvent& p, const std::vector<std::string_view>& inserts) {
     auto part = [&](DWORD flag) {
         Formatted f = def ? formatWithPublisher(*def, &p, 0, flag, inserts) : failure(1);
-        return f.hasText ? toUtf8(f.text) : std::string();
+        return f.hasText ? std::string(f.text()) : std::string();
     };
     std::string out = "<RenderingInfo Culture='en-US'>";
     const std::pair<DWORD, const char*> items[] = {{EvtFormatMessageEvent, "Message"}, {EvtFormatMessageLevel, "Level"},
@@ -185,7 +199,7 @@ std::string renderingInfoXml(const ProviderDef* def, const ParsedEvent& p, const
     return out;
 }
 
-Formatted eventXml(const EventObj& ev, const ProviderDef* def, const std::vector<std::string>& inserts) {
+Formatted eventXml(const EventObj& ev, const ProviderDef* def, const std::vector<std::string_view>& inserts) {
     const ParsedEvent& p = ev.parsed();
     std::string xml(ev.xml());
     if (!p.rendering) {
@@ -193,21 +207,19 @@ Formatted eventXml(const EventObj& ev, const ProviderDef* def, const std::vector
         if (close == std::string::npos) return failure(ERROR_EVT_INVALID_EVENT_DATA);
         xml.insert(close, renderingInfoXml(def, p, inserts));
     }
-    return fromUtf8(xml);
+    return ownText(std::move(xml));
 }
 
 Formatted formatWithPublisher(const ProviderDef& def, const ParsedEvent* p, DWORD messageId, DWORD flags,
-                              const std::vector<std::string>& inserts) {
+                              const std::vector<std::string_view>& inserts) {
     if (!def.resources) return failure(ERROR_EVT_MESSAGE_LOCALE_NOT_FOUND);
     switch (flags) {
     case EvtFormatMessageEvent: {
         auto id = systemNumber(*p, "EventID");
         auto it = id ? def.events.find(static_cast<uint32_t>(*id)) : def.events.end();
         if (it == def.events.end()) return failure(ERROR_EVT_MESSAGE_NOT_FOUND);
-        Formatted f{0, true, {}};
-        std::string text;
-        if (!expand(it->second, inserts, &def, text)) f.error = ERROR_EVT_UNRESOLVED_VALUE_INSERT;
-        f.text = toWide(text);
+        Formatted f{0, true, {}, nullptr};
+        if (!expand(it->second, inserts, &def, f.own)) f.error = ERROR_EVT_UNRESOLVED_VALUE_INSERT;
         return f;
     }
     case EvtFormatMessageLevel: return lookupName(def.levels, systemNumber(*p, "Level"), standardLevel);
@@ -217,17 +229,15 @@ Formatted formatWithPublisher(const ProviderDef& def, const ParsedEvent* p, DWOR
     case EvtFormatMessageChannel: {
         const std::string* ch = systemText(*p, "Channel");
         auto it = ch ? def.channels.find(*ch) : def.channels.end();
-        return it == def.channels.end() ? failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND) : fromUtf8(it->second);
+        return it == def.channels.end() ? failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND) : textOf(it->second);
     }
     case EvtFormatMessageProvider:
-        return def.displayName.empty() ? failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND) : fromUtf8(def.displayName);
+        return def.displayName.empty() ? failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND) : textOf(def.displayName);
     case EvtFormatMessageId: {
         auto it = def.strings.find(messageId);
         if (it == def.strings.end()) return failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND);
-        std::string text;
-        Formatted f{0, true, {}};
-        if (!expand(it->second, inserts, &def, text)) f.error = ERROR_EVT_UNRESOLVED_VALUE_INSERT;
-        f.text = toWide(text);
+        Formatted f{0, true, {}, nullptr};
+        if (!expand(it->second, inserts, &def, f.own)) f.error = ERROR_EVT_UNRESOLVED_VALUE_INSERT;
         return f;
     }
     default: return failure(ERROR_INVALID_PARAMETER);
@@ -248,7 +258,7 @@ Formatted formatFromRenderingInfo(const ParsedEvent& p, DWORD flags) {
     }
     static const char* names[] = {nullptr, "Message", "Level", "Task", "Opcode", nullptr, "Channel", "Provider"};
     const XmlNode* n = flags < 8 && names[flags] ? ri->child(names[flags]) : nullptr;
-    return n ? fromUtf8(n->text) : failure(missing);
+    return n ? textOf(n->text) : failure(missing);
 }
 
 }  // namespace
@@ -280,28 +290,34 @@ BOOL WINAPI EvtFormatMessage(EVT_HANDLE PublisherMetadata, EVT_HANDLE Event, DWO
     const ParsedEvent* p = ev ? &ev->parsed() : nullptr;
     if (p && !p->event) return failWith(ERROR_EVT_INVALID_EVENT_DATA, FALSE);
 
-    std::string target;
+    std::string_view target;
     if (pub) target = pub->def.name;
     else if (const XmlNode* prov = p && p->system ? p->system->child("Provider") : nullptr; prov && prov->attr("Name"))
         target = *prov->attr("Name");
     if (DWORD f = injectedFault("EvtFormatMessage", target)) return failWith(f, FALSE);
 
-    std::vector<std::string> inserts = insertStrings(p, ValueCount, Values);
+    // Only messages take inserts; names of levels, tasks and the like do not, and
+    // copying an event's data for each of them would dominate the call.
+    const bool takesInserts = Flags == EvtFormatMessageEvent || Flags == EvtFormatMessageId || Flags == EvtFormatMessageXml;
+    Inserts inserts;
+    if (takesInserts) insertStrings(p, ValueCount, Values, inserts);
     Formatted result;
     if (Flags == EvtFormatMessageXml) {
         if (pub && !pub->def.resources) result = failure(ERROR_EVT_MESSAGE_LOCALE_NOT_FOUND);
-        else result = eventXml(*ev, pub ? &pub->def : nullptr, inserts);
+        else result = eventXml(*ev, pub ? &pub->def : nullptr, inserts.values);
     } else if (pub) {
-        result = formatWithPublisher(pub->def, p, MessageId, Flags, inserts);
+        result = formatWithPublisher(pub->def, p, MessageId, Flags, inserts.values);
     } else {
         result = formatFromRenderingInfo(*p, Flags);
     }
     if (!result.hasText) return failWith(result.error, FALSE);
-    DWORD need = static_cast<DWORD>(result.text.size() + 1);
+    const std::string_view text = result.text();
+    const size_t chars = wideLength(text);
+    DWORD need = static_cast<DWORD>(chars + 1);
     *BufferUsed = need;
     if (BufferSize < need) return failWith(ERROR_INSUFFICIENT_BUFFER, FALSE);
-    std::memcpy(Buffer, result.text.data(), result.text.size() * sizeof(wchar_t));
-    Buffer[result.text.size()] = L'\0';
+    toWideInto(text, Buffer, chars);
+    Buffer[chars] = L'\0';
     if (result.error) return failWith(result.error, FALSE);
     return TRUE;
 }

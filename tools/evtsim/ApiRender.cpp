@@ -158,13 +158,18 @@ struct Slot {
     std::wstring text;     // strings
 };
 
+// Slots are reused from event to event: clearing keeps their strings' storage.
 void convert(const std::string* raw, EVT_VARIANT_TYPE type, Slot& slot) {
-    slot = Slot{};
+    slot.type = EvtVarTypeNull;
+    slot.number = 0;
+    slot.blob.clear();
+    slot.text.clear();
     if (!raw) return;
     switch (type) {
     case EvtVarTypeString:
         slot.type = type;
-        slot.text = toWide(*raw);
+        slot.text.resize(wideLength(*raw));
+        toWideInto(*raw, slot.text.data(), slot.text.size());
         return;
     case EvtVarTypeByte:
     case EvtVarTypeUInt16:
@@ -327,7 +332,7 @@ BOOL WINAPI EvtRender(EVT_HANDLE Context, EVT_HANDLE Fragment, DWORD Flags, DWOR
     if (!obj) return failWith(ERROR_INVALID_HANDLE, FALSE);
     if (obj->kind == Kind::Event) {
         auto& ev = *static_cast<EventObj*>(obj);
-        if (DWORD f = injectedFault("EvtRender", toUtf8(ev.log->wideName()))) return failWith(f, FALSE);
+        if (DWORD f = injectedFault("EvtRender", ev.log->meta().name)) return failWith(f, FALSE);
         if (Flags == EvtRenderEventXml) {
             if (Context) return failWith(ERROR_INVALID_PARAMETER, FALSE);
             return renderXml(ev, BufferSize, Buffer, BufferUsed);
@@ -378,7 +383,7 @@ BOOL WINAPI EvtUpdateBookmark(EVT_HANDLE Bookmark, EVT_HANDLE Event) {
     BookmarkObj* bm = lookupAs<BookmarkObj>(Bookmark);
     EventObj* ev = lookupAs<EventObj>(Event);
     if (!bm || !ev) return failWith(ERROR_INVALID_HANDLE, FALSE);
-    if (DWORD f = injectedFault("EvtUpdateBookmark", toUtf8(ev->log->wideName()))) return failWith(f, FALSE);
+    if (DWORD f = injectedFault("EvtUpdateBookmark", ev->log->meta().name)) return failWith(f, FALSE);
     std::lock_guard<std::mutex> lock(bm->mutex);
     const std::wstring& channel = ev->log->wideName();
     auto it = std::find_if(bm->entries.begin(), bm->entries.end(),

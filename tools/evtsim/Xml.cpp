@@ -104,11 +104,17 @@ private:
             }
         }
     }
-    bool name(std::string& out) {
+    bool name(std::string_view& out) {
         size_t start = pos_;
         while (pos_ < s_.size() && isNameChar(s_[pos_])) ++pos_;
         if (pos_ == start) return fail("name expected");
-        out.assign(s_.substr(start, pos_ - start));
+        out = s_.substr(start, pos_ - start);
+        return true;
+    }
+    bool name(std::string& out) {
+        std::string_view view;
+        if (!name(view)) return false;
+        out.assign(view);
         return true;
     }
     bool reference(std::string& out) {
@@ -144,8 +150,11 @@ private:
             if (c == '&') {
                 if (!reference(out)) return false;
             } else {
-                out += c;
-                ++pos_;
+                // The run up to the next quote, markup or reference in one piece.
+                size_t next = pos_ + 1;
+                while (next < s_.size() && s_[next] != q && s_[next] != '<' && s_[next] != '&') ++next;
+                out.append(s_.substr(pos_, next - pos_));
+                pos_ = next;
             }
         }
         if (pos_ >= s_.size()) return fail("unterminated attribute value");
@@ -186,7 +195,7 @@ private:
             if (c == '<') {
                 if (startsWith("</")) {
                     pos_ += 2;
-                    std::string closing;
+                    std::string_view closing;
                     if (!name(closing)) return false;
                     if (closing != node.name) return fail("mismatched end tag");
                     skipSpace();
