@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <windows.h>
+#include <sddl.h>
 
 #include <algorithm>
 #include <set>
@@ -205,6 +207,23 @@ TEST_F(SidPropsTest, WithoutLookupOnlyTheStringIsFilled) {
     EXPECT_EQ(props.sidString, L"S-1-5-21-1-2-3-1001");
     EXPECT_EQ(props.accountName, L"NOT_TRANSLATED");
     EXPECT_EQ(FakeAccounts::calls(), 0);
+}
+
+TEST_F(SidPropsTest, SidStringMatchesTheSystemConversion) {
+    // Small and the largest directly written authorities, the most sub-authorities
+    // with the largest values, and an authority left to the system's conversion.
+    const char* const sids[] = {"S-1-5-18", "S-1-0-0", "S-1-2147483647-1",
+                                "S-1-5-21-4294967295-2-3-4-5-6-7-8-9-10-11-12-13-14", "S-1-2147483648-7"};
+    for (const char* text : sids) {
+        SidBytes sid(text);
+        ASSERT_NE(sid.get(), nullptr) << text;
+        LPWSTR expected = nullptr;
+        ASSERT_TRUE(::ConvertSidToStringSidW(sid.get(), &expected)) << text;
+        UniqueLocalMem owner(expected);
+        SidProps props;
+        ASSERT_TRUE(props.processSid(sid.get(), false)) << text;
+        EXPECT_EQ(props.sidString, expected) << text;
+    }
 }
 
 TEST_F(SidPropsTest, LookupFillsAccountDomainAndType) {
