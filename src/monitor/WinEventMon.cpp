@@ -3,14 +3,19 @@
 #include <windows.h>
 
 #include "checkpoint/CheckpointPath.h"
+#include "platform/Logger.h"
 #include "platform/Strings.h"
 
 namespace skorva {
 
 WinEventMon::WinEventMon(std::wstring checkpointDir)
-    : checkpointDir_(checkpointDir.empty() ? defaultCheckpointDirectory() : std::move(checkpointDir)) {}
+    : checkpointDir_(checkpointDir.empty() ? defaultCheckpointDirectory() : std::move(checkpointDir)) {
+    LOG_DEBUG("WinEventMon instance created");
+}
 
-WinEventMon::~WinEventMon() = default;
+WinEventMon::~WinEventMon() {
+    LOG_DEBUG("WinEventMon instance destroyed");
+}
 
 WinEventLogChannel* WinEventMon::findChannel(std::string_view channelName) const {
     auto it = channels_.find(asciiLower(channelName));

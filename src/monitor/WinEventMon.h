@@ -5,16 +5,25 @@
 //   ChannelEnumeration.cpp   enumEvtLogChannels
 //   WinEventMonConfigure.cpp configure
 //   WinEventMonFilter.cpp    include_event
-//   (lifecycle and workers: init, start, stop, processLogChannel, added later)
+//   WinEventMonRun.cpp       init, start, stop and the channel workers
+//   WinEventMonProcess.cpp   processLogChannel, processEvent
 
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "channel/WinEventLogChannel.h"
+#include "modinput/EventStreamWriter.h"
 #include "modinput/InputConfig.h"
 #include "monitor/ChannelSettings.h"
+#include "platform/Handles.h"
 
 namespace skorva {
 
@@ -54,6 +63,55 @@ public:
     // The channel name a stanza name carries: after "://", else after ":".
     static std::string channelFromStanza(const std::string& stanzaName);
 
+    // ---- Lifecycle and channel workers
+    // The monitor's part of one channel: its place in the dispatch loop.
+    struct ChannelWork;
+    // What a completion packet carries: its address leads back to the channel.
+    struct WorkOverlapped {
+        OVERLAPPED overlapped;
+        ChannelWork* work;
+    };
+    struct ChannelWork {
+        WorkOverlapped overlapped = {};
+        WinEventMon* monitor = nullptr;
+        WinEventLogChannel* channel = nullptr;
+        UniqueRegisteredWait wait;
+        bool waitSetUp = false;
+        bool enabled = true;
+        std::atomic<uint64_t> total{0};
+        std::atomic<uint64_t> emptyMsg{0};
+        // Reused by every pass: the batch being written and the one being read.
+        std::vector<EventRecord> batches[2];
+    };
+    // Per-thread output scratch: reused for every event the thread writes.
+    struct OutputScratch {
+        ModinputEvent record;
+        std::string value;  // a message-bearing key's value, for its filter
+    };
+
+    // Enumerates the system's channels, then configures from standard input.
+    bool init();
+    // Reads every channel, then follows it until stop(); blocks the caller.
+    bool start();
+    // Raises the stop flag only; callable from any thread.
+    void stop();
+    bool stopping() const { return stop_.load(); }
+
+    static DWORD WINAPI ProcessChannelWorker(void* work);
+    static void CALLBACK ProcessChannelWaitWorker(void* work, BOOLEAN timedOut);
+    // One pass over a channel: batches read, filtered, written and checkpointed.
+    void processLogChannel(ChannelWork& work);
+    // Filters one event and writes it under the output lock; false when excluded.
+    bool processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch);
+    // Writer threads for a batch of `size` events when `threadCount` are allowed;
+    // `share` receives the events each one takes (from the front of the batch).
+    static unsigned writerThreadCount(size_t size, int32_t threadCount, size_t& share);
+
+    // The channel's monitor state (null before start() or when not configured).
+    const ChannelWork* channelWork(std::string_view channelName) const;
+    // Output goes to `out` instead of standard output (set before the first event).
+    void setOutput(FILE* out) { output_ = out; }
+
 protected:
     // Vista or later: decides whether XML rendering is possible.
     virtual bool systemIsVistaOrLater() const;
@@ -73,6 +131,27 @@ private:
     std::map<std::string, WinEventLogChannel*, std::less<>> stanzaChannels_;
     SidCacheSettings sidCacheSettings_;
     bool sidCacheRead_ = false;
+
+    // Lifecycle state
+    void prepareWork();
+    // Re-opens a channel that has no usable subscription; false once given up.
+    bool makeAvailable(ChannelWork& work);
+    bool armWait(ChannelWork& work);
+    bool includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch) const;
+    void postCompletion(ChannelWork& work);
+    void workerDone();
+    void writeEvent(const ModinputEvent& record);
+
+    std::vector<std::unique_ptr<ChannelWork>> work_;
+    UniqueHandle port_;
+    std::atomic<bool> stop_{false};
+    // Pool work items and passes not yet finished: the channels outlive them.
+    std::atomic<long> activeWorkers_{0};
+    UniqueHandle workerIdle_;
+    CriticalSection outputLock_;
+    FILE* output_ = stdout;
+    std::unique_ptr<EventStreamWriter> writer_;
+    bool outputFailed_ = false;  // reported once
 };
 
 }  // namespace skorva

@@ -1,0 +1,217 @@
+// The monitor's run: first passes on the system thread pool, then one-shot
+// waits on each channel's notification event, re-armed by the dispatch loop
+// only, so that a channel never has two passes at once and needs no lock.
+#include "channel/WinEventLogAPIInitializer.h"
+#include "modinput/ConfigXmlStreamingParser.h"
+#include "monitor/WinEventMon.h"
+#include "platform/Clock.h"
+#include "platform/Logger.h"
+
+namespace skorva {
+
+namespace {
+
+constexpr DWORD kDispatchTimeoutMs = 500;
+constexpr uint32_t kAvailabilitySleepMs = 500;
+
+}  // namespace
+
+bool WinEventMon::init() {
+    static const char* const fn = "WinEventMon::init";
+    LOG_DEBUG("%s: Initailizing WinEventMon", fn);
+    bool ok = enumEvtLogChannels();
+    if (ok) {
+        ConfigXmlStreamingParser parser;
+        const InputConfig config = readConfigFromStdin(parser);
+        ok = configure(config.stanzas);
+    }
+    if (!ok) LOG_INFO("%s: Cannot configure windows event log monitor", fn);
+    return ok;
+}
+
+void WinEventMon::stop() {
+    LOG_DEBUG("%s: Signaling stopping", "WinEventMon::stop");
+    stop_.exchange(true);
+}
+
+const WinEventMon::ChannelWork* WinEventMon::channelWork(std::string_view channelName) const {
+    const WinEventLogChannel* channel = findChannel(channelName);
+    for (const auto& w : work_)
+        if (w->channel == channel) return w.get();
+    return nullptr;
+}
+
+void WinEventMon::prepareWork() {
+    work_.clear();
+    for (const auto& entry : channels_) {
+        auto w = std::make_unique<ChannelWork>();
+        w->overlapped.work = w.get();
+        w->monitor = this;
+        w->channel = entry.second.get();
+        work_.push_back(std::move(w));
+    }
+    if (!workerIdle_) workerIdle_.reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+}
+
+void WinEventMon::workerDone() {
+    if (--activeWorkers_ == 0 && workerIdle_) ::SetEvent(workerIdle_.get());
+}
+
+void WinEventMon::postCompletion(ChannelWork& work) {
+    if (!::PostQueuedCompletionStatus(port_.get(), 0, 0, &work.overlapped.overlapped))
+        LOG_ERROR("%s: Failed to post completion for channel %s. Error = %d", "WinEventMon::postCompletion",
+                  work.channel->channelName().c_str(), static_cast<int>(::GetLastError()));
+}
+
+bool WinEventMon::start() {
+    static const char* const fn = "WinEventMon::start";
+    LOG_DEBUG("%s: Starting WinEventMon", fn);
+    knownChannels_.clear();
+    WinEventLogAPIInitializer::initWinEvtApi();
+
+    port_.reset(::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
+    if (!port_) return false;
+    prepareWork();
+
+    long outstanding = 0;
+    for (auto& w : work_) {
+        ++activeWorkers_;
+        if (!::QueueUserWorkItem(&WinEventMon::ProcessChannelWorker, w.get(), 0)) {
+            LOG_ERROR("%s: Failed initial refresh for channel %s. Error = %d", fn, w->channel->channelName().c_str(),
+                      static_cast<int>(::GetLastError()));
+            workerDone();
+            break;
+        }
+        ++outstanding;
+    }
+    if (outstanding == 0) return true;
+
+    while (!stop_.load() && outstanding > 0) {
+        DWORD bytes = 0;
+        ULONG_PTR key = 0;
+        OVERLAPPED* packet = nullptr;
+        if (!::GetQueuedCompletionStatus(port_.get(), &bytes, &key, &packet, kDispatchTimeoutMs) || !packet)
+            continue;
+        if (stop_.load()) break;
+        ChannelWork& w = *reinterpret_cast<WorkOverlapped*>(packet)->work;
+        w.wait.reset();
+        LOG_DEBUG("%s: Attempt to wait on channel %s", fn, w.channel->channelName().c_str());
+        --outstanding;
+        if (!w.enabled) continue;
+        if (!makeAvailable(w)) {
+            w.enabled = false;
+            continue;
+        }
+        if (armWait(w)) ++outstanding;
+    }
+
+    if (stop_.load()) {
+        LOG_DEBUG("%s: Shutting down. Attempt to cancel all waits", fn);
+        // Each release waits for a callback in progress: no pass outlives this.
+        for (auto& w : work_) w->wait.reset();
+    }
+    while (activeWorkers_.load() > 0) ::WaitForSingleObject(workerIdle_.get(), 100);
+    return true;
+}
+
+// A channel whose subscription is open and sound is left as it is: re-opening it
+// would resume from the checkpoint file, which lags behind the events already
+// written whenever checkpoints are deferred or suppressed.
+bool WinEventMon::makeAvailable(ChannelWork& w) {
+    static const char* const fn = "WinEventMon::start";
+    WinEventLogChannel& channel = *w.channel;
+    const uint64_t limit = 2 * channel.settings().channelWaitSeconds;
+    uint64_t attempts = 0;
+    while (!(channel.subscriptionReady() && channel.channelState())) {
+        if (stop_.load()) return false;
+        if (channel.initialized()) channel.uninit();
+        if (channel.init() && channel.subscriptionReady()) break;
+        if (!channel.channelMissing()) break;
+        if (attempts >= limit) {
+            if (limit != 0)
+                LOG_ERROR("%s: Channel %s failed to become available in %d ms.", fn, channel.channelName().c_str(),
+                          static_cast<int>(attempts * kAvailabilitySleepMs));
+            else
+                LOG_ERROR("%s: channel_wait_time has the default value of 0 and channel %s failed to become "
+                          "available. Consider changing channel_wait_time in inputs.conf.",
+                          fn, channel.channelName().c_str());
+            return false;
+        }
+        sleepMs(kAvailabilitySleepMs);
+        ++attempts;
+    }
+    return true;
+}
+
+bool WinEventMon::armWait(ChannelWork& w) {
+    static const char* const fn = "WinEventMon::start";
+    WinEventLogChannel& channel = *w.channel;
+    if (!channel.subscriptionReady()) {
+        LOG_ERROR("%s: Failed to Wait on channel %s. Channel is not initialized", fn, channel.channelName().c_str());
+        return false;
+    }
+    const ULONG timeout = static_cast<ULONG>(channel.settings().threadWaitMs);
+    if (!::RegisterWaitForSingleObject(w.wait.put(), channel.notifyEvent(), &WinEventMon::ProcessChannelWaitWorker,
+                                       &w, timeout, WT_EXECUTEONLYONCE)) {
+        LOG_ERROR("%s: Failed to Wait on channel %s. Error = %d", fn, channel.channelName().c_str(),
+                  static_cast<int>(::GetLastError()));
+        return false;
+    }
+    w.waitSetUp = true;
+    LOG_DEBUG("%s: Wait on channel %s", fn, channel.channelName().c_str());
+    return true;
+}
+
+DWORD WINAPI WinEventMon::ProcessChannelWorker(void* param) {
+    static const char* const fn = "WinEventMon::ProcessChannelWorker";
+    ChannelWork& w = *static_cast<ChannelWork*>(param);
+    WinEventMon& monitor = *w.monitor;
+    WinEventLogChannel& channel = *w.channel;
+    const char* name = channel.channelName().c_str();
+    struct Done {
+        WinEventMon& m;
+        ~Done() { m.workerDone(); }
+    } done{monitor};
+
+    LOG_DEBUG("%s: Refresh channel", fn);
+    if (monitor.stop_.load()) return 0;
+    if (!channel.init()) {
+        // A channel gone since the enumeration is left to the dispatch loop,
+        // which waits channel_wait_time for it to come back.
+        if (channel.channelMissing()) monitor.postCompletion(w);
+        return 0;
+    }
+    LOG_INFO("%s: Processing existing Windows Event Log '%s'", fn, name);
+    monitor.processLogChannel(w);
+    ::ResetEvent(channel.notifyEvent());
+
+    if (!channel.channelState()) {
+        channel.uninit();
+        channel.init();
+        LOG_INFO("%s: It seems like the Windows Event Log channel '%s' has been reset", fn, name);
+    } else if (channel.readingReverse()) {
+        channel.endReversePhase();
+        LOG_INFO("%s: Finished processing existing Windows Event Log '%s' in reverse chronological order: "
+                 "total_events='%llu' with empty_msg='%llu'.",
+                 fn, name, static_cast<unsigned long long>(w.total.load()),
+                 static_cast<unsigned long long>(w.emptyMsg.load()));
+    } else {
+        LOG_INFO("%s: Finished processing existing Windows Event Log '%s': total_events='%llu' with empty_msg='%llu'.",
+                 fn, name, static_cast<unsigned long long>(w.total.load()),
+                 static_cast<unsigned long long>(w.emptyMsg.load()));
+    }
+    monitor.postCompletion(w);
+    return 0;
+}
+
+void CALLBACK WinEventMon::ProcessChannelWaitWorker(void* param, BOOLEAN /*timedOut*/) {
+    ChannelWork& w = *static_cast<ChannelWork*>(param);
+    WinEventLogChannel& channel = *w.channel;
+    LOG_INFO("%s: Wait signaled. processing channel %s", "WinEventMon::ProcessChannelWaitWorker",
+             channel.channelName().c_str());
+    ::ResetEvent(channel.notifyEvent());
+    if (!w.monitor->stop_.load()) w.monitor->processLogChannel(w);
+    w.monitor->postCompletion(w);
+}
+
+}  // namespace skorva

@@ -1,0 +1,173 @@
+// The monitor's run over the simulated event log in process: first pass, live
+// events through the re-armed waits, stop, checkpoints; and the shutdown handlers.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../monitor/MonitorTestSupport.h"
+#include "EvtsimInProcess.h"
+#include "LogCapture.h"
+#include "RunTestSupport.h"
+#include "channel/WinEventLogAPIInitializer.h"
+#include "main/Run.h"
+#include "platform/Clock.h"
+#include "platform/Paths.h"
+
+using namespace skorva;
+using namespace skorva::test;
+
+namespace {
+
+std::vector<uint64_t> recordNumbers(const std::string& stream) {
+    static const std::regex re("RecordNumber=(\\d+)");
+    std::vector<uint64_t> ids;
+    for (auto it = std::sregex_iterator(stream.begin(), stream.end(), re); it != std::sregex_iterator(); ++it)
+        ids.push_back(std::stoull((*it)[1].str()));
+    return ids;
+}
+
+size_t countOf(const std::string& s, const std::string& what) {
+    size_t n = 0;
+    for (size_t pos = s.find(what); pos != std::string::npos; pos = s.find(what, pos + 1)) ++n;
+    return n;
+}
+
+// Polls the output until `events` events are out; gives up after a generous bound
+// (the assertions that follow then report what arrived).
+void waitForEvents(const CapturedOutput& out, size_t events) {
+    for (int i = 0; i < 600 && countOf(out.text(), "<event ") < events; ++i) ::Sleep(50);
+}
+
+struct LiveRun {
+    EvtsimStore store;
+    CapturedOutput out;
+    std::unique_ptr<WinEventMon> mon;
+    std::thread thread;
+    bool started = false;
+
+    LiveRun() { WinEventLogAPIInitializer::useFilledEvtTableForTesting(true); }
+    ~LiveRun() {
+        if (thread.joinable()) {
+            mon->stop();
+            thread.join();
+        }
+    }
+    void start(Params params, const std::string& channel = "Application") {
+        mon = std::make_unique<WinEventMon>(store.root() + L"\\checkpoints");
+        ASSERT_TRUE(mon->enumEvtLogChannels());
+        ASSERT_TRUE(mon->configure(stanzas({{"WinEventLog://" + channel, std::move(params)}})));
+        mon->setOutput(out.file());
+        thread = std::thread([this] { started = mon->start(); });
+    }
+    void stop() {
+        mon->stop();
+        thread.join();
+    }
+};
+
+}  // namespace
+
+TEST(MonitorRun, ExistingThenLiveEventsArriveOnceInOrderAndStopEndsTheStream) {
+    LiveRun run;
+    run.store.createChannel("Application");
+    run.store.generate("Application", 120, 1);
+    run.start({{"batch_size", "7"}, {"thread_wait_time_msec", "200"}});
+    waitForEvents(run.out, 120);
+    run.store.generate("Application", 30, 2);
+    waitForEvents(run.out, 150);
+    const std::wstring checkpoint = run.mon->findChannel("Application")->checkpointFilePath();
+    run.stop();
+    EXPECT_TRUE(run.started);
+    EXPECT_FALSE(run.mon->channelWork("Application")->wait.valid());
+    run.mon.reset();  // closes the stream
+
+    const std::string text = run.out.text();
+    std::vector<uint64_t> want;
+    for (uint64_t id = 1; id <= 150; ++id) want.push_back(id);
+    EXPECT_EQ(recordNumbers(text), want);
+    EXPECT_EQ(text.substr(0, 9), "<stream>\n");
+    EXPECT_EQ(text.substr(text.size() - 10), "</stream>\n");
+    std::string bookmark;
+    ASSERT_TRUE(readFile(checkpoint, bookmark));
+    EXPECT_NE(bookmark.find("RecordId='150'"), std::string::npos) << bookmark;
+}
+
+TEST(MonitorRun, WriterThreadsWriteEveryEventOnceAndWhole) {
+    LiveRun run;
+    run.store.createChannel("Application");
+    run.store.generate("Application", 1000, 3);
+    run.start({{"batch_size", "1000"}, {"use_threads", "4"}});
+    waitForEvents(run.out, 1000);
+    run.stop();
+    const std::string text = run.out.text();
+    std::vector<uint64_t> ids = recordNumbers(text);
+    EXPECT_EQ(ids.size(), 1000u);
+    EXPECT_EQ(std::set<uint64_t>(ids.begin(), ids.end()).size(), 1000u);
+    EXPECT_EQ(countOf(text, "<event "), countOf(text, "</event>\n"));
+}
+
+TEST(MonitorRun, SuppressedCheckpointWritesNoFile) {
+    LiveRun run;
+    run.store.createChannel("Application");
+    run.store.generate("Application", 20, 4);
+    run.start({{"suppress_checkpoint", "true"}});
+    waitForEvents(run.out, 20);
+    const std::wstring checkpoint = run.mon->findChannel("Application")->checkpointFilePath();
+    run.stop();
+    run.mon.reset();
+    EXPECT_EQ(recordNumbers(run.out.text()).size(), 20u);
+    EXPECT_FALSE(pathExists(checkpoint));
+}
+
+TEST(MonitorRun, NoConfiguredChannelEndsAtOnceWithoutOutput) {
+    LiveRun run;
+    run.mon = std::make_unique<WinEventMon>(run.store.root() + L"\\checkpoints");
+    run.mon->setOutput(run.out.file());
+    EXPECT_TRUE(run.mon->start());
+    run.mon.reset();
+    EXPECT_EQ(run.out.text(), "");
+}
+
+TEST(MonitorRun, ChannelThatNeverComesBackIsGivenUpAfterItsWaitTime) {
+    LiveRun run;
+    run.store.createChannel("Application");
+    run.store.generate("Application", 3, 5);
+    ManualClock clock;  // the 500 ms availability sleeps pass at once
+    ScopedClock useClock(clock);
+    LogCapture log;
+    run.start({{"channel_wait_time", "2"}});
+    waitForEvents(run.out, 3);
+    run.store.deleteChannel("Application");
+    // The reader notices the deleted channel on its next pass; the dispatch loop
+    // then retries four times and gives the channel up, which ends the run.
+    run.thread.join();
+    EXPECT_TRUE(run.started);
+    EXPECT_TRUE(log.has(LogLevel::Error, "WinEventMon::start: Channel Application failed to become available in 2000 ms."))
+        << log.dump();
+}
+
+TEST(ShutdownHandlers, InterruptsStopTheCurrentMonitorOthersPassOn) {
+    struct Case {
+        DWORD code;
+        BOOL handled;
+    };
+    const Case cases[] = {{CTRL_C_EVENT, TRUE}, {CTRL_BREAK_EVENT, TRUE}, {CTRL_CLOSE_EVENT, FALSE},
+                          {CTRL_LOGOFF_EVENT, FALSE}, {CTRL_SHUTDOWN_EVENT, FALSE}};
+    for (const Case& c : cases) {
+        TestMon mon;
+        setCurrentMonitor(&mon);
+        EXPECT_EQ(consoleCtrlHandler(c.code), c.handled) << c.code;
+        EXPECT_EQ(mon.stopping(), c.handled == TRUE) << c.code;
+        setCurrentMonitor(nullptr);
+    }
+    LogCapture log;
+    EXPECT_EQ(consoleCtrlHandler(CTRL_C_EVENT), TRUE);  // no monitor: nothing to stop
+    EXPECT_TRUE(log.has(LogLevel::Debug, "Shutdown requested"));
+    EXPECT_FALSE(log.contains("Stop host monitor"));
+}
