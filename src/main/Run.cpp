@@ -5,18 +5,21 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <atomic>
 #include <cstdio>
 #include <exception>
 #include <map>
 #include <string>
 
 #include "main/RmCheckpoint.h"
-#include "modinput/ConfigXmlStreamingParser.h"
+#include "main/ShutdownWatcher.h"
+#include "monitor/WinEventMon.h"
 #include "platform/LoaderInfo.h"
 #include "platform/Logger.h"
 #include "platform/Paths.h"
 #include "platform/SkorvaException.h"
 #include "platform/Strings.h"
+#include "platform/ThreadRegistry.h"
 
 namespace skorva {
 
@@ -32,15 +35,46 @@ void configureLogging(const std::wstring& home) {
     LOG_INFO("%s: Using logging configuration at %s", kRun, narrow(configPath).c_str());
 }
 
-// The modular input run: reads the configuration from stdin and reports it.
+std::atomic<WinEventMon*> currentMonitor{nullptr};
+
+void watcherCallback(uintptr_t) { shutdownHandler(); }
+
+// Publishes the monitor to the shutdown handlers for the length of its run.
+class CurrentMonitor {
+public:
+    explicit CurrentMonitor(WinEventMon& monitor) { currentMonitor.store(&monitor); }
+    ~CurrentMonitor() { currentMonitor.store(nullptr); }
+    CurrentMonitor(const CurrentMonitor&) = delete;
+    CurrentMonitor& operator=(const CurrentMonitor&) = delete;
+};
+
+class ConsoleHandler {
+public:
+    ConsoleHandler() : installed_(::SetConsoleCtrlHandler(&consoleCtrlHandler, TRUE) != FALSE) {}
+    ~ConsoleHandler() {
+        if (installed_) ::SetConsoleCtrlHandler(&consoleCtrlHandler, FALSE);
+    }
+    ConsoleHandler(const ConsoleHandler&) = delete;
+    ConsoleHandler& operator=(const ConsoleHandler&) = delete;
+
+private:
+    bool installed_;
+};
+
+// The modular input run: monitor, shutdown wiring, then the run until stopped.
 int runInput() {
-    ConfigXmlStreamingParser parser;
-    InputConfig config = readConfigFromStdin(parser);
-    LOG_INFO("%s: configuration read: server_host='%s' server_uri='%s' checkpoint_dir='%s' stanzas=%zu", kRun,
-             config.serverHost.c_str(), config.serverUri.c_str(), config.checkpointDir.c_str(), config.stanzas.size());
-    for (const auto& [name, stanza] : config.stanzas)
-        LOG_INFO("%s: stanza '%s' with %zu parameters", kRun, name.c_str(), stanza.params.size());
-    return 0;
+    WinEventMon monitor;
+    if (!monitor.init()) {
+        LOG_INFO("%s:  Cannot initialize Windows event log Monitor", kRun);
+        return 1;
+    }
+    MainThread mainThread;
+    // Installed after the configuration is read: an interrupt before that takes
+    // the system's default action.
+    ShutdownWatcher watcher(&watcherCallback, 0, ShutdownWatcher::WatchBoth, 0);
+    ConsoleHandler consoleHandler;
+    CurrentMonitor published(monitor);
+    return monitor.start() ? 0 : -1;
 }
 
 }  // namespace
@@ -75,6 +109,22 @@ int runWinEventMon(const CommandLine& commandLine) {
     }
     return -1;
 }
+
+void shutdownHandler() {
+    LOG_DEBUG("Shutdown requested");
+    WinEventMon* monitor = currentMonitor.load();
+    if (!monitor) return;
+    LOG_DEBUG("Stop host monitor");
+    monitor->stop();
+}
+
+BOOL WINAPI consoleCtrlHandler(DWORD ctrlType) {
+    if (ctrlType != CTRL_C_EVENT && ctrlType != CTRL_BREAK_EVENT) return FALSE;
+    shutdownHandler();
+    return TRUE;
+}
+
+void setCurrentMonitor(WinEventMon* monitor) { currentMonitor.store(monitor); }
 
 int programMain(int argc, wchar_t** argv) {
     // Standard error carries exact texts (usage, start-up failures): no CR insertion.
