@@ -249,10 +249,29 @@ BOOL finishRender(size_t need, DWORD bufferSize, PDWORD used) {
     return TRUE;
 }
 
+// The calling thread's reusable slots. Kept in fiber-local storage, whose
+// callback frees them when the thread ends: a thread_local object with a
+// destructor is destroyed after its storage is gone by this toolchain's runtime,
+// which corrupts the heap of a process whose threads come and go.
+void WINAPI freeSlots(void* slots) { delete static_cast<std::vector<Slot>*>(slots); }
+
+std::vector<Slot>* threadSlots() {
+    static const DWORD index = ::FlsAlloc(&freeSlots);
+    if (index == FLS_OUT_OF_INDEXES) return nullptr;
+    auto* slots = static_cast<std::vector<Slot>*>(::FlsGetValue(index));
+    if (!slots) {
+        slots = new std::vector<Slot>;
+        ::FlsSetValue(index, slots);
+    }
+    return slots;
+}
+
 BOOL renderValues(RenderContextObj& ctx, EventObj& ev, DWORD bufferSize, PVOID buffer, PDWORD used, PDWORD count) {
     const ParsedEvent& p = ev.parsed();
     if (!p.event) return failWith(ERROR_EVT_INVALID_EVENT_DATA, FALSE);
-    thread_local std::vector<Slot> slots;
+    std::vector<Slot>* slotsOwner = threadSlots();
+    if (!slotsOwner) return failWith(ERROR_OUTOFMEMORY, FALSE);
+    std::vector<Slot>& slots = *slotsOwner;
     slots.clear();
     if (ctx.flags == EvtRenderContextUser) {
         slots.resize(p.data.size());
