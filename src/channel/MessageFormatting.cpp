@@ -111,7 +111,8 @@ bool WinEventLogChannelBase::formatMessageByFlag(EVT_HANDLE metadata, EVT_HANDLE
         formatBuffer_[0] = L'\0';
         DWORD used = 0;
         if (format(metadata, event, messageId, 0, nullptr, flag, formatBufferChars_, formatBuffer_, &used)) {
-            takeFormatted(formatBuffer_, formatBufferChars_, flag, out);
+            // Only what this call wrote: the buffer beyond it holds older texts.
+            takeFormatted(formatBuffer_, used != 0 && used < formatBufferChars_ ? used : formatBufferChars_, flag, out);
             if (!metadata && event) preRendered_ = true;
             lastFormatError_ = 0;
             return true;
@@ -168,7 +169,7 @@ bool WinEventLogChannelBase::formatMessageByFlag(EVT_HANDLE metadata, EVT_HANDLE
         LOG_DEBUG("%s: EvtFormatMessage failed, but Skorva stored some kind of message: flag='(%d)%s', channel='%s', "
                   "Error=(0x%x)",
                   kFn, static_cast<int>(flag), formatFlagName(flag), channelName_.c_str(), static_cast<unsigned>(error));
-        takeFormatted(formatBuffer_, formatBufferChars_, flag, out);
+        takeFormatted(formatBuffer_, formatBufferChars_, flag == EvtFormatMessageKeyword ? 0 : flag, out);
         return true;
     }
     LOG_DEBUG("%s: EvtFormatMessage returned no message with error=%d, flag='(%d)%s', channel='%s'", kFn,

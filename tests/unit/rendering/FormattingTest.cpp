@@ -119,6 +119,34 @@ TEST_F(FormattingTest, KeywordListGetsRoomForItsFinalTerminator) {
     EXPECT_EQ(out, L"first, " + std::wstring(3000, L'k'));
 }
 
+// Gives a long keyword list first, then an empty one (a single terminator).
+struct ShrinkingKeywordFormatter {
+    static inline int calls = 0;
+    static BOOL WINAPI call(EVT_HANDLE, EVT_HANDLE, DWORD, DWORD, PEVT_VARIANT, DWORD, DWORD size, LPWSTR buf,
+                            PDWORD used) {
+        const std::wstring list = calls++ == 0 ? std::wstring(L"Audit Success") + L'\0' + L"Classic" + L'\0' + L'\0'
+                                               : std::wstring(1, L'\0');
+        *used = static_cast<DWORD>(list.size());
+        if (size < list.size()) {
+            ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            return FALSE;
+        }
+        wmemcpy(buf, list.data(), list.size());
+        return TRUE;
+    }
+};
+
+TEST_F(FormattingTest, ShorterKeywordListShowsNothingOfTheLastOne) {
+    auto saved = apiTable().evt.EvtFormatMessage;
+    apiTable().evt.EvtFormatMessage = &ShrinkingKeywordFormatter::call;
+    std::wstring first, second;
+    const bool ok = format(EvtFormatMessageKeyword, first) && format(EvtFormatMessageKeyword, second);
+    apiTable().evt.EvtFormatMessage = saved;
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(first, L"Audit Success, Classic");
+    EXPECT_EQ(second, L"");
+}
+
 TEST_F(FormattingTest, ErrorWithTextStillGivesTheText) {
     evtsim::EventSpec e = logonEvent();
     e.data = {{"TargetUserName", "bob"}};  // the template's %2 has no value
