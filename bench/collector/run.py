@@ -1,0 +1,128 @@
+#!/usr/bin/python3
+"""Measures the collector against the reference reader over one generated store.
+
+    bench/collector/run.py [--build DIR] [--count N] [--seed S]
+
+Generates N Security records (default 200,000) with evtsim-store, then runs under
+Wine, one after the other over the same store:
+  - the collector in classic text and in XML rendering, SID translation off and on,
+    no filters, until all N events are on its standard output, then Ctrl-C;
+  - the reference reader (bench/refreader) in its values and XML variants.
+For each it prints events per second (N over the time from start to the last
+event), CPU seconds and peak memory of the Wine process, and the ratio of each
+collector run to the reference reader run of the same rendering.
+"""
+import argparse
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+
+
+def winpath(p):
+    return "Z:" + str(Path(p).resolve()).replace("/", "\\")
+
+
+def wait_usage(proc):
+    """Waits for the process and returns (exit code, cpu seconds, peak KiB)."""
+    _, status, usage = os.wait4(proc.pid, 0)
+    proc.returncode = os.waitstatus_to_exitcode(status)
+    return proc.returncode, usage.ru_utime + usage.ru_stime, usage.ru_maxrss
+
+
+def config(render_xml, sids):
+    return ("<input><server_host>bench</server_host><configuration>"
+            "<stanza name='WinEventLog://Security'>"
+            "<param name='index'>bench</param>"
+            f"<param name='renderXml'>{'true' if render_xml else 'false'}</param>"
+            f"<param name='evt_resolve_ad_obj'>{'1' if sids else '0'}</param>"
+            "<param name='batch_size'>100</param>"
+            "<param name='checkpointInterval'>5</param>"
+            "</stanza></configuration></input>").encode()
+
+
+def run_collector(build, env, count, render_xml, sids, workdir):
+    home = workdir / f"home-{int(render_xml)}{int(sids)}"
+    shutil.rmtree(home, ignore_errors=True)
+    (home / "etc").mkdir(parents=True)
+    (home / "etc" / "log-cmdline.cfg").write_text("level = WARN\n")
+    env = dict(env, SKORVA_HOME=winpath(home))
+    start = time.monotonic()
+    proc = subprocess.Popen([str(build / "wine-run"), str(build / "src" / "skorva-winevtlog.exe")],
+                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
+    proc.stdin.write(config(render_xml, sids))
+    proc.stdin.close()
+    seen = 0
+    elapsed = None
+    tail = b""
+    while True:
+        chunk = proc.stdout.read1(1 << 16)
+        if not chunk:
+            break
+        data = tail + chunk
+        seen += data.count(b"</event>")
+        tail = data[-7:]  # shorter than the tag: a match across chunks is counted once
+        if seen >= count and elapsed is None:
+            elapsed = time.monotonic() - start
+            proc.send_signal(signal.SIGINT)
+    code, cpu, peak = wait_usage(proc)
+    if elapsed is None:
+        elapsed = time.monotonic() - start
+    return {"events": seen, "seconds": elapsed, "cpu": cpu, "peak": peak, "code": code}
+
+
+def run_reference(build, env, count, mode):
+    start = time.monotonic()
+    proc = subprocess.Popen([str(build / "wine-run"), str(build / "bench" / "refreader" / "refreader.exe"),
+                             "--channel", "Security", "--mode", mode, "--batch", "100", "--count", str(count)],
+                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)
+    code, cpu, peak = wait_usage(proc)
+    return {"events": count if code == 0 else 0, "seconds": time.monotonic() - start, "cpu": cpu, "peak": peak,
+            "code": code}
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--build", default=str(ROOT / "build"))
+    ap.add_argument("--count", type=int, default=200000)
+    ap.add_argument("--seed", type=int, default=42)
+    args = ap.parse_args()
+    build = Path(args.build).resolve()
+    subprocess.run([str(ROOT / "cmake" / "wine-fixture.sh"), "start", str(build / "wineprefix"),
+                    str(build / "tools" / "evtsim" / "wevtapi.dll")], check=True)
+    workdir = Path(tempfile.mkdtemp(prefix="skorva-bench-"))
+    try:
+        store = workdir / "store"
+        env = dict(os.environ, EVTSIM_STORE=winpath(store))
+        env.pop("SKORVAD_PROCESSID", None)
+        t = time.monotonic()
+        subprocess.run([str(build / "wine-run"), str(build / "tools" / "evtsim" / "evtsim-store.exe"),
+                        "--store", winpath(store), "generate", "Security", str(args.count), "--seed", str(args.seed)],
+                       check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        print(f"generated {args.count} Security records in {time.monotonic() - t:.1f} s")
+        rows = []
+        ref = {m: run_reference(build, env, args.count, m) for m in ("values", "xml")}
+        for render_xml in (False, True):
+            for sids in (False, True):
+                r = run_collector(build, env, args.count, render_xml, sids, workdir)
+                base = ref["xml" if render_xml else "values"]
+                name = f"collector {'xml' if render_xml else 'classic'}, SID translation {'on' if sids else 'off'}"
+                rows.append((name, r, (r["events"] / r["seconds"]) / (base["events"] / base["seconds"])))
+        rows += [(f"reference reader {m}", ref[m], None) for m in ("values", "xml")]
+        print(f"{'run':44} {'events':>8} {'events/s':>9} {'cpu s':>7} {'peak MiB':>9} {'ratio':>6}")
+        for name, r, ratio in rows:
+            rate = r["events"] / r["seconds"] if r["seconds"] else 0
+            print(f"{name:44} {r['events']:8d} {rate:9.0f} {r['cpu']:7.1f} {r['peak'] / 1024:9.1f} "
+                  f"{'' if ratio is None else f'{ratio:6.2f}'}")
+    finally:
+        shutil.rmtree(workdir, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
