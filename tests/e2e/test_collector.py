@@ -69,13 +69,13 @@ class Collector:
         with self.lock:
             return bytes(self.out)
 
-    def wait_for(self, predicate, timeout=90):
+    def wait_for(self, predicate, timeout=90, poll=0.1):
         """Waits until predicate(stream) holds (a bound against hangs, not a timing check)."""
         deadline = time.monotonic() + timeout
         while time.monotonic() < deadline:
             if predicate(self.stream()) or self.proc.poll() is not None:
                 break
-            time.sleep(0.1)
+            time.sleep(poll)
         return self.stream()
 
     def wait_events(self, n, stanza=None, timeout=90):
