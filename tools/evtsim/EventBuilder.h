@@ -29,6 +29,6 @@ struct EventSpec {
     std::vector<std::string> renderKeywords;
 };
 
-std::string buildEventXml(const EventSpec& spec);
+std::string buildEventXml(const EventSpec& event);
 
 }  // namespace evtsim
