@@ -62,10 +62,11 @@ PassResult renderChannel(const char* channelName, bool translateSids) {
     std::wstring noXml;
     EVT_HANDLE batch[100];
     DWORD returned = 0;
+    EventRecord record;  // reused, as the reader reuses its records
     const double start = nowSeconds();
     while (api.EvtNext(query.get(), 100, batch, INFINITE, 0, &returned)) {
         for (DWORD i = 0; i < returned; ++i) {
-            EventRecord record;
+            record.reset();
             record.handle.reset(batch[i]);
             DWORD rc = channel.renderEvent(record, values, valuesSize);
             if (rc == 0) rc = channel.setEventProperties(reinterpret_cast<const EVT_VARIANT*>(values.data()), record);
@@ -77,7 +78,7 @@ PassResult renderChannel(const char* channelName, bool translateSids) {
             } else {
                 r.textChars += record.message.size();
             }
-            for (const auto& f : record.fields) r.textChars += f.second.size();
+            for (const auto f : record.fields) r.textChars += f.value.size();
             ++r.events;
         }
         channel.cleanMetadataHandleCache(false);

@@ -217,7 +217,7 @@ void WinEventLogChannel::uninit() {
     LOG_INFO("channel '%s' is un-initialized", channelName_.c_str());
 }
 
-void WinEventLogChannel::getEventsNew(std::vector<EventRecord>& records) {
+void WinEventLogChannel::getEventsNew(EventBatch& records) {
     static const char* const fn = "WinEventLogChannel::getEventsNew";
     eventsPending_ = false;
     if (!initialized_) return;
@@ -245,14 +245,14 @@ void WinEventLogChannel::getEventsNew(std::vector<EventRecord>& records) {
     }
 }
 
-WinEventLogChannel::BatchEnd WinEventLogChannel::readBatch(std::vector<EventRecord>& records, uint32_t count) {
+WinEventLogChannel::BatchEnd WinEventLogChannel::readBatch(EventBatch& records, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i)
         if (!readEvent(records, i, count)) return BatchEnd::Stop;
     return count < batchSize_ ? BatchEnd::Short : BatchEnd::Full;
 }
 
 // False when the rest of this call is given up.
-bool WinEventLogChannel::readEvent(std::vector<EventRecord>& records, uint32_t index, uint32_t count) {
+bool WinEventLogChannel::readEvent(EventBatch& records, uint32_t index, uint32_t count) {
     static const char* const fn = "WinEventLogChannel::getEventsNew";
     EventRecord& record = records.emplace_back();
     record.handle.reset(std::exchange(eventSlots_[index], nullptr));
@@ -307,7 +307,7 @@ bool WinEventLogChannel::readEvent(std::vector<EventRecord>& records, uint32_t i
         if (took > kSlowTranslationMs)
             LOG_INFO("%s: translateSidLocally took=%llu msec", fn, static_cast<unsigned long long>(took));
     }
-    record.addField(L"Message", record.message, settings_.excludedFields);
+    if (!settings_.renderXml) record.addField(L"Message", record.message, settings_.excludedFields);
     return true;
 }
 
@@ -338,7 +338,7 @@ bool WinEventLogChannel::handleGetEventsError(bool anyRead, uint32_t index, uint
     return anyRead;
 }
 
-void WinEventLogChannel::resetChannel(std::vector<EventRecord>& records, uint32_t index, uint32_t count) {
+void WinEventLogChannel::resetChannel(EventBatch& records, uint32_t index, uint32_t count) {
     closeSlots(index + 1, count);
     if (!records.empty()) records.pop_back();
     LOG_INFO("%s: Setting the '%s' channel state to updated", "WinEventLogChannelBase::resetChannel",

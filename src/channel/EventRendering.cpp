@@ -42,7 +42,25 @@ constexpr uint64_t kFileTimeUnixEpoch = 116444736000000000ull;  // 100 ns ticks,
 
 bool isString(const EVT_VARIANT& v) { return v.Type == EvtVarTypeString && v.StringVal; }
 
-std::wstring decimal(uint64_t n) { return std::to_wstring(n); }
+// A number's decimal digits, without allocating.
+class Decimal {
+public:
+    explicit Decimal(uint64_t n) {
+        wchar_t* p = digits_ + sizeof(digits_) / sizeof(digits_[0]);
+        do {
+            *--p = static_cast<wchar_t>(L'0' + n % 10);
+            n /= 10;
+        } while (n);
+        first_ = p;
+    }
+    operator std::wstring_view() const {
+        return std::wstring_view(first_, static_cast<size_t>(digits_ + sizeof(digits_) / sizeof(digits_[0]) - first_));
+    }
+
+private:
+    wchar_t digits_[20];
+    const wchar_t* first_;
+};
 
 constexpr uint64_t kTicksPerHour = 36000000000ull;   // 100 ns ticks
 constexpr uint64_t kBiasRecheckMs = 60000;            // a changed time zone shows within a minute
@@ -237,7 +255,7 @@ DWORD WinEventLogChannelBase::renderEventAsXml(EventRecord& record) {
 DWORD WinEventLogChannelBase::setEventProperties(const EVT_VARIANT* values, EventRecord& record) {
     static const char* const kFn = "WinEventLogChannelBase::setEventProperties";
     const char* const channel = channelName_.c_str();
-    const std::set<std::wstring>& excluded = settings_.excludedFields;
+    const FieldNameSet& excluded = settings_.excludedFields;
     const auto recId = [&record] { return static_cast<unsigned long long>(record.recordNumber); };
     preRendered_ = false;
 
@@ -246,18 +264,20 @@ DWORD WinEventLogChannelBase::setEventProperties(const EVT_VARIANT* values, Even
     else
         LOG_INFO("%s: Failed to get the record id from event, channel='%s'", kFn, channel);
 
-    // Fifteen fields at most: one allocation instead of a growth per field.
-    record.fields.reserve(16);
-
-    std::wstring text;
-    if (values[kTimeCreated].Type == EvtVarTypeFileTime &&
-        formatLocalTimestamp(values[kTimeCreated].FileTimeVal, text)) {
+    const bool hasTime = values[kTimeCreated].Type == EvtVarTypeFileTime;
+    if (hasTime) {
         const uint64_t ft = values[kTimeCreated].FileTimeVal;
         record.time = ft > kFileTimeUnixEpoch ? (ft - kFileTimeUnixEpoch) / 10000000ull : 0;
-        record.addField(L"$Timestamp", std::move(text), excluded);
-    } else {
-        LOG_INFO("%s: Failed to get timestamp from event, channel='%s'", kFn, channel);
     }
+    // An event rendered as XML is sent as that XML: the classic fields would be
+    // formatted for nothing, and formatting is most of the cost of an event.
+    if (settings_.renderXml) return 0;
+
+    std::wstring& text = fieldText_;
+    if (hasTime && formatLocalTimestamp(values[kTimeCreated].FileTimeVal, text))
+        record.addField(L"$Timestamp", text, excluded);
+    else
+        LOG_INFO("%s: Failed to get timestamp from event, channel='%s'", kFn, channel);
 
     if (isString(values[kChannel]))
         record.addField(L"LogName", values[kChannel].StringVal, excluded);
@@ -266,13 +286,13 @@ DWORD WinEventLogChannelBase::setEventProperties(const EVT_VARIANT* values, Even
 
     if (values[kEventId].Type == EvtVarTypeUInt16) {
         record.eventCode = values[kEventId].UInt16Val;
-        record.addField(L"EventCode", decimal(record.eventCode), excluded);
+        record.addField(L"EventCode", Decimal(record.eventCode), excluded);
     } else {
         LOG_INFO("%s: Failed to get event id from event, channel='%s'", kFn, channel);
     }
 
     if (values[kLevel].Type == EvtVarTypeByte)
-        record.addField(L"EventType", decimal(values[kLevel].ByteVal), excluded);
+        record.addField(L"EventType", Decimal(values[kLevel].ByteVal), excluded);
     else
         LOG_INFO("%s: Failed to get level id from event, channel='%s'", kFn, channel);
 
@@ -290,9 +310,9 @@ DWORD WinEventLogChannelBase::setEventProperties(const EVT_VARIANT* values, Even
             text = sid.domainName;
             if (!text.empty()) text += L'\\';
             text += sid.accountName;
-            record.addField(L"User", std::move(text), excluded);
+            record.addField(L"User", text, excluded);
             record.addField(L"Sid", sid.sidString, excluded);
-            record.addField(L"SidType", decimal(sid.sidType), excluded);
+            record.addField(L"SidType", Decimal(sid.sidType), excluded);
         } else {
             LOG_DEBUG("%s: Unable to process sid for Windows Event Log='%s'; evtlog_id='%d';", kFn, channel,
                       static_cast<int>(record.eventCode));
@@ -304,7 +324,7 @@ DWORD WinEventLogChannelBase::setEventProperties(const EVT_VARIANT* values, Even
 
     EVT_HANDLE metadata = nullptr;
     if (isString(values[kProvider])) {
-        record.publisher = values[kProvider].StringVal;
+        record.publisher.assign(values[kProvider].StringVal);
         metadata = getPublisherMetadata(record.publisher);
     } else {
         LOG_INFO("%s: Failed to get the publisher name from event, channel='%s'", kFn, channel);
@@ -317,19 +337,19 @@ DWORD WinEventLogChannelBase::setEventProperties(const EVT_VARIANT* values, Even
                      recId());
             text = record.publisher;
         }
-        record.addField(L"SourceName", std::move(text), excluded);
+        record.addField(L"SourceName", text, excluded);
     }
 
     if (!settings_.suppressType) {
         if (formatMessageByFlag(metadata, event, EvtFormatMessageLevel, kNoMessageId, text)) {
-            record.addField(L"Type", std::move(text), excluded);
+            record.addField(L"Type", text, excluded);
         } else {
             LOG_INFO("%s: Failed to format level of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
             if (lastFormatError_ == ERROR_INVALID_HANDLE) return ERROR_INVALID_HANDLE;
         }
     }
 
-    record.addField(L"RecordNumber", decimal(record.recordNumber), excluded);
+    record.addField(L"RecordNumber", Decimal(record.recordNumber), excluded);
 
     if (!settings_.suppressKeywords) {
         if (!formatMessageByFlag(metadata, event, EvtFormatMessageKeyword, kNoMessageId, text)) {
@@ -337,7 +357,7 @@ DWORD WinEventLogChannelBase::setEventProperties(const EVT_VARIANT* values, Even
             if (lastFormatError_ == ERROR_INVALID_HANDLE) return ERROR_INVALID_HANDLE;
             text = L"None";
         }
-        record.addField(L"Keywords", std::move(text), excluded);
+        record.addField(L"Keywords", text, excluded);
     }
 
     if (!settings_.suppressTask) {
@@ -347,9 +367,12 @@ DWORD WinEventLogChannelBase::setEventProperties(const EVT_VARIANT* values, Even
         } else if (!formatMessageByFlag(metadata, event, EvtFormatMessageTask, kNoMessageId, text)) {
             LOG_INFO("%s: Failed to format task of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
             if (lastFormatError_ == ERROR_INVALID_HANDLE) return ERROR_INVALID_HANDLE;
-            text = numeric ? decimal(values[kTask].UInt16Val) : std::wstring(L"None");
+            if (numeric)
+                text.assign(Decimal(values[kTask].UInt16Val));
+            else
+                text.assign(L"None");
         }
-        record.addField(L"TaskCategory", std::move(text), excluded);
+        record.addField(L"TaskCategory", text, excluded);
     }
 
     if (!settings_.suppressOpcode) {
@@ -360,7 +383,7 @@ DWORD WinEventLogChannelBase::setEventProperties(const EVT_VARIANT* values, Even
             LOG_INFO("%s: Failed to format opCode of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
             text = L"None";
         }
-        record.addField(L"OpCode", std::move(text), excluded);
+        record.addField(L"OpCode", text, excluded);
     }
 
     if (settings_.suppressText) return 0;

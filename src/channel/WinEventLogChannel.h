@@ -30,7 +30,7 @@ public:
     // Closes the result handle, render context and notify event.
     void uninit();
     // Appends the events read in this call (bounded, about 3000 at most).
-    void getEventsNew(std::vector<EventRecord>& records);
+    void getEventsNew(EventBatch& records);
     bool initialized() const { return initialized_; }
     // False once the result handle went bad ("updated"): the worker re-opens.
     bool channelState() const { return channelState_; }
@@ -53,7 +53,7 @@ public:
     // Handles the failure of EvtNext (GetLastError() still holds it); returns anyRead.
     bool handleGetEventsError(bool anyRead, uint32_t index, uint32_t count);
     // Drops the record of slot `index`, closes the later slots, marks the channel "updated".
-    void resetChannel(std::vector<EventRecord>& records, uint32_t index, uint32_t count);
+    void resetChannel(EventBatch& records, uint32_t index, uint32_t count);
 
     // ---- Filter on a message-bearing key, once the message is formatted.
     bool includeEventWithEvtcodeMessage(const std::string& key, const std::string& value) const;
@@ -97,8 +97,8 @@ protected:
     DWORD valuesSize_ = 0;
     std::string sidMessage_;              // narrow message for SID translation, reused
     enum class BatchEnd { Full, Short, Stop };
-    BatchEnd readBatch(std::vector<EventRecord>& records, uint32_t count);
-    bool readEvent(std::vector<EventRecord>& records, uint32_t index, uint32_t count);
+    BatchEnd readBatch(EventBatch& records, uint32_t count);
+    bool readEvent(EventBatch& records, uint32_t index, uint32_t count);
     bool openModern(const char* fn);
     bool reversePhaseEndedEarlier() const;
     bool collectorSubscriptionsAccepted() const;

@@ -73,6 +73,7 @@ protected:
     std::map<uint16_t, std::wstring> eventTypeNames_;
     std::vector<uint8_t> xmlBuffer_;   // reused by renderEventAsXml
     SidProps sidProps_;                // reused for each event's user SID
+    std::wstring fieldText_;           // one field's text before it joins the record
 
     // Message formatting state
     struct PublisherEntry {

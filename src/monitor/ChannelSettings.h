@@ -2,6 +2,7 @@
 // The per-channel settings read from one stanza.
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -62,7 +63,7 @@ struct ChannelSettings {
     // Some rule needs the formatted message: the whole-event rules are then
     // skipped and the message-bearing keys are checked one by one instead.
     bool filterOnMessage = false;
-    std::set<std::wstring> excludedFields;
+    std::set<std::wstring, std::less<>> excludedFields;  // looked up by string_view
     AdCacheSettings adCache;
     uint64_t channelWaitSeconds = 0;
 };

@@ -81,7 +81,7 @@ public:
         std::atomic<uint64_t> total{0};
         std::atomic<uint64_t> emptyMsg{0};
         // Reused by every pass: the batch being written and the one being read.
-        std::vector<EventRecord> batches[2];
+        EventBatch batches[2];
     };
     // Per-thread output scratch: reused for every event the thread writes.
     struct OutputScratch {

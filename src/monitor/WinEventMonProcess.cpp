@@ -18,13 +18,16 @@ constexpr size_t kMinEventsPerThread = 100;
 
 struct ReaderJob {
     WinEventLogChannel* channel;
-    std::vector<EventRecord>* batch;
+    EventBatch* batch;
 };
 
 // Non-zero when nothing could be read because the channel went bad.
 DWORD WINAPI readBatch(void* param) {
     ReaderJob& job = *static_cast<ReaderJob*>(param);
     try {
+        // The batch still holds events written two reads ago: they are closed
+        // here, on the thread that made them, and their records refilled.
+        job.batch->clear();
         job.channel->getEventsNew(*job.batch);
     } catch (...) {
         return 1;
@@ -53,9 +56,9 @@ DWORD WINAPI writeSlice(void* param) {
 
 // The classic text: "key=value" per field, "$"-keys by their value alone, each
 // value ended by a line feed, the whole trimmed.
-void classicText(const std::vector<std::pair<std::wstring, std::wstring>>& fields, std::string& out) {
+void classicText(const EventFields& fields, std::string& out) {
     out.clear();
-    for (const auto& [key, value] : fields) {
+    for (const auto [key, value] : fields) {
         if (!key.empty() && key[0] != L'$') {
             appendNarrow(key, out);
             out += '=';
@@ -98,10 +101,8 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
         return;
     }
 
-    std::vector<EventRecord>* reading = &work.batches[0];
-    std::vector<EventRecord>* current = &work.batches[1];
-    reading->clear();
-    current->clear();
+    EventBatch* reading = &work.batches[0];
+    EventBatch* current = &work.batches[1];
     ReaderJob job{&channel, reading};
     UniqueHandle reader(::CreateThread(nullptr, 0, &readBatch, &job, 0, nullptr));
     if (!reader) {
@@ -145,7 +146,7 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
             last = true;
         }
 
-        std::vector<EventRecord>& batch = *current;
+        EventBatch& batch = *current;
         const size_t size = batch.size();
         LOG_INFO("%s: Process channel %s. Current batch has %llu events", fn, name,
                  static_cast<unsigned long long>(size));
@@ -167,11 +168,12 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
             taken += share;
         }
 
-        for (size_t i = taken; i < size; ++i) {
-            EventRecord& event = batch[i];
-            processEvent(work, event, scratch);
-            lastEvent = std::move(event.handle);
-            lastRecord = event.recordNumber;
+        for (size_t i = taken; i < size; ++i) processEvent(work, batch[i], scratch);
+        // The last event of the batch is the position to resume after; the
+        // others are closed when the reader reuses their records.
+        if (size > taken) {
+            lastEvent = std::move(batch[size - 1].handle);
+            lastRecord = batch[size - 1].recordNumber;
         }
         if (!writerHandles.empty())
             ::WaitForMultipleObjects(static_cast<DWORD>(writerHandles.size()), writerHandles.data(), TRUE, INFINITE);
@@ -179,7 +181,6 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
         checkpoint();
         retrieved += size;
         work.total += size;
-        batch.clear();
         for (WriterSlice& slice : writers) {
             LOG_DEBUG("%s: closing thread handle", fn);
             slice.thread.reset();
@@ -192,8 +193,9 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
         checkpoint();
         lastEvent.reset();
     }
-    reading->clear();
-    current->clear();
+    // Idle channels hold no records.
+    reading->release();
+    current->release();
     LOG_DEBUG("%s: Retrieved='%llu' events, total='%llu', empty_msg='%llu' from Windows Event Log='%s'", fn,
               static_cast<unsigned long long>(retrieved), static_cast<unsigned long long>(work.total.load()),
               static_cast<unsigned long long>(work.emptyMsg.load()), name);
@@ -202,7 +204,7 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
 bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch) {
     const WinEventLogChannel& channel = *work.channel;
     const ChannelSettings& settings = channel.settings();
-    if (event.message.empty()) ++work.emptyMsg;
+    if (event.xml.empty() && event.message.empty()) ++work.emptyMsg;
 
     ModinputEvent& record = scratch.record;
     if (!event.xml.empty())

@@ -299,7 +299,7 @@ TEST(Configure, ExcludedFields) {
                                         {{"evt_exclude_fields", " Message, Colour ,,EventCode"},
                                          {"whitelist", "4624"}, {"blacklist", "Message=%{secret}%"}}}})));
     const ChannelSettings& s = settingsOf(mon, "Security");
-    EXPECT_EQ(s.excludedFields, (std::set<std::wstring>{L"Message", L"Colour", L"EventCode"}));
+    EXPECT_EQ(s.excludedFields, (std::set<std::wstring, std::less<>>{L"Message", L"Colour", L"EventCode"}));
     EXPECT_TRUE(log.has(LogLevel::Debug, "Excluding field: 'Colour' from event"));
     EXPECT_TRUE(log.has(LogLevel::Warn, "Excluding field: 'Colour' not a standard field entry"));
     EXPECT_TRUE(log.has(LogLevel::Warn, "Excluding field: 'EventCode' conflicts with whitelist/blacklist entry"));

@@ -79,7 +79,7 @@ protected:
     std::vector<uint64_t> drain(WinEventLogChannel& ch) {
         std::vector<uint64_t> ids;
         do {
-            std::vector<EventRecord> records;
+            EventBatch records;
             ch.getEventsNew(records);
             for (const auto& r : records) ids.push_back(r.recordNumber);
             if (!records.empty()) ch.checkPoint(records.back().handle.get(), records.back().recordNumber, false);

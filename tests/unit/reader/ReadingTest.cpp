@@ -36,7 +36,7 @@ TEST_F(Reading, BatchesAreClampedAndOneCallIsBoundedByThePassLimit) {
         WinEventLogChannel& ch = open(s);
         EXPECT_EQ(ch.batchSize(), c.used);
         EvtNextCounter::install();
-        std::vector<EventRecord> records;
+        EventBatch records;
         ch.getEventsNew(records);
         EXPECT_EQ(records.size(), c.firstCall);
         EXPECT_EQ(EvtNextCounter::calls(), c.evtNextCalls);
@@ -70,7 +70,7 @@ TEST_F(Reading, SubscriptionStartsAfterTheCheckpointUnlessCurrentOnly) {
         ASSERT_TRUE(channel_->init());
         EXPECT_TRUE(channel_->subscriptionReady());
         EXPECT_FALSE(channel_->readingReverse());
-        std::vector<EventRecord> records;
+        EventBatch records;
         channel_->getEventsNew(records);
         std::vector<uint64_t> got;
         for (const auto& r : records) got.push_back(r.recordNumber);

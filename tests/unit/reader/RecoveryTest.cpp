@@ -36,7 +36,7 @@ TEST_F(Recovery, EvtNextErrors) {
         const uint64_t slept = clock_.slept();
         WinEventLogChannel& ch = open(s);
         store_.setFaults(c.fault);
-        std::vector<EventRecord> records;
+        EventBatch records;
         ch.getEventsNew(records);
         EXPECT_TRUE(records.empty());
         EXPECT_FALSE(ch.eventsPending());
@@ -58,7 +58,7 @@ TEST_F(Recovery, InvalidHandleWhileRenderingResetsTheChannel) {
     append(4);
     WinEventLogChannel& ch = open(settings());
     store_.setFaults("EvtRender:Application=6,once");
-    std::vector<EventRecord> records;
+    EventBatch records;
     ch.getEventsNew(records);
     EXPECT_TRUE(records.empty());  // the first event failed: it and the rest of its batch are dropped
     EXPECT_FALSE(ch.channelState());
@@ -87,7 +87,7 @@ TEST_F(Recovery, DeletedChannelIsMissingUntilMadeAgain) {
     ChannelSettings s = settings();
     s.checkpointDir.clear();  // no checkpoint: the new channel is read from its start
     WinEventLogChannel& ch = open(s);
-    std::vector<EventRecord> records;
+    EventBatch records;
     ch.getEventsNew(records);
     records.clear();
     store_.deleteChannel(kChannel);
@@ -120,7 +120,7 @@ TEST_F(Recovery, EventCodeFilterDropsEventsBeforeTheyAreFormatted) {
         if (!c.white.empty()) s.whitelist.codeLists.push_back(c.white);
         if (!c.black.empty()) s.blacklist.codeLists.push_back(c.black);
         WinEventLogChannel& ch = open(s);
-        std::vector<EventRecord> records;
+        EventBatch records;
         ch.getEventsNew(records);
         std::vector<uint32_t> kept;
         for (const auto& r : records) kept.push_back(r.eventCode);
@@ -140,7 +140,7 @@ TEST_F(Recovery, MessageIsTheLastFieldAfterSidTranslation) {
     } cases[] = {
         {false, false, false, false},
         {true, false, true, false},
-        {true, true, false, true},  // with XML only the XML is translated
+        {true, true, false, true},
     };
     append(1, 1, text);
     for (const auto& c : cases) {
@@ -150,7 +150,7 @@ TEST_F(Recovery, MessageIsTheLastFieldAfterSidTranslation) {
         s.resolveAdObj = c.resolve;
         s.renderXml = c.xml;
         WinEventLogChannel& ch = open(s);
-        std::vector<EventRecord> records;
+        EventBatch records;
         ch.getEventsNew(records);
         ASSERT_EQ(records.size(), 1u);
         const EventRecord& r = records[0];
@@ -158,13 +158,17 @@ TEST_F(Recovery, MessageIsTheLastFieldAfterSidTranslation) {
         EXPECT_EQ(r.recordNumber, 1u);
         EXPECT_EQ(r.eventCode, 1u);
         EXPECT_GT(r.time, 0u);
-        ASSERT_FALSE(r.fields.empty());
-        EXPECT_EQ(r.fields.back().first, L"Message");
-        EXPECT_EQ(r.fields.back().second, r.message);
-        EXPECT_EQ(r.message.find(L"S-1-5-18") == std::wstring::npos, c.messageTranslated) << narrow(r.message);
         EXPECT_EQ(r.xml.empty(), !c.xml);
         if (c.xml) {
+            // Sent as its XML: no classic fields are formatted.
+            EXPECT_TRUE(r.fields.empty());
+            EXPECT_TRUE(r.message.empty());
             EXPECT_EQ(r.xml.find(L"S-1-5-18") == std::wstring::npos, c.xmlTranslated);
+        } else {
+            ASSERT_FALSE(r.fields.empty());
+            EXPECT_EQ(r.fields.back().key, L"Message");
+            EXPECT_EQ(r.fields.back().value, r.message);
+            EXPECT_EQ(r.message.find(L"S-1-5-18") == std::wstring::npos, c.messageTranslated) << narrow(r.message);
         }
         EXPECT_EQ(log_.has(LogLevel::Info, "WinEventLogChannel::getEventsNew (1070): translating SID"), c.resolve);
     }

@@ -20,7 +20,7 @@ protected:
     bool format(DWORD flag, std::wstring& out) {
         return channel_->formatMessageByFlag(metadata_, records_[0].handle.get(), flag, DWORD(-1), out);
     }
-    std::vector<EventRecord> records_;
+    EventBatch records_;
     EVT_HANDLE metadata_ = nullptr;
 };
 

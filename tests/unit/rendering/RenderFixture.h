@@ -86,7 +86,7 @@ protected:
     }
 
     // Reads every event of `channel` through a channel reader with `settings`.
-    std::vector<EventRecord> readAll(const char* channel, const ChannelSettings& settings = ChannelSettings(),
+    EventBatch readAll(const char* channel, const ChannelSettings& settings = ChannelSettings(),
                                      std::vector<DWORD>* results = nullptr) {
         channel_ = std::make_unique<WinEventLogChannelBase>(channel, settings);
         EXPECT_TRUE(channel_->setRenderContext());
@@ -94,18 +94,17 @@ protected:
         UniqueEvtHandle query(api.EvtQuery(nullptr, widen(channel).c_str(), nullptr,
                                            EvtQueryChannelPath | EvtQueryForwardDirection));
         EXPECT_TRUE(query.valid());
-        std::vector<EventRecord> out;
+        EventBatch out;
         EVT_HANDLE handles[16];
         DWORD returned = 0;
         while (api.EvtNext(query.get(), 16, handles, INFINITE, 0, &returned)) {
             for (DWORD i = 0; i < returned; ++i) {
-                EventRecord record;
+                EventRecord& record = out.emplace_back();
                 record.handle.reset(handles[i]);
                 DWORD rc = channel_->renderEvent(record, values_, valuesSize_);
                 if (rc == 0)
                     rc = channel_->setEventProperties(reinterpret_cast<const EVT_VARIANT*>(values_.data()), record);
                 if (results) results->push_back(rc);
-                out.push_back(std::move(record));
             }
         }
         return out;
@@ -114,13 +113,20 @@ protected:
     EventRecord readOne(const char* channel, const ChannelSettings& settings = ChannelSettings()) {
         auto all = readAll(channel, settings);
         EXPECT_EQ(all.size(), 1u);
-        return all.empty() ? EventRecord() : std::move(all.front());
+        return all.empty() ? EventRecord() : std::move(all[0]);
     }
 
-    static std::vector<std::wstring> keys(const Fields& fields) {
+    static std::vector<std::wstring> keys(const EventFields& fields) {
         std::vector<std::wstring> k;
-        for (const auto& f : fields) k.push_back(f.first);
+        for (const auto f : fields) k.emplace_back(f.key);
         return k;
+    }
+
+    // The fields as owned pairs, from field `from` on.
+    static Fields fieldsOf(const EventRecord& r, size_t from = 0) {
+        Fields out;
+        for (size_t i = from; i < r.fields.size(); ++i) out.emplace_back(r.fields[i].key, r.fields[i].value);
+        return out;
     }
 
     ManualClock clock_;

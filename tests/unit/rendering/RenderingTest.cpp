@@ -27,7 +27,7 @@ TEST_F(RenderingTest, ClassicFieldsOfASecurityEventInOrder) {
         {L"TaskCategory", L"Logon"},
         {L"OpCode", L"Info"},
     };
-    EXPECT_EQ(r.fields, expected);
+    EXPECT_EQ(fieldsOf(r), expected);
     EXPECT_EQ(r.message, L"An account logged on.\r\n\tAccount Name:\talice\r\n\tLogon Type:\t2");
     EXPECT_EQ(r.time, 1706735107u);
     EXPECT_EQ(r.eventCode, 4624u);
@@ -43,9 +43,9 @@ TEST_F(RenderingTest, UserSidIsTranslatedWhenResolutionIsOn) {
     s.resolveAdObj = true;
     EventRecord r = readOne("Security", s);
     ASSERT_GE(r.fields.size(), 8u);
-    EXPECT_EQ(r.fields[5], (std::pair<std::wstring, std::wstring>(L"User", L"NT AUTHORITY\\SYSTEM")));
-    EXPECT_EQ(r.fields[6].second, L"S-1-5-18");
-    EXPECT_EQ(r.fields[7].second, std::to_wstring(SidTypeWellKnownGroup));
+    EXPECT_EQ(fieldsOf(r)[5], (std::pair<std::wstring, std::wstring>(L"User", L"NT AUTHORITY\\SYSTEM")));
+    EXPECT_EQ(r.fields[6].value, L"S-1-5-18");
+    EXPECT_EQ(r.fields[7].value, std::to_wstring(SidTypeWellKnownGroup));
 }
 
 TEST_F(RenderingTest, EachSuppressSwitchLeavesOutItsFieldOnly) {
@@ -92,8 +92,9 @@ TEST_F(RenderingTest, TaskZeroIsNoneWithoutAFormattingCall) {
     EventRecord r = readOne("Security");
     apiTable().evt.EvtFormatMessage = FormatSpy::real();
     EXPECT_EQ(std::count(FormatSpy::flags().begin(), FormatSpy::flags().end(), DWORD(EvtFormatMessageTask)), 0);
-    auto it = std::find_if(r.fields.begin(), r.fields.end(), [](const auto& f) { return f.first == L"TaskCategory"; });
-    ASSERT_NE(it, r.fields.end());
+    const Fields fields = fieldsOf(r);
+    auto it = std::find_if(fields.begin(), fields.end(), [](const auto& f) { return f.first == L"TaskCategory"; });
+    ASSERT_NE(it, fields.end());
     EXPECT_EQ(it->second, L"None");
 }
 
@@ -102,7 +103,7 @@ TEST_F(RenderingTest, UnknownTaskFallsBackToItsNumber) {
     e.task = 999;
     store_.append("Security", e);
     EventRecord r = readOne("Security");
-    EXPECT_EQ(r.fields[12], (std::pair<std::wstring, std::wstring>(L"TaskCategory", L"999")));
+    EXPECT_EQ(fieldsOf(r)[12], (std::pair<std::wstring, std::wstring>(L"TaskCategory", L"999")));
 }
 
 TEST_F(RenderingTest, OpcodeFallsBackToTheMessageIdThenToNone) {
@@ -113,8 +114,8 @@ TEST_F(RenderingTest, OpcodeFallsBackToTheMessageIdThenToNone) {
     store_.append("Security", e);
     auto records = readAll("Security");
     ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].fields[13], (std::pair<std::wstring, std::wstring>(L"OpCode", L"Custom step")));
-    EXPECT_EQ(records[1].fields[13], (std::pair<std::wstring, std::wstring>(L"OpCode", L"None")));
+    EXPECT_EQ(fieldsOf(records[0])[13], (std::pair<std::wstring, std::wstring>(L"OpCode", L"Custom step")));
+    EXPECT_EQ(fieldsOf(records[1])[13], (std::pair<std::wstring, std::wstring>(L"OpCode", L"None")));
     EXPECT_EQ(log_.count(LogLevel::Info, "WinEventLogChannelBase::setEventProperties: Failed to format opCode of "
                                          "event log, channel='Security', rec_id=2"),
               1u);
@@ -128,7 +129,7 @@ TEST_F(RenderingTest, ProviderWithoutMetadataUsesRawNamesAndPlaceholderData) {
     store_.append("Security", e);
     auto records = readAll("Security");
     ASSERT_EQ(records.size(), 2u);
-    const Fields tail(records[1].fields.begin() + 8, records[1].fields.end());
+    const Fields tail = fieldsOf(records[1], 8);
     const Fields expected = {{L"SourceName", L"Not-Registered"},
                              {L"RecordNumber", L"2"},
                              {L"Keywords", L"None"},
@@ -156,7 +157,7 @@ TEST_F(RenderingTest, ForwardedEventIsFormattedFromItsRenderingInformation) {
     e.renderKeywords = {"Audit Success"};
     store_.append("ForwardedEvents", e);
     EventRecord r = readOne("ForwardedEvents");
-    const Fields tail(r.fields.begin() + 8, r.fields.end());
+    const Fields tail = fieldsOf(r, 8);
     const Fields expected = {{L"SourceName", L"Remote security auditing"},
                              {L"Type", L"Information"},
                              {L"RecordNumber", L"1"},
@@ -164,7 +165,7 @@ TEST_F(RenderingTest, ForwardedEventIsFormattedFromItsRenderingInformation) {
                              {L"TaskCategory", L"Logon"},
                              {L"OpCode", L"Info"}};
     EXPECT_EQ(tail, expected);
-    EXPECT_EQ(r.fields[1].second, L"Security");
+    EXPECT_EQ(r.fields[1].value, L"Security");
     EXPECT_EQ(r.message, L"Remote text of the event.");
 }
 
