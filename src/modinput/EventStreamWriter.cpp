@@ -85,20 +85,29 @@ void appendEscaped(std::string& out, std::string_view in) {
 }
 
 EventStreamWriter::EventStreamWriter(FILE* out) : out_(out) {
+    // Events go straight to the descriptor, one write each: the C library's
+    // buffering would split them (or, on a console, write byte by byte).
     fflush(out_);
-    int fd = _fileno(out_);
-    if (fd >= 0) savedMode_ = _setmode(fd, _O_BINARY);
+    fd_ = _fileno(out_);
+    if (fd_ >= 0) savedMode_ = _setmode(fd_, _O_BINARY);
     buffer_.reserve(4096);
 }
 
 EventStreamWriter::~EventStreamWriter() {
-    if (started_) fputs("</stream>\n", out_);
-    if (savedMode_ != -1) {
-        fflush(out_);
-        _setmode(_fileno(out_), savedMode_);
-    } else {
-        fflush(out_);
+    if (started_) writeAll("</stream>\n", 10);
+    if (savedMode_ != -1) _setmode(fd_, savedMode_);
+}
+
+bool EventStreamWriter::writeAll(const char* data, size_t size) {
+    if (fd_ < 0) return false;
+    while (size > 0) {
+        const unsigned chunk = size > (1u << 30) ? (1u << 30) : static_cast<unsigned>(size);
+        const int written = _write(fd_, data, chunk);
+        if (written <= 0) return false;
+        data += written;
+        size -= static_cast<size_t>(written);
     }
+    return true;
 }
 
 void EventStreamWriter::appendElement(const char* name, const std::string& value) {
@@ -135,9 +144,8 @@ bool EventStreamWriter::writeEvent(const ModinputEvent& event) {
     appendElement("index", event.index);
     if (event.done) buffer_ += "<done/>\n";
     buffer_ += "</event>\n";
-    bool ok = fwrite(buffer_.data(), 1, buffer_.size(), out_) == buffer_.size();
+    const bool ok = writeAll(buffer_.data(), buffer_.size());
     started_ = true;
-    ok = (fflush(out_) == 0) && ok;
     return ok;
 }
 

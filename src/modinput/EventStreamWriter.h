@@ -41,8 +41,10 @@ public:
 
 private:
     void appendElement(const char* name, const std::string& value);
+    bool writeAll(const char* data, size_t size);
 
     FILE* out_;
+    int fd_ = -1;
     int savedMode_ = -1;
     bool started_ = false;
     std::string buffer_;
