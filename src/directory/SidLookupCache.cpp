@@ -59,6 +59,20 @@ void SidLookupCache::clear() {
     entries_.clear();
 }
 
+bool SidLookupCache::lookupCachedText(std::wstring_view sidText, DWORD& result, std::wstring& account,
+                                      std::wstring& domain) {
+    if (disabled_) return false;
+    std::lock_guard<CriticalSection> guard(lock_);
+    auto it = entries_.find(sidText);
+    if (it == entries_.end() || it->second.expiry < tickNow()) return false;
+    result = it->second.result;
+    if (result == 0) {
+        account = it->second.account;
+        domain = it->second.domain;
+    }
+    return true;
+}
+
 DWORD SidLookupCache::lookupSid(PSID sid, std::wstring& account, std::wstring& domain, DWORD* type) {
     if (!sid || !::IsValidSid(sid)) return ERROR_INVALID_PARAMETER;
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "monitor/ChannelSettings.h"
 #include "platform/Handles.h"
@@ -34,6 +35,10 @@ public:
     // Returns a Win32 error code, 0 on success (an unmapped SID is a success whose
     // account name is the SID string). `type` may be null.
     DWORD lookupSid(PSID sid, std::wstring& account, std::wstring& domain, DWORD* type = nullptr);
+    // The fresh answer kept for a SID given in its canonical text ("S-1-5-18"),
+    // which spares parsing SIDs already seen. False when none is kept; `result`
+    // is then untouched.
+    bool lookupCachedText(std::wstring_view sidText, DWORD& result, std::wstring& account, std::wstring& domain);
 
     // Installs another look-up (tests); returns the previous one.
     LookupAccountSidFn setLookupFunction(LookupAccountSidFn fn);
@@ -55,7 +60,7 @@ private:
     void purgeLocked(uint64_t now);
 
     mutable CriticalSection lock_;
-    std::map<std::wstring, Entry> entries_;
+    std::map<std::wstring, Entry, std::less<>> entries_;
     std::atomic<bool> disabled_{false};
     std::atomic<uint64_t> expiryMs_{3600000};
     std::atomic<uint64_t> negativeExpiryMs_{10000};

@@ -9,16 +9,43 @@
 
 namespace skorva {
 
+namespace {
+
+// The cached answer for a SID text, when one is kept.
+bool cachedAnswer(const std::string& sid, DWORD& rc, std::wstring& account, std::wstring& domain) {
+    wchar_t wide[256];
+    if (sid.size() >= sizeof(wide) / sizeof(wide[0])) return false;
+    for (size_t i = 0; i < sid.size(); ++i) wide[i] = static_cast<unsigned char>(sid[i]);
+    return SidLookupCache::instance().lookupCachedText(std::wstring_view(wide, sid.size()), rc, account, domain);
+}
+
+// Every SID text the system converts begins "S-" or is a two-letter alias;
+// anything else, a GUID between braces say, is refused without the costly
+// conversion, with the error it would give.
+bool mayBeSid(const std::string& text) {
+    return text.size() == 2 || (text.size() > 2 && (text[0] == 'S' || text[0] == 's') && text[1] == '-');
+}
+
+}  // namespace
+
 bool translateSidString(const std::string& sid, std::wstring& out) {
-    PSID binary = nullptr;
-    if (!::ConvertStringSidToSidA(sid.c_str(), &binary)) {
-        LOG_DEBUG("ConvertStringSidTosid failed with error 0x%x", static_cast<unsigned>(::GetLastError()));
-        return false;
-    }
-    UniqueLocalMem owner(binary);
     std::wstring account;
     std::wstring domain;
-    const DWORD rc = SidLookupCache::instance().lookupSid(binary, account, domain);
+    DWORD rc = 0;
+    // A SID seen before is answered by its text, without parsing it.
+    if (!cachedAnswer(sid, rc, account, domain)) {
+        PSID binary = nullptr;
+        if (!mayBeSid(sid)) {
+            LOG_DEBUG("ConvertStringSidTosid failed with error 0x%x", static_cast<unsigned>(ERROR_INVALID_SID));
+            return false;
+        }
+        if (!::ConvertStringSidToSidA(sid.c_str(), &binary)) {
+            LOG_DEBUG("ConvertStringSidTosid failed with error 0x%x", static_cast<unsigned>(::GetLastError()));
+            return false;
+        }
+        UniqueLocalMem owner(binary);
+        rc = SidLookupCache::instance().lookupSid(binary, account, domain);
+    }
     if (rc != 0) {
         LOG_DEBUG("LookupAccountName failed with error 0x%x", static_cast<unsigned>(rc));
         return false;

@@ -190,7 +190,12 @@ TEST(SidLookupCacheSystem, LocalSystemTranslatesToItsAccountName) {
     std::wstring name;
     ASSERT_TRUE(translateSidString("S-1-5-18", name));
     EXPECT_EQ(name, L"NT AUTHORITY\\SYSTEM");
-    EXPECT_FALSE(translateSidString("not-a-sid", name));
+    // Texts that are no SID fail as the system's conversion fails them.
+    for (const char* text : {"not-a-sid", "bf967aba-0de6-11d0-a285-00aa003049e2", "S-", "S-1-x"}) {
+        test::LogCapture log;
+        EXPECT_FALSE(translateSidString(text, name)) << text;
+        EXPECT_TRUE(log.has(LogLevel::Debug, "ConvertStringSidTosid failed with error 0x539")) << text;
+    }
 }
 
 class SidPropsTest : public ::testing::Test {
@@ -254,14 +259,22 @@ TEST_F(SidPropsTest, SidStringTranslationJoinsDomainAndAccount) {
     FakeAccounts::table()[L"S-1-5-21-1-2-3-1001"] = FakeAccount{L"alice", L"CORP"};
     FakeAccounts::table()[L"S-1-5-21-1-2-3-1002"] = FakeAccount{L"bob", L""};
     FakeAccounts::table()[L"S-1-5-21-1-2-3-1003"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
-    std::wstring out;
-    ASSERT_TRUE(translateSidString("S-1-5-21-1-2-3-1001", out));
-    EXPECT_EQ(out, L"CORP\\alice");
-    ASSERT_TRUE(translateSidString("S-1-5-21-1-2-3-1002", out));
-    EXPECT_EQ(out, L"bob");
-    EXPECT_FALSE(translateSidString("S-1-5-21-1-2-3-1003", out));
-    EXPECT_TRUE(log_.has(LogLevel::Debug, "LookupAccountName failed with error 0x5"));
-    EXPECT_TRUE(log_.has(LogLevel::Debug, "Translates the sid S-1-5-21-1-2-3-1001 successfully."));
+    // The second round is answered from the cache by the SID text, the same way;
+    // a lower-case text is parsed and still finds the cached account.
+    for (const char* prefix : {"S", "S", "s"}) {
+        SCOPED_TRACE(prefix);
+        log_.clear();
+        const std::string base = std::string(prefix) + "-1-5-21-1-2-3-100";
+        std::wstring out;
+        ASSERT_TRUE(translateSidString(base + "1", out));
+        EXPECT_EQ(out, L"CORP\\alice");
+        ASSERT_TRUE(translateSidString(base + "2", out));
+        EXPECT_EQ(out, L"bob");
+        EXPECT_FALSE(translateSidString(base + "3", out));
+        EXPECT_TRUE(log_.has(LogLevel::Debug, "LookupAccountName failed with error 0x5"));
+        EXPECT_TRUE(log_.has(LogLevel::Debug, "Translates the sid " + base + "1 successfully."));
+    }
+    EXPECT_EQ(FakeAccounts::calls(), 3) << "each account looked up once";
 }
 
 }  // namespace
