@@ -16,6 +16,18 @@ inline void appendHexByte(std::string& out, unsigned char b) {
 
 inline bool isContinuation(unsigned char b) { return (b & 0xC0) == 0x80; }
 
+// Bytes copied unchanged without a look at their neighbours: printable ASCII
+// other than the five entity characters, and tab, line feed, carriage return.
+struct PlainBytes {
+    bool table[256] = {};
+    constexpr PlainBytes() {
+        for (int c = 0x20; c < 0x80; ++c) table[c] = c != '&' && c != '<' && c != '>' && c != '"' && c != '\'';
+        table[static_cast<int>('\t')] = table[static_cast<int>('\n')] = table[static_cast<int>('\r')] = true;
+    }
+    bool operator[](unsigned char c) const { return table[c]; }
+};
+constexpr PlainBytes kPlain;
+
 // Length of the well-formed UTF-8 sequence at p (surrogate forms included, so
 // the caller can escape them), or 0 when the bytes form none.
 size_t utf8SequenceLength(const unsigned char* p, size_t avail) {
@@ -41,6 +53,9 @@ void appendEscaped(std::string& out, std::string_view in) {
         if (upTo > run) out.append(in.data() + run, upTo - run);
     };
     for (size_t i = 0; i < n; ++i) {
+        // Most bytes pass unchanged: skip them by table.
+        while (i < n && kPlain[p[i]]) ++i;
+        if (i == n) break;
         unsigned char c = p[i];
         const char* entity = nullptr;
         switch (c) {

@@ -20,24 +20,6 @@ void appendUtf16(char32_t cp, std::wstring& out) {
     }
 }
 
-void appendUtf8(char32_t cp, std::string& out) {
-    if (cp < 0x80) {
-        out.push_back(static_cast<char>(cp));
-    } else if (cp < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else if (cp < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    }
-}
-
 }  // namespace
 
 void widenInto(std::string_view in, std::wstring& out) {
@@ -85,23 +67,37 @@ std::wstring widen(std::string_view utf8) {
 
 void appendNarrow(std::wstring_view in, std::string& out) {
     const size_t n = in.size();
-    for (size_t i = 0; i < n; ++i) {
-        char32_t c = static_cast<char16_t>(in[i]);
-        if (c < 0x80) {
-            out.push_back(static_cast<char>(c));
-            continue;
-        }
-        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < n) {
-            char32_t d = static_cast<char16_t>(in[i + 1]);
+    const size_t at = out.size();
+    out.resize(at + n * 3);  // the most one UTF-16 unit can become
+    char* const first = out.data() + at;
+    char* p = first;
+    size_t i = 0;
+    while (i < n) {
+        // Runs of ASCII, the common case, are copied a unit at a time.
+        while (i < n && static_cast<char16_t>(in[i]) < 0x80) *p++ = static_cast<char>(in[i++]);
+        if (i == n) break;
+        char32_t c = static_cast<char16_t>(in[i++]);
+        if (c >= 0xD800 && c <= 0xDBFF && i < n) {
+            const char32_t d = static_cast<char16_t>(in[i]);
             if (d >= 0xDC00 && d <= 0xDFFF) {
-                appendUtf8(0x10000 + ((c - 0xD800) << 10) + (d - 0xDC00), out);
+                c = 0x10000 + ((c - 0xD800) << 10) + (d - 0xDC00);
                 ++i;
-                continue;
             }
         }
         if (c >= 0xD800 && c <= 0xDFFF) c = kReplacement;
-        appendUtf8(c, out);
+        if (c < 0x800) {
+            *p++ = static_cast<char>(0xC0 | (c >> 6));
+        } else if (c < 0x10000) {
+            *p++ = static_cast<char>(0xE0 | (c >> 12));
+            *p++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        } else {
+            *p++ = static_cast<char>(0xF0 | (c >> 18));
+            *p++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            *p++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        }
+        *p++ = static_cast<char>(0x80 | (c & 0x3F));
     }
+    out.resize(at + static_cast<size_t>(p - first));
 }
 
 void narrowInto(std::wstring_view utf16, std::string& out) {
