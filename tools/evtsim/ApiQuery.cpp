@@ -28,7 +28,8 @@ struct ChannelEnumObj : Object {
     size_t next = 0;
 };
 
-// Loads until the log is complete (queries read from the end, seeks from the last).
+// Indexes the whole file (queries read from the end, seeks from the last); the log
+// keeps only the last slices' bytes.
 void loadAll(ChannelLog& log) {
     bool partial = false;
     uint64_t before;
@@ -43,6 +44,28 @@ size_t orderLength(QueryObj& q) { return q.reverse ? q.snapshot : q.log->size();
 
 // Index in query order of record `index` of the log.
 size_t orderIndex(QueryObj& q, size_t index) { return q.reverse ? q.snapshot - 1 - index : index; }
+
+// Follows a change of the channel under a result set: the error the handle now
+// gives, or 0 when it reads on (a subscription carries on in the new generation,
+// after the last record it gave).
+DWORD followChange(QueryObj& q) {
+    ChannelMeta now;
+    switch (checkChannel(*q.log, now)) {
+    case ChannelChange::None: return 0;
+    case ChannelChange::Deleted: return ERROR_EVT_CHANNEL_NOT_FOUND;
+    case ChannelChange::Recreated: return ERROR_INVALID_HANDLE;
+    case ChannelChange::Cleared: break;
+    }
+    if (!q.subscription()) return ERROR_EVT_QUERY_RESULT_STALE;
+    DWORD error = 0;
+    auto fresh = openChannelLog(q.root, q.channel, error);
+    if (!fresh) return error;
+    q.log = fresh;
+    bool partial = false;
+    q.log->refresh(partial);
+    q.cursor = q.log->lowerBound(q.lastId + 1);
+    return 0;
+}
 
 }  // namespace
 
@@ -137,25 +160,9 @@ BOOL WINAPI EvtNext(EVT_HANDLE ResultSet, DWORD EventArraySize, EVT_HANDLE* Even
     std::lock_guard<std::mutex> lock(q->mutex);
     if (DWORD f = injectedFault("EvtNext", toUtf8(q->log->wideName()))) return failWith(f, FALSE);
 
-    ChannelMeta now;
-    switch (checkChannel(*q->log, now)) {
-    case ChannelChange::None: break;
-    case ChannelChange::Deleted: return failWith(ERROR_EVT_CHANNEL_NOT_FOUND, FALSE);
-    case ChannelChange::Recreated: return failWith(ERROR_INVALID_HANDLE, FALSE);
-    case ChannelChange::Cleared: {
-        if (!q->subscription()) return failWith(ERROR_EVT_QUERY_RESULT_STALE, FALSE);
-        // A subscription carries on in the new generation, after the last record it gave.
-        DWORD error = 0;
-        auto fresh = openChannelLog(q->root, q->channel, error);
-        if (!fresh) return failWith(error, FALSE);
-        q->log = fresh;
-        bool partial = false;
-        q->log->refresh(partial);
-        q->cursor = q->log->lowerBound(q->lastId + 1);
-        break;
-    }
-    }
+    if (DWORD e = followChange(*q)) return failWith(e, FALSE);
 
+    ChannelMeta now;
     const ULONGLONG start = GetTickCount64();
     ULONGLONG stuckSince = start;
     uint64_t stuckBytes = q->log->loadedBytes();
@@ -185,20 +192,31 @@ BOOL WINAPI EvtNext(EVT_HANDLE ResultSet, DWORD EventArraySize, EVT_HANDLE* Even
                 continue;
             }
         }
+        bool unreadable = false;
         while (got < EventArraySize) {
             size_t want = std::min<size_t>(EventArraySize - got, 64);
             size_t n = q->reverse ? q->log->copy(q->snapshot - q->cursor, want, true, batch)
                                   : q->log->copy(q->cursor, want, false, batch);
-            if (n == 0) break;
+            if (n == 0) {
+                unreadable = q->cursor < orderLength(*q);
+                break;
+            }
             for (size_t i = 0; i < n; ++i) {
                 auto ev = std::make_unique<EventObj>();
                 ev->log = q->log;
-                ev->record = batch[i];
+                q->lastId = batch[i].id;
+                ev->record = std::move(batch[i]);
                 ev->backward = q->reverse;
                 EventArray[got++] = registerObject(std::move(ev));
-                q->lastId = batch[i].id;
             }
             q->cursor += n;
+        }
+        if (unreadable && got == 0) {
+            // Records whose bytes could not be read again: the file has gone meanwhile.
+            const auto before = q->log;
+            if (DWORD e = followChange(*q)) return failWith(e, FALSE);
+            if (q->log != before) continue;
+            return failWith(ERROR_READ_FAULT, FALSE);
         }
         break;
     }
@@ -219,13 +237,7 @@ BOOL WINAPI EvtSeek(EVT_HANDLE ResultSet, LONGLONG Position, EVT_HANDLE Bookmark
         ((origin == EvtSeekRelativeToBookmark) != (Bookmark != nullptr)))
         return failWith(ERROR_INVALID_PARAMETER, FALSE);
     std::lock_guard<std::mutex> lock(q->mutex);
-    ChannelMeta now;
-    switch (checkChannel(*q->log, now)) {
-    case ChannelChange::None: break;
-    case ChannelChange::Deleted: return failWith(ERROR_EVT_CHANNEL_NOT_FOUND, FALSE);
-    case ChannelChange::Recreated: return failWith(ERROR_INVALID_HANDLE, FALSE);
-    case ChannelChange::Cleared: return failWith(ERROR_EVT_QUERY_RESULT_STALE, FALSE);
-    }
+    if (DWORD e = followChange(*q)) return failWith(e, FALSE);  // a query: a clear makes it stale
     loadAll(*q->log);
     const LONGLONG length = static_cast<LONGLONG>(orderLength(*q));
     LONGLONG target = 0;

@@ -34,5 +34,11 @@ void setStoreRoot(const std::wstring& root);
 std::wstring storeRoot();
 // Handles handed out and not yet closed (for leak checks in tests).
 size_t openHandleCount();
+// Bytes of records files held in memory by this process (kept by channel logs or by
+// events handed out), for tests that reading stays within bounds.
+size_t residentRecordBytes();
+// Size of the slices channel logs read records files in; 0 restores the default (4 MiB).
+// Tests use small slices to cross many of them with few records.
+void setSliceBytes(size_t bytes);
 
 }  // namespace evtsim

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -41,15 +40,31 @@ T* lookupAs(EVT_HANDLE h) {
 }
 bool closeObject(EVT_HANDLE h);
 
+// The bytes of one slice of a records file (whole frames only) and where each
+// frame's event text lies in them. The last slice of a log may still grow: the log
+// appends past what it has handed out, under its mutex, and never moves the bytes.
+struct SliceData {
+    explicit SliceData(size_t capacity);
+    ~SliceData();
+    SliceData(const SliceData&) = delete;
+    SliceData& operator=(const SliceData&) = delete;
+
+    char* const bytes;  // whole pages (PageAllocator)
+    const size_t capacity;
+    FrameList frames;  // offsets into `bytes`
+};
+
 struct Record {
     uint64_t id;
-    const char* xml;  // UTF-8, inside a chunk the log keeps
+    const char* xml;  // UTF-8, inside `slice`
     uint32_t size;
+    std::shared_ptr<const SliceData> slice;  // keeps `xml` readable
 };
 
 // The committed records of one channel incarnation and generation, shared by every
-// handle of the process that reads it. Records are loaded from the file as readers
-// reach the end of what is loaded.
+// handle of the process that reads it. The log indexes the file in slices as readers
+// reach its end, and keeps the bytes of only the few slices used last; a slice whose
+// bytes were dropped is read again when one of its records is asked for.
 class ChannelLog {
 public:
     ChannelLog(std::wstring dir, ChannelMeta meta);
@@ -58,24 +73,48 @@ public:
     const ChannelMeta& meta() const { return meta_; }
     const std::wstring& wideName() const { return wideName_; }
 
-    // Loads frames committed since the last load. False when the file is gone;
-    // `partial` tells whether a frame is being written.
+    // Indexes frames committed since the last call (up to one slice). False when the
+    // file is gone; `partial` tells whether a frame is being written.
     bool refresh(bool& partial);
     uint64_t loadedBytes() const { return loadedBytes_.load(std::memory_order_acquire); }
     size_t size() const;
-    // Copies up to `n` records starting at index `from`, walking down when `reverse`.
+    // Copies up to `n` records starting at index `from`, walking down when `reverse`
+    // (then `from` counts the records below the first one copied). Fewer when the
+    // file can no longer be read.
     size_t copy(size_t from, size_t n, bool reverse, Record* out) const;
     // Index of the first record whose id is at least `id`.
     size_t lowerBound(uint64_t id) const;
     bool find(uint64_t id, size_t& index) const;
 
 private:
+    struct Slice {
+        uint64_t offset;
+        uint64_t bytes;
+        size_t firstIndex;
+        size_t count;
+        uint64_t firstId, lastId;
+        std::weak_ptr<SliceData> data;  // alive while the log or an event holds it
+    };
+    using Lock = std::unique_lock<std::mutex>;
+
+    size_t sliceOf(size_t index) const;
+    // The slice's bytes, read again from the file when nobody holds them (the lock is
+    // released meanwhile). Null when they cannot be read.
+    std::shared_ptr<SliceData> data(size_t slice, Lock& lock) const;
+    std::shared_ptr<SliceData> resident(size_t slice) const;
+    void remember(size_t slice, const std::shared_ptr<SliceData>& data) const;
+    std::shared_ptr<SliceData> readSlice(const Slice& s) const;
+    // Index of the first record with an id of at least `id`; `found` when it is `id`.
+    size_t locate(uint64_t id, bool& found) const;
+
     std::wstring dir_, path_, wideName_;
     ChannelMeta meta_;
-    mutable std::shared_mutex mutex_;
-    std::mutex refreshMutex_;
-    std::vector<std::unique_ptr<std::string>> chunks_;
-    std::vector<Record> records_;
+    mutable std::mutex mutex_;  // guards the members below and the frames of a growing slice
+    std::mutex refreshMutex_;   // one refresh at a time
+    mutable std::vector<Slice> slices_;
+    size_t records_ = 0;
+    mutable std::vector<std::pair<size_t, std::shared_ptr<SliceData>>> recent_;  // least recently used first
+    FrameList scanned_;  // refresh's scratch list
     std::atomic<uint64_t> loadedBytes_{0};
 };
 

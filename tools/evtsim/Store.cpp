@@ -11,13 +11,6 @@ namespace evtsim {
 
 namespace {
 
-struct FileCloser {
-    HANDLE h;
-    ~FileCloser() {
-        if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
-    }
-};
-
 std::string lastErrorText(const char* what) { return std::string(what) + " failed (error " + std::to_string(GetLastError()) + ")"; }
 
 bool makeDirs(const std::wstring& path) {
@@ -82,7 +75,7 @@ uint64_t newIncarnation() {
 
 }  // namespace
 
-size_t scanFrames(std::string_view data, std::vector<FrameRef>& out, bool& partial, bool& corrupt) {
+size_t scanFrames(std::string_view data, FrameList& out, bool& partial, bool& corrupt) {
     size_t pos = 0;
     partial = corrupt = false;
     while (pos < data.size()) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,10 +34,30 @@ struct FrameRef {
     uint32_t payloadSize;
 };
 
+// Whole pages straight from the system, given back when freed. Readers take and
+// drop slices of records files all the time, in sizes of their own; taken from the
+// heap those blocks would leave it more fragmented with every slice.
+template <class T>
+struct PageAllocator {
+    using value_type = T;
+    PageAllocator() = default;
+    template <class U>
+    PageAllocator(const PageAllocator<U>&) {}
+    T* allocate(size_t n) {
+        void* p = VirtualAlloc(nullptr, n * sizeof(T), MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+        if (!p) throw std::bad_alloc();
+        return static_cast<T*>(p);
+    }
+    void deallocate(T* p, size_t) { VirtualFree(p, 0, MEM_RELEASE); }
+    template <class U>
+    bool operator==(const PageAllocator<U>&) const { return true; }
+};
+using FrameList = std::vector<FrameRef, PageAllocator<FrameRef>>;
+
 // Complete frames at the start of `data`; returns the bytes they span. `partial`
 // tells whether bytes follow that do not (yet) form a complete frame; `corrupt`
 // whether those bytes can never become one.
-size_t scanFrames(std::string_view data, std::vector<FrameRef>& out, bool& partial, bool& corrupt);
+size_t scanFrames(std::string_view data, FrameList& out, bool& partial, bool& corrupt);
 void appendFrame(std::string& out, uint64_t recordId, std::string_view xml);
 
 std::wstring storeRootFromEnvironment();  // EVTSIM_STORE, empty when unset
@@ -49,6 +70,17 @@ std::wstring providerPath(const std::wstring& root, std::string_view name);
 bool readChannelMeta(const std::wstring& channelDir, ChannelMeta& meta);
 // Names (as stored) of every channel, sorted case-insensitively.
 std::vector<std::string> listChannels(const std::wstring& root);
+
+// Closes a file handle (INVALID_HANDLE_VALUE when none) at the end of its scope.
+struct FileCloser {
+    explicit FileCloser(HANDLE handle) : h(handle) {}
+    ~FileCloser() {
+        if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
+    }
+    FileCloser(const FileCloser&) = delete;
+    FileCloser& operator=(const FileCloser&) = delete;
+    HANDLE h;
+};
 
 bool readWholeFile(const std::wstring& path, std::string& out);
 

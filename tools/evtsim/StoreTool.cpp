@@ -68,7 +68,7 @@ size_t countRecords(const std::wstring& root, const std::string& name) {
     std::string data;
     std::wstring dir = channelDir(root, name);
     if (!readChannelMeta(dir, meta) || !readWholeFile(recordsPath(dir, meta), data)) return 0;
-    std::vector<FrameRef> frames;
+    FrameList frames;
     bool partial, corrupt;
     scanFrames(data, frames, partial, corrupt);
     return frames.size();
