@@ -51,7 +51,6 @@ TEST(ConfigReader, ReadsTheDaemonsDocumentInAnyPieces) {
         // Ordered by name; a repeated stanza gathers the parameters of both.
         EXPECT_EQ(c.stanzas.begin()->first, "WinEventLog://Application");
         const auto& sec = c.stanzas.at("WinEventLog://Security");
-        EXPECT_EQ(sec.name, "WinEventLog://Security");
         EXPECT_EQ(sec.params.size(), 6u);
         EXPECT_EQ(sec.params.at("whitelist"), "EventCode=%^(4624|4625)$% Message=%Logon Type:\\s+3%");
         EXPECT_EQ(sec.params.at("blacklist1"), "$XmlRegex=%<Data Name='TargetUserName'>svc_.*</Data>%");
