@@ -115,81 +115,74 @@ protected:
     LogCapture log;
 };
 
-const LogLevel kInfo = LogLevel::Info;
 const LogLevel kError = LogLevel::Error;
 
 }  // namespace
 
 TEST_F(LoaderQuirks, EventLogGroupResolvesFromSystemDirectoryOnly) {
-    ops.add(L"wevtapi.dll", kEvtNames);
-    EXPECT_TRUE(WinEventLogAPIInitializer::initWinEvtApi());
-    EXPECT_TRUE(WinEventLogAPIInitializer::isEvtApiAvailable());
-    ASSERT_EQ(ops.loads.size(), 1u);
-    EXPECT_EQ(ops.loads[0], L"C:\\windows\\System32\\wevtapi.dll");
-    EXPECT_EQ(ops.refs(L"wevtapi.dll"), 1);  // kept for the life of the process
-    EXPECT_NE(apiTable().evt.EvtSeek, nullptr);
-    EXPECT_NE(apiTable().evt.EvtSubscribe, nullptr);
+    for (bool preloaded : {false, true}) {
+        SCOPED_TRACE(preloaded ? "already loaded" : "loaded by full path");
+        WinEventLogAPIInitializer::resetForTesting();
+        ops.loads.clear();
+        ops.add(L"wevtapi.dll", kEvtNames).preloaded = preloaded;
+        EXPECT_TRUE(WinEventLogAPIInitializer::isEvtApiAvailable());
+        EXPECT_EQ(ops.loads, preloaded ? std::vector<std::wstring>{}
+                                       : std::vector<std::wstring>{L"C:\\windows\\System32\\wevtapi.dll"});
+        EXPECT_EQ(ops.refs(L"wevtapi.dll"), preloaded ? 0 : 1);  // kept for the life of the process
+        EXPECT_NE(apiTable().evt.EvtSeek, nullptr);
+    }
 }
 
-TEST_F(LoaderQuirks, AlreadyLoadedModuleIsUsedWithoutLoading) {
-    ops.add(L"wevtapi.dll", kEvtNames).preloaded = true;
-    EXPECT_TRUE(WinEventLogAPIInitializer::isEvtApiAvailable());
-    EXPECT_TRUE(ops.loads.empty());
-    EXPECT_EQ(ops.refs(L"wevtapi.dll"), 0);
-}
-
-TEST_F(LoaderQuirks, MissingEvtSeekLeavesGroupUnavailableForGood) {
-    ops.add(L"wevtapi.dll", kEvtNames, "EvtSeek");
-    EXPECT_FALSE(WinEventLogAPIInitializer::initWinEvtApi());
-    EXPECT_TRUE(log.has(kInfo, "WinEventLogAPIInitializer::initWinEvtApi: Failed to get proc address for 'EvtSeek' dll function."))
-        << log.dump();
-    EXPECT_EQ(ops.refs(L"wevtapi.dll"), 0);  // the reference taken is given back
-    EXPECT_EQ(apiTable().evt.EvtSubscribe, nullptr);  // nothing points into a released library
-
-    ops.add(L"wevtapi.dll", kEvtNames);  // even a good library is not tried again
-    EXPECT_TRUE(WinEventLogAPIInitializer::initWinEvtApi());
-    EXPECT_FALSE(WinEventLogAPIInitializer::isEvtApiAvailable());
-    EXPECT_EQ(ops.loads.size(), 1u);
-}
-
-TEST_F(LoaderQuirks, SystemRootMissingOrEmptyLoadsNothing) {
+TEST_F(LoaderQuirks, EventLogGroupUnavailableHoldsNoReferenceAndIsNotTriedAgain) {
+    const std::string printed =
+        "Missing or empty %SystemRoot% environment variable, please revert it to the default value for increased "
+        "security.";
     struct Case {
-        bool present;
-        std::wstring value;
+        const char* label;
+        const char* without;  // export left out
+        bool hasRoot;
+        std::wstring root;
+        bool hidden;
+        size_t loads;
+        std::string logged, printed;
     };
-    for (const Case& c : {Case{false, L""}, Case{true, L""}}) {
-        SCOPED_TRACE(c.present ? "empty" : "unset");
+    const Case cases[] = {
+        {"EvtSeek missing", "EvtSeek", true, L"C:\\windows", false, 1,
+         "Failed to get proc address for 'EvtSeek' dll function.", ""},
+        {"SystemRoot unset", "", false, L"", false, 0,
+         "We must be in an XP/2k3 family OS. Switching using the old Windows Event Log api: ", printed},
+        {"SystemRoot empty", "", true, L"", false, 0,
+         "We must be in an XP/2k3 family OS. Switching using the old Windows Event Log api: ", printed},
+        // Fits alone, not with \System32\wevtapi.dll: refused, never truncated.
+        {"SystemRoot overlong", "", true, L"C:\\" + std::wstring(250, L'x'), false, 0, "", ""},
+        {"gone at the second handle query", "", true, L"C:\\windows", true, 1,
+         "We must be in a XP/2k3 family OS. Switching using the old Windows Event Log api: ", ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.label);
         WinEventLogAPIInitializer::resetForTesting();
         ops.loads.clear();
         ops.printed.clear();
         log.clear();
-        ops.add(L"wevtapi.dll", kEvtNames);
-        ops.hasSystemRoot = c.present;
-        ops.systemRoot = c.value;
+        ops.add(L"wevtapi.dll", kEvtNames, c.without).hiddenAfterLoad = c.hidden;
+        ops.hasSystemRoot = c.hasRoot;
+        ops.systemRoot = c.root;
         EXPECT_FALSE(WinEventLogAPIInitializer::isEvtApiAvailable());
-        EXPECT_TRUE(ops.loads.empty());
-        ASSERT_EQ(ops.printed.size(), 1u);
-        EXPECT_EQ(ops.printed[0],
-                  "Missing or empty %SystemRoot% environment variable, please revert it to the default value for "
-                  "increased security.");
-        EXPECT_TRUE(log.contains("initWinEvtApi: We must be in an XP/2k3 family OS. Switching using the old "
-                                 "Windows Event Log api: "))
-            << log.dump();
+        EXPECT_EQ(ops.loads.size(), c.loads);
+        EXPECT_EQ(ops.refs(L"wevtapi.dll"), 0);
+        EXPECT_EQ(apiTable().evt.EvtSubscribe, nullptr);  // nothing points into a released library
+        if (!c.logged.empty()) {
+            EXPECT_NE(log.dump().find("INFO WinEventLogAPIInitializer::initWinEvtApi: " + c.logged), std::string::npos)
+                << log.dump();
+        }
+        EXPECT_EQ(ops.printed, c.printed.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.printed});
+
+        ops.add(L"wevtapi.dll", kEvtNames);  // even a good library is not tried again
+        ops.hasSystemRoot = true;
+        ops.systemRoot = L"C:\\windows";
+        EXPECT_FALSE(WinEventLogAPIInitializer::isEvtApiAvailable());
+        EXPECT_EQ(ops.loads.size(), c.loads);
     }
-}
-
-TEST_F(LoaderQuirks, OverlongSystemRootIsRefusedNotTruncated) {
-    ops.add(L"wevtapi.dll", kEvtNames);
-    ops.systemRoot = L"C:\\" + std::wstring(250, L'x');  // fits alone, not with \System32\wevtapi.dll
-    EXPECT_FALSE(WinEventLogAPIInitializer::isEvtApiAvailable());
-    EXPECT_TRUE(ops.loads.empty());
-}
-
-TEST_F(LoaderQuirks, LibraryGoneAtSecondHandleQueryIsReleased) {
-    ops.add(L"wevtapi.dll", kEvtNames).hiddenAfterLoad = true;
-    EXPECT_FALSE(WinEventLogAPIInitializer::isEvtApiAvailable());
-    EXPECT_TRUE(log.contains("initWinEvtApi: We must be in a XP/2k3 family OS. Switching")) << log.dump();
-    EXPECT_EQ(ops.refs(L"wevtapi.dll"), 0);
 }
 
 TEST_F(LoaderQuirks, ForcedLegacyApiNeverLoads) {
