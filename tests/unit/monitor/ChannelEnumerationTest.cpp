@@ -3,12 +3,10 @@
 #include <string>
 #include <vector>
 
-#include "EvtsimInProcess.h"
 #include "LogCapture.h"
 #include "channel/EvtApi.h"
 #include "channel/WinEventLogAPIInitializer.h"
 #include "monitor/WinEventMon.h"
-#include "platform/Strings.h"
 
 using namespace skorva;
 using skorva::test::LogCapture;
@@ -135,60 +133,4 @@ TEST_F(ChannelEnumeration, RegistryListWithoutTheModernApi) {
     EXPECT_EQ(mon.knownChannels().count("system"), 1u);
     EXPECT_TRUE(log.has(LogLevel::Info, std::string(fn) + "Find channel Application"));
     EXPECT_TRUE(enumeration.sizesOffered.empty());
-}
-
-namespace {
-
-// Watches the simulated event log's own EvtNextChannelPath.
-decltype(&::EvtNextChannelPath) simNextChannelPath = nullptr;
-struct Call {
-    DWORD offered, reported;
-    BOOL ok;
-};
-std::vector<Call>* calls = nullptr;
-
-BOOL WINAPI watchedNextChannelPath(EVT_HANDLE h, DWORD size, LPWSTR buffer, PDWORD used) {
-    BOOL ok = simNextChannelPath(h, size, buffer, used);
-    DWORD error = ::GetLastError();
-    calls->push_back({size, *used, ok});
-    ::SetLastError(error);
-    return ok;
-}
-
-}  // namespace
-
-TEST(ChannelEnumerationSim, ChannelNamesOfGrowingLength) {
-    WinEventLogAPIInitializer::resetForTesting();
-    skorva::test::EvtsimStore store;
-    const std::vector<std::string> names = {"A", "Application", "Microsoft-Windows-Sysmon/Operational",
-                                            "Microsoft-Windows-PowerShell/Operational-And-Even-Longer-Name"};
-    for (const auto& n : names) store.createChannel(n);
-    std::vector<Call> seen;
-    calls = &seen;
-    simNextChannelPath = apiTable().evt.EvtNextChannelPath;
-    apiTable().evt.EvtNextChannelPath = &watchedNextChannelPath;
-    WinEventLogAPIInitializer::useFilledEvtTableForTesting(true);
-
-    WinEventMon mon(L"C:\\skorva-test");
-    ASSERT_TRUE(mon.enumEvtLogChannels());
-    for (const auto& n : names) EXPECT_EQ(mon.knownChannels().count(asciiLower(n)), 1u) << n;
-
-    ASSERT_FALSE(seen.empty());
-    EXPECT_EQ(seen.front().offered, 0u);  // no buffer before the system says how much
-    DWORD longest = 0;
-    size_t growths = 0, longerNames = 0;
-    for (size_t i = 0; i < seen.size(); ++i) {
-        if (seen[i].ok && seen[i].reported > longest) ++longerNames, longest = seen[i].reported;
-        if (i == 0) continue;
-        if (seen[i].offered != seen[i - 1].offered) {
-            ++growths;
-            EXPECT_FALSE(seen[i - 1].ok);
-            EXPECT_EQ(seen[i].offered, seen[i - 1].reported);  // exactly the reported size
-        }
-    }
-    EXPECT_EQ(growths, longerNames);  // one growth per new longest name, never more
-    EXPECT_GE(growths, 2u);
-    apiTable().evt.EvtNextChannelPath = simNextChannelPath;
-    calls = nullptr;
-    WinEventLogAPIInitializer::resetForTesting();
 }

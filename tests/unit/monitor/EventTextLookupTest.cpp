@@ -24,19 +24,14 @@ const std::string kLogonMessage =
 
 }  // namespace
 
+// Keys the filter tests already read through whole rules are not repeated here.
 TEST(EventTextLookup, FindsKeysInClassicTextAndXml) {
     const Case cases[] = {
-        {kClassicLogon, false, "EventCode", true, "4624"},
-        {kClassicLogon, false, "LogName", true, "Security"},
-        {kClassicLogon, false, "SourceName", true, "Microsoft Windows security auditing."},
         {kClassicLogon, false, "Message", true, kLogonMessage},
         {kClassicLogon, false, "Event", false, ""},       // prefix of EventCode/EventType, not a key
-        {kClassicLogon, false, "Detail", false, ""},      // a line of the message body
         {kClassicLogon, false, "Account Name", false, ""},
         {kClassicFailedLogonCrLf, false, "EventCode", true, "4625"},
         {kClassicFailedLogonCrLf, false, "Message", true, "An account failed to log on.\r\n\tLogon Type:\t\t10"},
-        {kXmlLogon, true, "EventCode", true, "4624"},
-        {kXmlLogon, true, "SourceName", true, "Microsoft-Windows-Security-Auditing"},
         {kXmlLogon, true, "LogName", true, "Security"},
         {kXmlLogon, true, "ComputerName", true, "dc01.corp.example"},
         {kXmlLogon, true, "RecordNumber", true, "386038"},
@@ -45,16 +40,11 @@ TEST(EventTextLookup, FindsKeysInClassicTextAndXml) {
         {kXmlLogon, true, "Type", true, "0"},  // the System level, not RenderingInfo's
         {kXmlLogon, true, "Sid", true, "S-1-5-18"},
         {kXmlLogon, true, "Message", true, "An account was successfully logged on."},
-        {kXmlLogon, true, "TargetUserName", true, "bob"},
         {kXmlLogon, true, "Empty", true, ""},
-        {kXmlLogon, true, "IpAddress", true, "10.1.2.3"},
         {kXmlLogon, true, "Target", false, ""},
-        {kXmlLogon, true, "$XmlRegex0", true, kXmlLogon},
-        {kXmlLogCleared, true, "SubjectUserName", true, "admin"},
         {kXmlLogCleared, true, "EventCode", true, "1102"},
         {kXmlLogCleared, true, "Sid", false, ""},
         {kXmlLogCleared, true, "Message", false, ""},
-        {kXmlLogCleared, true, "TargetUserName", false, ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.key) + (c.xml ? " (xml)" : " (classic)"));
