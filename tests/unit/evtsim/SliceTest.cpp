@@ -1,0 +1,186 @@
+// Channels spanning many slices: every record once and in order, seeks into slices
+// whose bytes were dropped, records arriving one at a time, and the bytes a reader
+// holds staying bounded.
+#include <numeric>
+#include <thread>
+
+#include "EvtsimTestUtil.h"
+
+using namespace evtsim_test;
+using skorva::test::EvtsimStore;
+
+namespace {
+
+constexpr size_t kSlice = 2048;
+constexpr size_t kRecords = 300;
+constexpr size_t kBigPayload = 2 * kSlice + 500;  // every 25th record is larger than a slice
+
+std::vector<std::string> records(size_t count, size_t first, size_t payload) {
+    std::vector<std::string> out;
+    for (size_t i = first; i < first + count; ++i) {
+        size_t size = i % 25 == 24 ? kBigPayload : payload;
+        out.push_back(evtsim::buildEventXml(sampleEvent(1000, {{"Payload", std::string(size, 'a' + i % 26)}})));
+    }
+    return out;
+}
+
+std::vector<uint64_t> idRange(uint64_t first, uint64_t last) {
+    std::vector<uint64_t> ids(first <= last ? last - first + 1 : first - last + 1);
+    for (size_t i = 0; i < ids.size(); ++i) ids[i] = first <= last ? first + i : first - i;
+    return ids;
+}
+
+// Reads a result set to its end, closing each batch before taking the next; returns
+// the record ids and raises `mostHeld` to the most record bytes the process held
+// meanwhile.
+std::vector<uint64_t> drain(EVT_HANDLE rs, DWORD batch, size_t* mostHeld = nullptr) {
+    std::vector<uint64_t> ids;
+    std::vector<EVT_HANDLE> events(batch);
+    DWORD got = 0;
+    while (evtsim::EvtNext(rs, batch, events.data(), 0, 0, &got)) {
+        if (mostHeld) *mostHeld = std::max(*mostHeld, evtsim::residentRecordBytes());
+        std::vector<UniqueEvtHandle> owned(events.begin(), events.begin() + got);
+        for (uint64_t id : recordIds(owned)) ids.push_back(id);
+    }
+    return ids;
+}
+
+UniqueEvtHandle bookmarkAt(uint64_t id) {
+    std::wstring xml = L"<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='" + std::to_wstring(id) +
+                       L"' IsCurrent='true'/>\r\n</BookmarkList>";
+    return UniqueEvtHandle(evtsim::EvtCreateBookmark(xml.c_str()));
+}
+
+class SliceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        evtsim::setSliceBytes(kSlice);
+        store.createChannel("Application");
+        auto xml = records(kRecords, 0, 300);
+        for (const auto& x : xml) channelBytes += x.size();
+        store.appendAll("Application", xml);
+        signal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        before = evtsim::residentRecordBytes();
+    }
+    void TearDown() override {
+        evtsim::setSliceBytes(0);
+        CloseHandle(signal);
+    }
+    UniqueEvtHandle query(DWORD direction) {
+        return UniqueEvtHandle(evtsim::EvtQuery(nullptr, L"Application", L"*", EvtQueryChannelPath | direction));
+    }
+    UniqueEvtHandle subscribe(DWORD origin, EVT_HANDLE bookmark = nullptr) {
+        return UniqueEvtHandle(
+            evtsim::EvtSubscribe(nullptr, signal, L"Application", L"*", bookmark, nullptr, nullptr, origin));
+    }
+
+    EvtsimStore store;
+    size_t channelBytes = 0;
+    size_t before = 0;  // held by the process when the test starts
+    HANDLE signal = nullptr;
+};
+
+TEST_F(SliceTest, EveryRecordOnceAndInOrderAcrossSlices) {
+    struct Case {
+        const char* what;
+        DWORD direction;  // 0: a subscription from the oldest record
+        DWORD batch;
+    } cases[] = {
+        {"forward", EvtQueryForwardDirection, 7},
+        {"forward, one at a time", EvtQueryForwardDirection, 1},
+        {"reverse", EvtQueryReverseDirection, 5},
+        {"subscription", 0, 16},
+    };
+    for (const auto& c : cases) {
+        auto rs = c.direction ? query(c.direction) : subscribe(EvtSubscribeStartAtOldestRecord);
+        // All handles kept: the first events' slices leave the log but stay readable.
+        auto events = readAll(rs.get(), c.batch);
+        EXPECT_EQ(c.direction == EvtQueryReverseDirection ? idRange(kRecords, 1) : idRange(1, kRecords),
+                  recordIds(events))
+            << c.what;
+    }
+}
+
+TEST_F(SliceTest, SeeksAndBookmarksIntoSlicesWhoseBytesWereDropped) {
+    struct Case {
+        DWORD direction;
+        DWORD origin;
+        LONGLONG position;
+        uint64_t bookmarkId;  // 0: none
+        std::vector<uint64_t> next;
+    } cases[] = {
+        {EvtQueryForwardDirection, EvtSeekRelativeToBookmark, 0, 3, {3, 4, 5}},
+        {EvtQueryForwardDirection, EvtSeekRelativeToBookmark, 1, 150, {151, 152, 153}},
+        {EvtQueryForwardDirection, EvtSeekRelativeToFirst, 48, 0, {49, 50, 51}},  // 50 is large
+        {EvtQueryReverseDirection, EvtSeekRelativeToBookmark, 0, 2, {2, 1}},
+        {EvtQueryReverseDirection, EvtSeekRelativeToLast, -2, 0, {3, 2, 1}},
+        {EvtQueryReverseDirection, EvtSeekRelativeToFirst, 1, 0, {kRecords - 1, kRecords - 2, kRecords - 3}},
+    };
+    for (const auto& c : cases) {
+        auto q = query(c.direction);
+        auto bm = c.bookmarkId ? bookmarkAt(c.bookmarkId) : UniqueEvtHandle();
+        ASSERT_TRUE(evtsim::EvtSeek(q.get(), c.position, bm.get(), 0, c.origin)) << c.origin << " " << c.position;
+        // The seek indexed the whole channel and kept only its last slices.
+        EXPECT_LT(evtsim::residentRecordBytes() - before, channelBytes / 4);
+        EXPECT_EQ(c.next, recordIds(readAll(q.get(), 1, c.next.size()))) << c.origin << " " << c.position;
+    }
+    auto bm = bookmarkAt(4);
+    auto sub = subscribe(EvtSubscribeStartAfterBookmark, bm.get());
+    EXPECT_EQ(idRange(5, 7), recordIds(readAll(sub.get(), 3, 3)));
+}
+
+TEST_F(SliceTest, HeldRecordBytesStayBoundedAndGoWithTheHandles) {
+    // The log's last slices plus those the open batch points into, each at most a
+    // slice and a large record.
+    const size_t bound = 8 * (kSlice + kBigPayload + 1000);
+    ASSERT_LT(2 * bound, channelBytes);
+    size_t most = before;
+    for (DWORD direction : {EvtQueryForwardDirection, EvtQueryReverseDirection}) {
+        auto q = query(direction);
+        EXPECT_EQ(kRecords, drain(q.get(), 4, &most).size());
+    }
+    auto sub = subscribe(EvtSubscribeStartAtOldestRecord);
+    EXPECT_EQ(kRecords, drain(sub.get(), 4, &most).size());
+    EXPECT_LE(most - before, bound);
+    sub.reset();
+    EXPECT_EQ(before, evtsim::residentRecordBytes());
+}
+
+TEST_F(SliceTest, RecordsArrivingOneAtATimeAreReadOnceAndStayReadable) {
+    evtsim::setSliceBytes(64 << 10);  // room for the last slice to grow many times
+    auto sub = subscribe(EvtSubscribeStartAtOldestRecord);
+    EXPECT_EQ(kRecords, drain(sub.get(), 50).size());
+    std::vector<UniqueEvtHandle> held;
+    for (size_t i = 0; i < 60; ++i) {
+        store.appendAll("Application", records(1, kRecords + i, 20));
+        for (auto& e : readAll(sub.get(), 4)) held.push_back(std::move(e));
+    }
+    // Events given before the slice grew still read their own bytes.
+    EXPECT_EQ(idRange(kRecords + 1, kRecords + 60), recordIds(held));
+    for (size_t i = 0; i < held.size(); ++i) {
+        wchar_t fill = static_cast<wchar_t>('a' + (kRecords + i) % 26);
+        EXPECT_NE(std::wstring::npos, renderXml(held[i].get()).find(std::wstring(20, fill))) << i;
+    }
+    // The grown slice holds the earlier records too.
+    auto rev = query(EvtQueryReverseDirection);
+    EXPECT_EQ(idRange(kRecords + 60, 1), drain(rev.get(), 8));
+}
+
+TEST_F(SliceTest, SeveralThreadsReadOneChannel) {
+    const DWORD directions[] = {EvtQueryForwardDirection, EvtQueryReverseDirection, EvtQueryForwardDirection,
+                                EvtQueryReverseDirection};
+    std::vector<std::vector<uint64_t>> seen(4);
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < seen.size(); ++t) {
+        threads.emplace_back([&, t] {
+            auto q = query(directions[t]);
+            seen[t] = drain(q.get(), static_cast<DWORD>(3 + t));
+        });
+    }
+    for (auto& t : threads) t.join();
+    for (size_t t = 0; t < seen.size(); ++t)
+        EXPECT_EQ(directions[t] == EvtQueryReverseDirection ? idRange(kRecords, 1) : idRange(1, kRecords), seen[t])
+            << "thread " << t;
+}
+
+}  // namespace
