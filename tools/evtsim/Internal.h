@@ -42,7 +42,8 @@ bool closeObject(EVT_HANDLE h);
 
 // The bytes of one slice of a records file (whole frames only) and where each
 // frame's event text lies in them. The last slice of a log may still grow: the log
-// appends past what it has handed out, under its mutex, and never moves the bytes.
+// writes past the frames it has handed out and adds frames under its mutex; bytes
+// never move.
 struct SliceData {
     explicit SliceData(size_t capacity);
     ~SliceData();
@@ -101,7 +102,11 @@ private:
     // The slice's bytes, read again from the file when nobody holds them (the lock is
     // released meanwhile). Null when they cannot be read.
     std::shared_ptr<SliceData> data(size_t slice, Lock& lock) const;
+    // The slice's bytes when the log or an event still holds them, now the ones used
+    // last. The caller holds the lock, as for remember().
     std::shared_ptr<SliceData> resident(size_t slice) const;
+    // Makes `data` the slice's bytes and the ones used last; the log lets go of the
+    // least recently used beyond the few it keeps.
     void remember(size_t slice, const std::shared_ptr<SliceData>& data) const;
     std::shared_ptr<SliceData> readSlice(const Slice& s) const;
     // Index of the first record with an id of at least `id`; `found` when it is `id`.
