@@ -1,16 +1,36 @@
 #pragma once
 // A temporary directory per test and raw file access for checkpoint tests.
 
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "platform/Handles.h"
+#include "platform/Paths.h"
 
 namespace skorva::test {
 
 class TempDir {
 public:
-    TempDir();
-    ~TempDir();
+    TempDir() {
+        static std::atomic<unsigned> counter{0};
+        wchar_t base[MAX_PATH + 1];
+        const DWORD n = ::GetTempPathW(MAX_PATH + 1, base);
+        path_ = std::wstring(base, n) + L"ckpt-test-" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
+                std::to_wstring(counter++);
+        std::vector<std::string> ignored;
+        if (pathExists(path_)) removeRecursive(path_, ignored);
+        EXPECT_TRUE(createDirectories(path_));
+    }
+    ~TempDir() {
+        std::vector<std::string> ignored;
+        removeRecursive(path_, ignored);
+    }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     const std::wstring& path() const { return path_; }
@@ -20,11 +40,37 @@ private:
     std::wstring path_;
 };
 
-void writeRaw(const std::wstring& path, const std::string& content);
-std::string readRaw(const std::wstring& path);  // empty when missing
+inline void writeRaw(const std::wstring& path, const std::string& content) {
+    UniqueHandle h(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(h.valid());
+    DWORD written = 0;
+    ASSERT_TRUE(::WriteFile(h.get(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr));
+}
+
+// Empty when missing.
+inline std::string readRaw(const std::wstring& path) {
+    std::string out;
+    readFile(path, out);
+    return out;
+}
+
 // Names of the entries of `dir` that begin with `prefix` ("." and ".." included).
-std::vector<std::wstring> listMatching(const std::wstring& dir, const std::wstring& prefix);
+inline std::vector<std::wstring> listMatching(const std::wstring& dir, const std::wstring& prefix) {
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW fd;
+    HANDLE find = ::FindFirstFileW((dir + L"\\*").c_str(), &fd);
+    if (find == INVALID_HANDLE_VALUE) return names;
+    do {
+        if (std::wstring(fd.cFileName).rfind(prefix, 0) == 0) names.push_back(fd.cFileName);
+    } while (::FindNextFileW(find, &fd));
+    ::FindClose(find);
+    return names;
+}
+
 // The bookmark text the event log service renders for `recordId` on `channel`.
-std::string bookmarkXml(const std::string& channel, uint64_t recordId);
+inline std::string bookmarkXml(const std::string& channel, uint64_t recordId) {
+    return "<BookmarkList>\r\n  <Bookmark Channel='" + channel + "' RecordId='" + std::to_string(recordId) +
+           "' IsCurrent='true'/>\r\n</BookmarkList>";
+}
 
 }  // namespace skorva::test
