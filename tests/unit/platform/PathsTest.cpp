@@ -27,13 +27,6 @@ void writeFile(const std::wstring& path, const std::string& content) {
 
 }  // namespace
 
-TEST(Paths, Join) {
-    EXPECT_EQ(joinPath(L"C:\\a\\", L"\\b"), L"C:\\a\\b");
-    EXPECT_EQ(joinPath(L"C:\\a", L"b"), L"C:\\a\\b");
-    EXPECT_EQ(joinPath(L"", L"b"), L"b");
-    EXPECT_EQ(joinPath(std::string("x"), std::string("y")), "x\\y");
-}
-
 TEST(Paths, LongPathPrefix) {
     std::wstring shortPath = L"C:\\dir\\file";
     EXPECT_EQ(longPath(shortPath), shortPath);
