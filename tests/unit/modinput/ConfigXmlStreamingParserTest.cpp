@@ -81,16 +81,21 @@ TEST(ConfigReader, EdgeCases) {
         // A later param of the same name wins.
         {"<input><configuration><stanza name='s'><param name='p'>1</param><param name='p'>2</param></stanza></configuration></input>",
          1, "s/p=2"},
+        // Entities in attributes; UTF-8 split between pieces.
+        {"<input><configuration><stanza name='s&amp;t'><param name='p'>caf\xC3\xA9</param></stanza></configuration></input>",
+         1, "s&t/p=caf\xC3\xA9"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.doc);
-        InputConfig config = parse(c.doc);
-        EXPECT_EQ(config.stanzas.size(), c.stanzas);
-        std::string check = c.check;
-        if (check.empty()) continue;
-        size_t slash = check.find('/'), eq = check.find('=');
-        const auto& st = config.stanzas.at(check.substr(0, slash));
-        EXPECT_EQ(st.params.at(check.substr(slash + 1, eq - slash - 1)), check.substr(eq + 1));
+        for (size_t piece : {size_t(0), size_t(1)}) {
+            SCOPED_TRACE(std::string(c.doc) + (piece ? " (byte by byte)" : ""));
+            InputConfig config = parse(c.doc, piece);
+            EXPECT_EQ(config.stanzas.size(), c.stanzas);
+            std::string check = c.check;
+            if (check.empty()) continue;
+            size_t slash = check.find('/'), eq = check.find('=');
+            const auto& st = config.stanzas.at(check.substr(0, slash));
+            EXPECT_EQ(st.params.at(check.substr(slash + 1, eq - slash - 1)), check.substr(eq + 1));
+        }
     }
 }
 
@@ -109,7 +114,9 @@ TEST(ConfigReader, RejectsElementsWhereNoneBelong) {
          "Unexpected entity \"param\" found under path \"input/param\" in the XML configuration input."},
     };
     for (const auto& c : cases) EXPECT_EQ(unexpectedMessage(c.doc), c.message);
+    // A malformed document is reported where it breaks.
     EXPECT_NE(unexpectedMessage("<input><configuration>").find("line 1"), std::string::npos);
+    EXPECT_NE(unexpectedMessage("<input>\n  <configuration></c>\n</input>").find("line 2, column 20"), std::string::npos);
 }
 
 TEST(ConfigReader, ReadsAPipeToItsEndAndTreatsEmptyInputAsEmpty) {
