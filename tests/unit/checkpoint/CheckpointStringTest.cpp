@@ -27,7 +27,8 @@ TEST(CheckpointString, BuildsPairsInKeyOrderAndRefusesEmptyParts) {
         std::string out = "stale";
         EXPECT_EQ(WELCheckPointBase::buildCheckpointStr(c.map, out), c.ok);
         EXPECT_EQ(out, c.expected);
-        EXPECT_EQ(log.has(LogLevel::Error, "WELCheckPointBase::buildCheckpointStr: Checkpoint values are invalid"), !c.ok);
+        EXPECT_EQ(log.has(LogLevel::Error, "WELCheckPointBase::buildCheckpointStr: Checkpoint values are invalid"),
+                  !c.ok);
     }
 }
 
