@@ -82,7 +82,8 @@ TEST(ConfigReader, EdgeCases) {
         {"<input><configuration><stanza name='s'><param name='p'>1</param><param name='p'>2</param></stanza></configuration></input>",
          1, "s/p=2"},
         // Entities in attributes; UTF-8 split between pieces.
-        {"<input><configuration><stanza name='s&amp;t'><param name='p'>caf\xC3\xA9</param></stanza></configuration></input>",
+        {"<input><configuration><stanza name='s&amp;t'><param name='p'>caf\xC3\xA9</param></stanza>"
+         "</configuration></input>",
          1, "s&t/p=caf\xC3\xA9"},
     };
     for (const auto& c : cases) {
