@@ -31,28 +31,6 @@ AdCacheSettings withExpiry(uint64_t seconds, uint32_t maxEntries = 1000) {
     return s;
 }
 
-TEST(AdCacheThreshold, DerivedOnceFromThePositiveExpiry) {
-    const struct {
-        uint64_t expiryMs;
-        uint32_t threshold;
-    } cases[] = {{10000, 2}, {3600000, 360}, {19000, 2}, {19999, 2}, {20000, 2}, {29000, 2},
-                 {30000, 3}, {3600001, 360}, {3610000, 361}, {0, 2}};
-    for (const auto& c : cases) {
-        AdCacheSettings s;
-        s.expiryMs = c.expiryMs;
-        deriveAdCacheThreshold(s);
-        EXPECT_EQ(s.hitThreshold, c.threshold) << c.expiryMs;
-        EXPECT_TRUE(s.derived);
-        s.expiryMs = 1000000;
-        deriveAdCacheThreshold(s);
-        EXPECT_EQ(s.hitThreshold, c.threshold) << "derived only once";
-    }
-    AdCacheSettings off;
-    off.disabled = true;
-    deriveAdCacheThreshold(off);
-    EXPECT_FALSE(off.derived);
-}
-
 class AdObjCacheTest : public ::testing::Test {
 protected:
     AdObjCacheTest() : scoped_(clock_) {}
