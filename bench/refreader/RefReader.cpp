@@ -127,9 +127,14 @@ int wmain(int argc, wchar_t** argv) {
         DWORD got = 0;
         if (!api.Next(sub, batch, events.data(), INFINITE, 0, &got)) {
             lastError = GetLastError();
+            // An idle subscription may answer ERROR_INVALID_OPERATION instead.
+            if (lastError == ERROR_INVALID_OPERATION) lastError = ERROR_NO_MORE_ITEMS;
             if (lastError != ERROR_NO_MORE_ITEMS) break;
             if (expected == 0) break;  // a finished store: stop at its end
+            // The service only sets the signal; resetting it is the reader's job,
+            // before it pulls again.
             WaitForSingleObject(signal, 1000);
+            ResetEvent(signal);
             continue;
         }
         for (DWORD i = 0; i < got; ++i) {

@@ -39,6 +39,12 @@ void loadAll(ChannelLog& log) {
     } while (log.loadedBytes() != before);
 }
 
+uint64_t firstRecordId(const ChannelLog& log) {
+    Record first{};
+    if (log.size() > 0 && log.copy(0, 1, false, &first) == 1) return first.id;
+    return log.meta().nextRecordId;
+}
+
 // The number of records in query order.
 size_t orderLength(QueryObj& q) { return q.reverse ? q.snapshot : q.log->size(); }
 
@@ -46,9 +52,14 @@ size_t orderLength(QueryObj& q) { return q.reverse ? q.snapshot : q.log->size();
 size_t orderIndex(QueryObj& q, size_t index) { return q.reverse ? q.snapshot - 1 - index : index; }
 
 // Follows a change of the channel under a result set: the error the handle now
-// gives, or 0 when it reads on (a subscription carries on in the new generation,
-// after the last record it gave).
+// gives, or 0 when it reads on. A clear makes queries and subscriptions alike
+// stale for good: "The query result is stale or invalid and must be recreated.
+// This may be due to the log being cleared or rolling over after the query
+// result was created" (ERROR_EVT_QUERY_RESULT_STALE, Windows Event Log error
+// constants; seen by peers on subscriptions: elastic/beats #32168, #45750,
+// vector #26115).
 DWORD followChange(QueryObj& q) {
+    if (q.stale) return ERROR_EVT_QUERY_RESULT_STALE;
     ChannelMeta now;
     switch (checkChannel(*q.log, now)) {
     case ChannelChange::None: return 0;
@@ -56,16 +67,20 @@ DWORD followChange(QueryObj& q) {
     case ChannelChange::Recreated: return ERROR_INVALID_HANDLE;
     case ChannelChange::Cleared: break;
     }
-    if (!q.subscription()) return ERROR_EVT_QUERY_RESULT_STALE;
-    DWORD error = 0;
-    auto fresh = openChannelLog(q.root, q.channel, error);
-    if (!fresh) return error;
-    q.log = fresh;
-    bool partial = false;
-    q.log->refresh(partial);
-    q.cursor = q.log->lowerBound(q.lastId + 1);
-    return 0;
+    q.stale = true;
+    return ERROR_EVT_QUERY_RESULT_STALE;
 }
+
+// A query handle "must only be used on the same thread that created the
+// handle" (EvtQuery remarks); subscriptions carry no such rule.
+bool wrongThread(const QueryObj& q) { return !q.subscription() && q.ownerThread != GetCurrentThreadId(); }
+
+// What one EvtNext call may carry: at most MAX_RPC_RECORD_COUNT (1024) records
+// and MAX_RPC_BATCH_SIZE (2 MiB) of them ([MS-EVEN6] 2.2.1; elastic/beats
+// winlogbeat/sys/wineventlog/iterator.go; microsoft/EventLogExpert
+// EventLogReader.cs). Record sizes count the stored XML.
+constexpr size_t kMaxBatchRecords = 1024;
+constexpr uint64_t kMaxBatchBytes = 2u * 1024 * 1024;
 
 }  // namespace
 
@@ -86,6 +101,7 @@ EVT_HANDLE WINAPI EvtQuery(EVT_HANDLE Session, LPCWSTR Path, LPCWSTR Query, DWOR
     q->log = openChannelLog(q->root, Path, error);
     if (!q->log) return failWith<EVT_HANDLE>(error, nullptr);
     q->reverse = direction == EvtQueryReverseDirection;
+    q->ownerThread = GetCurrentThreadId();
     if (q->reverse) {
         loadAll(*q->log);
         q->snapshot = q->log->size();
@@ -137,16 +153,18 @@ EVT_HANDLE WINAPI EvtSubscribe(EVT_HANDLE Session, HANDLE SignalEvent, LPCWSTR C
         size_t index = 0;
         bool found = have && q->log->find(id, index);
         if (!found && (Flags & EvtSubscribeStrict)) return failWith<EVT_HANDLE>(ERROR_NOT_FOUND, nullptr);
+        // A bookmark into records a clear took away: the subscription is stale
+        // from the start (elastic/beats #36020, #37238: "error subscribing (first
+        // chance): The query result is stale or invalid").
+        if (!found && have && q->log->meta().generation > 0 && id < firstRecordId(*q->log))
+            return failWith<EVT_HANDLE>(ERROR_EVT_QUERY_RESULT_STALE, nullptr);
         // Without the bookmarked record, start at the first one after it.
         q->cursor = found ? index + 1 : (have ? q->log->lowerBound(id + 1) : 0);
         q->lastId = have ? id : 0;
     }
     QueryObj* raw = q.get();
+    markSignalBaseline(*raw);
     EVT_HANDLE h = registerObject(std::move(q));
-    {
-        std::lock_guard<std::mutex> lock(raw->mutex);
-        updateSignal(*raw);
-    }
     watchSubscription(raw);
     return h;
 }
@@ -157,6 +175,7 @@ BOOL WINAPI EvtNext(EVT_HANDLE ResultSet, DWORD EventArraySize, EVT_HANDLE* Even
     if (!q) return failWith(ERROR_INVALID_HANDLE, FALSE);
     if (!EventArray || !Returned || EventArraySize == 0 || Flags != 0) return failWith(ERROR_INVALID_PARAMETER, FALSE);
     *Returned = 0;
+    if (wrongThread(*q)) return failWith(ERROR_INVALID_THREAD_ID, FALSE);
     std::lock_guard<std::mutex> lock(q->mutex);
     if (DWORD f = injectedFault("EvtNext", toUtf8(q->log->wideName()))) return failWith(f, FALSE);
 
@@ -166,8 +185,12 @@ BOOL WINAPI EvtNext(EVT_HANDLE ResultSet, DWORD EventArraySize, EVT_HANDLE* Even
     const ULONGLONG start = GetTickCount64();
     ULONGLONG stuckSince = start;
     uint64_t stuckBytes = q->log->loadedBytes();
-    size_t got = 0;
-    Record batch[64];
+    const size_t want = std::min<size_t>(EventArraySize, kMaxBatchRecords);
+    std::vector<Record> taken;
+    taken.reserve(std::min<size_t>(want, 64));
+    uint64_t bytes = 0;
+    bool overBound = false;
+    Record chunk[64];
     while (true) {
         if (!q->reverse && q->cursor >= q->log->size()) {
             bool partial = false;
@@ -178,10 +201,7 @@ BOOL WINAPI EvtNext(EVT_HANDLE ResultSet, DWORD EventArraySize, EVT_HANDLE* Even
                 // A record half written by another process is waited for, never served.
                 if (!partial || Timeout == 0) break;
                 ULONGLONG t = GetTickCount64();
-                if (Timeout != INFINITE && t - start >= Timeout) {
-                    if (q->subscription()) updateSignal(*q);
-                    return failWith(ERROR_TIMEOUT, FALSE);
-                }
+                if (Timeout != INFINITE && t - start >= Timeout) return failWith(ERROR_TIMEOUT, FALSE);
                 if (q->log->loadedBytes() != stuckBytes) {
                     stuckBytes = q->log->loadedBytes();
                     stuckSince = t;
@@ -193,36 +213,53 @@ BOOL WINAPI EvtNext(EVT_HANDLE ResultSet, DWORD EventArraySize, EVT_HANDLE* Even
             }
         }
         bool unreadable = false;
-        while (got < EventArraySize) {
-            size_t want = std::min<size_t>(EventArraySize - got, 64);
-            size_t n = q->reverse ? q->log->copy(q->snapshot - q->cursor, want, true, batch)
-                                  : q->log->copy(q->cursor, want, false, batch);
+        while (taken.size() < want && !overBound) {
+            const size_t n = q->reverse ? q->log->copy(q->snapshot - q->cursor, std::min<size_t>(want - taken.size(), 64), true, chunk)
+                                        : q->log->copy(q->cursor, std::min<size_t>(want - taken.size(), 64), false, chunk);
             if (n == 0) {
                 unreadable = q->cursor < orderLength(*q);
                 break;
             }
             for (size_t i = 0; i < n; ++i) {
-                auto ev = std::make_unique<EventObj>();
-                ev->log = q->log;
-                q->lastId = batch[i].id;
-                ev->record = std::move(batch[i]);
-                ev->backward = q->reverse;
-                EventArray[got++] = registerObject(std::move(ev));
+                if (!taken.empty() && bytes + chunk[i].size > kMaxBatchBytes) {
+                    overBound = true;
+                    break;
+                }
+                bytes += chunk[i].size;
+                taken.push_back(std::move(chunk[i]));
+                ++q->cursor;
             }
-            q->cursor += n;
         }
-        if (unreadable && got == 0) {
+        if (unreadable && taken.empty()) {
             // Records whose bytes could not be read again: the file has gone meanwhile.
-            const auto before = q->log;
             if (DWORD e = followChange(*q)) return failWith(e, FALSE);
-            if (q->log != before) continue;
             return failWith(ERROR_READ_FAULT, FALSE);
         }
         break;
     }
-    if (q->subscription()) updateSignal(*q);
-    *Returned = static_cast<DWORD>(got);
-    if (got == 0) return failWith(ERROR_NO_MORE_ITEMS, FALSE);
+    if (overBound && batchLimitFails()) {
+        // Older systems fail the whole call, and the position stays past the records
+        // it gathered: they are lost to this handle (elastic/beats #3076, #3112;
+        // opentelemetry-collector-contrib #38149).
+        return failWith(RPC_S_INVALID_BOUND, FALSE);
+    }
+    for (Record& r : taken) {
+        auto ev = std::make_unique<EventObj>();
+        ev->log = q->log;
+        q->lastId = r.id;
+        ev->record = std::move(r);
+        ev->backward = q->reverse;
+        EventArray[(*Returned)++] = registerEvent(*q, std::move(ev));
+    }
+    if (*Returned == 0) {
+        // An idle subscription pulled again with nothing handed out since it last
+        // ran dry answers ERROR_INVALID_OPERATION rather than ERROR_NO_MORE_ITEMS
+        // (elastic/beats iterator.go, mhammond/pywin32 #1648, vector #26118).
+        const bool idle = q->subscription() && !q->deliveredSinceIdle;
+        q->deliveredSinceIdle = false;
+        return failWith(idle ? ERROR_INVALID_OPERATION : ERROR_NO_MORE_ITEMS, FALSE);
+    }
+    q->deliveredSinceIdle = true;
     return TRUE;
 }
 
@@ -231,6 +268,7 @@ BOOL WINAPI EvtSeek(EVT_HANDLE ResultSet, LONGLONG Position, EVT_HANDLE Bookmark
     QueryObj* q = lookupAs<QueryObj>(ResultSet);
     if (!q) return failWith(ERROR_INVALID_HANDLE, FALSE);
     if (q->subscription()) return failWith(ERROR_NOT_SUPPORTED, FALSE);
+    if (wrongThread(*q)) return failWith(ERROR_INVALID_THREAD_ID, FALSE);
     DWORD origin = Flags & EvtSeekOriginMask;
     bool strict = (Flags & EvtSeekStrict) != 0;
     if (origin < EvtSeekRelativeToFirst || origin > EvtSeekRelativeToBookmark || (Flags & ~(EvtSeekOriginMask | EvtSeekStrict)) ||
@@ -269,9 +307,11 @@ BOOL WINAPI EvtSeek(EVT_HANDLE ResultSet, LONGLONG Position, EVT_HANDLE Bookmark
         break;
     }
     }
-    if (target < 0 || target > length) {
+    // Past the first or last record the seek lands on the last record within the
+    // boundary, or fails under EvtSeekStrict (EVT_SEEK_FLAGS remarks).
+    if (target < 0 || target >= length) {
         if (strict) return failWith(ERROR_NOT_FOUND, FALSE);
-        target = std::clamp<LONGLONG>(target, 0, length);
+        target = length == 0 ? 0 : std::clamp<LONGLONG>(target, 0, length - 1);
     }
     q->cursor = static_cast<size_t>(target);
     return TRUE;
@@ -310,7 +350,7 @@ BOOL WINAPI EvtNextChannelPath(EVT_HANDLE ChannelEnum, DWORD ChannelPathBufferSi
 }
 
 BOOL WINAPI EvtClose(EVT_HANDLE Object) {
-    if (!closeObject(Object)) return failWith(ERROR_INVALID_HANDLE, FALSE);
+    if (DWORD error = closeObject(Object)) return failWith(error, FALSE);
     return TRUE;
 }
 

@@ -37,6 +37,13 @@ size_t openHandleCount();
 // Bytes of records files held in memory by this process (kept by channel logs or by
 // events handed out), for tests that reading stays within bounds.
 size_t residentRecordBytes();
+// How EvtNext meets a batch over 2 MiB: a short batch, as Windows 11 and later
+// answer, or RPC_S_INVALID_BOUND with the records it gathered skipped, as older
+// systems do. EVTSIM_BATCH_LIMIT=fail|short chooses it for a process; this call
+// overrides the environment.
+enum class BatchLimit { FromEnvironment, Short, Fail };
+void setBatchLimit(BatchLimit mode);
+
 // Size of the slices channel logs read records files in; 0 restores the default (4 MiB).
 // Tests use small slices to cross many of them with few records.
 void setSliceBytes(size_t bytes);

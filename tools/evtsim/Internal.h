@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "Store.h"
@@ -17,10 +18,13 @@ namespace evtsim {
 
 enum class Kind : uint32_t { Query = 1, Subscription, Event, Bookmark, RenderContext, Publisher, ChannelEnum };
 
+struct QueryObj;
+
 struct Object {
     explicit Object(Kind k) : kind(k) {}
     virtual ~Object() = default;
     const Kind kind;
+    uintptr_t handle = 0;  // the value handed out for it
 };
 
 // Sets the thread's last error and returns `value`: the service's failure convention.
@@ -31,6 +35,10 @@ T failWith(DWORD code, T value) {
 }
 
 EVT_HANDLE registerObject(std::unique_ptr<Object> obj);
+// An event handed out by a result set: closing the result set closes it too
+// (EvtClose remarks: "closing a query or subscription handle also closes the
+// event handles that it returned").
+EVT_HANDLE registerEvent(QueryObj& parent, std::unique_ptr<Object> event);
 // The live object behind a handle, or null for an unknown or closed one.
 Object* lookupObject(EVT_HANDLE h);
 template <class T>
@@ -38,7 +46,8 @@ T* lookupAs(EVT_HANDLE h) {
     Object* o = lookupObject(h);
     return o && T::accepts(o->kind) ? static_cast<T*>(o) : nullptr;
 }
-bool closeObject(EVT_HANDLE h);
+// 0, or the error that kept the handle open.
+DWORD closeObject(EVT_HANDLE h);
 
 // The bytes of one slice of a records file (whole frames only) and where each
 // frame's event text lies in them. The last slice of a log may still grow: the log
@@ -151,6 +160,7 @@ struct EventObj : Object {
     std::shared_ptr<ChannelLog> log;
     Record record{};
     bool backward = false;
+    QueryObj* parent = nullptr;  // guarded by the handle registry's lock
 
 private:
     mutable std::atomic<ParsedEvent*> parsed_{nullptr};
@@ -183,13 +193,24 @@ struct QueryObj : Object {
     size_t snapshot = 0;  // reverse queries: records present when made
     size_t cursor = 0;    // position in query order of the next record
     uint64_t lastId = 0;  // last record handed out (subscriptions resume after it)
+    DWORD ownerThread = 0;     // queries: the thread that made it, the only one that may use it
+    bool stale = false;        // the log was cleared under it: only a new handle reads on
+    bool deliveredSinceIdle = false;  // subscriptions: events handed out since the last empty pull
     HANDLE signal = nullptr;
+    // The records file as the signal watcher last saw it: the service signals a
+    // subscription only for records written after it was made.
+    uint64_t seenIncarnation = 0, seenGeneration = 0, seenBytes = 0;
+    std::unordered_set<uintptr_t> events;  // handed out and still open; guarded by the handle registry's lock
 };
 
 // Subscriptions whose signal the watcher keeps set while records are waiting.
 void watchSubscription(QueryObj* q);
 void unwatchSubscription(QueryObj* q);
-// Sets or resets the signal to match what is waiting; caller holds q->mutex.
-void updateSignal(QueryObj& q);
+// Whether EvtNext fails a call that would carry more than the batch bound
+// (systems before Windows 11) instead of returning a short batch.
+bool batchLimitFails();
+
+// Where a subscription starts watching for new records: what is on disk now.
+void markSignalBaseline(QueryObj& q);
 
 }  // namespace evtsim

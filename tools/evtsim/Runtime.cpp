@@ -1,5 +1,7 @@
 #include <algorithm>
-#include <unordered_set>
+#include <atomic>
+#include <string_view>
+#include <unordered_map>
 
 #include "Evtsim.h"
 #include "Internal.h"
@@ -11,9 +13,19 @@ namespace evtsim {
 
 namespace {
 
+// Handle values are never used twice, so a handle closed by mistake twice (or
+// one that went with its result set) can never reach another object.
 struct Registry {
     std::mutex mutex;
-    std::unordered_set<Object*> live;
+    std::unordered_map<uintptr_t, Object*> live;
+    uintptr_t next = 0x10000;
+
+    EVT_HANDLE add(Object* obj) {
+        next += 4;
+        obj->handle = next;
+        live.emplace(next, obj);
+        return reinterpret_cast<EVT_HANDLE>(next);
+    }
 };
 
 Registry& registry() {
@@ -37,32 +49,54 @@ RootState& rootState() {
 EVT_HANDLE registerObject(std::unique_ptr<Object> obj) {
     Registry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
-    Object* raw = obj.release();
-    r.live.insert(raw);
-    return reinterpret_cast<EVT_HANDLE>(raw);
+    return r.add(obj.release());
 }
 
 Object* lookupObject(EVT_HANDLE h) {
     if (!h) return nullptr;
     Registry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
-    auto it = r.live.find(reinterpret_cast<Object*>(h));
-    return it == r.live.end() ? nullptr : *it;
+    auto it = r.live.find(reinterpret_cast<uintptr_t>(h));
+    return it == r.live.end() ? nullptr : it->second;
 }
 
-bool closeObject(EVT_HANDLE h) {
-    if (!h) return false;
-    Object* obj = nullptr;
+EVT_HANDLE registerEvent(QueryObj& parent, std::unique_ptr<Object> event) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    auto* raw = static_cast<EventObj*>(event.release());
+    raw->parent = &parent;
+    const EVT_HANDLE h = r.add(raw);
+    parent.events.insert(raw->handle);
+    return h;
+}
+
+DWORD closeObject(EVT_HANDLE h) {
+    if (!h) return ERROR_INVALID_HANDLE;
+    std::vector<Object*> doomed;
     {
         Registry& r = registry();
         std::lock_guard<std::mutex> lock(r.mutex);
-        auto it = r.live.find(reinterpret_cast<Object*>(h));
-        if (it == r.live.end()) return false;
-        obj = *it;
+        auto it = r.live.find(reinterpret_cast<uintptr_t>(h));
+        if (it == r.live.end()) return ERROR_INVALID_HANDLE;
+        Object* obj = it->second;
+        if (obj->kind == Kind::Query || obj->kind == Kind::Subscription) {
+            auto* q = static_cast<QueryObj*>(obj);
+            if (!q->subscription() && q->ownerThread != GetCurrentThreadId()) return ERROR_INVALID_THREAD_ID;
+            // The events it returned go with it.
+            for (uintptr_t e : q->events) {
+                auto child = r.live.find(e);
+                doomed.push_back(child->second);
+                r.live.erase(child);
+            }
+            q->events.clear();
+        } else if (obj->kind == Kind::Event) {
+            if (QueryObj* parent = static_cast<EventObj*>(obj)->parent) parent->events.erase(obj->handle);
+        }
         r.live.erase(it);
+        doomed.push_back(obj);
     }
-    delete obj;
-    return true;
+    for (Object* o : doomed) delete o;
+    return 0;
 }
 
 size_t openHandleCount() {
@@ -82,6 +116,26 @@ std::wstring storeRoot() {
     RootState& s = rootState();
     std::lock_guard<std::mutex> lock(s.mutex);
     return s.overridden ? s.root : storeRootFromEnvironment();
+}
+
+namespace {
+std::atomic<int> batchLimitMode{static_cast<int>(BatchLimit::FromEnvironment)};
+}  // namespace
+
+void setBatchLimit(BatchLimit mode) { batchLimitMode = static_cast<int>(mode); }
+
+bool batchLimitFails() {
+    switch (static_cast<BatchLimit>(batchLimitMode.load())) {
+    case BatchLimit::Short: return false;
+    case BatchLimit::Fail: return true;
+    case BatchLimit::FromEnvironment: break;
+    }
+    static const bool fails = [] {
+        char value[16];
+        const DWORD n = GetEnvironmentVariableA("EVTSIM_BATCH_LIMIT", value, sizeof value);
+        return n > 0 && n < sizeof value && std::string_view(value, n) == "fail";
+    }();
+    return fails;
 }
 
 // ---- events --------------------------------------------------------------------
@@ -130,12 +184,41 @@ Watcher& watcher() {
     return *w;
 }
 
-bool recordsWaiting(QueryObj& q) {
-    if (q.cursor < q.log->size()) return true;
+uint64_t fileBytes(const std::wstring& path, bool& exists) {
     WIN32_FILE_ATTRIBUTE_DATA attr;
-    if (!GetFileAttributesExW(q.log->path().c_str(), GetFileExInfoStandard, &attr)) return true;  // cleared or gone
-    uint64_t size = (static_cast<uint64_t>(attr.nFileSizeHigh) << 32) | attr.nFileSizeLow;
-    return size > q.log->loadedBytes();
+    exists = GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &attr) != FALSE;
+    return exists ? (static_cast<uint64_t>(attr.nFileSizeHigh) << 32) | attr.nFileSizeLow : 0;
+}
+
+// True when records were written to the subscription's channel since the watcher
+// last looked, also into the file that replaced a cleared one. The service sets
+// the signal only then: never for the backlog that existed when the
+// subscription was made, and it never resets it (EvtSubscribe: "the service
+// sets the event when events ... are written"; the client resets it). Caller
+// holds q.mutex.
+bool newRecordsWritten(QueryObj& q) {
+    const ChannelLog& log = *q.log;
+    bool exists = false;
+    uint64_t bytes = 0;
+    if (q.seenIncarnation == log.meta().incarnation && q.seenGeneration == log.meta().generation) {
+        bytes = fileBytes(log.path(), exists);
+        if (exists) {
+            const bool grew = bytes > q.seenBytes;
+            q.seenBytes = bytes;
+            return grew;
+        }
+    }
+    ChannelMeta now;
+    if (!readChannelMeta(log.dir(), now)) return false;  // deleted: nothing is written to it
+    bytes = fileBytes(recordsPath(log.dir(), now), exists);
+    if (now.incarnation != q.seenIncarnation || now.generation != q.seenGeneration) {
+        q.seenIncarnation = now.incarnation;
+        q.seenGeneration = now.generation;
+        q.seenBytes = 0;
+    }
+    const bool grew = bytes > q.seenBytes;
+    q.seenBytes = bytes;
+    return grew;
 }
 
 DWORD WINAPI watchLoop(void*) {
@@ -147,7 +230,7 @@ DWORD WINAPI watchLoop(void*) {
             any = !w.subs.empty();
             for (QueryObj* q : w.subs) {
                 std::unique_lock<std::mutex> ql(q->mutex, std::try_to_lock);
-                if (ql.owns_lock() && recordsWaiting(*q)) SetEvent(q->signal);
+                if (ql.owns_lock() && newRecordsWritten(*q)) SetEvent(q->signal);
             }
         }
         WaitForSingleObject(w.wake, any ? 15 : INFINITE);
@@ -176,15 +259,11 @@ void unwatchSubscription(QueryObj* q) {
     w.subs.erase(std::remove(w.subs.begin(), w.subs.end(), q), w.subs.end());
 }
 
-void updateSignal(QueryObj& q) {
-    if (!q.signal) return;
-    if (recordsWaiting(q)) {
-        SetEvent(q.signal);
-    } else {
-        ResetEvent(q.signal);
-        // A record committed between the check and the reset must not be missed.
-        if (recordsWaiting(q)) SetEvent(q.signal);
-    }
+void markSignalBaseline(QueryObj& q) {
+    q.seenIncarnation = q.log->meta().incarnation;
+    q.seenGeneration = q.log->meta().generation;
+    bool exists = false;
+    q.seenBytes = fileBytes(q.log->path(), exists);
 }
 
 QueryObj::~QueryObj() {

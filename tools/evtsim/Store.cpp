@@ -37,7 +37,15 @@ bool writeFileReplacing(const std::wstring& path, std::string_view content) {
         FileCloser f{CreateFileW(tmp.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)};
         if (f.h == INVALID_HANDLE_VALUE || !writeAll(f.h, content)) return false;
     }
-    return MoveFileExW(tmp.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
+    // A reader that has the file open for a moment makes Wine refuse the
+    // replacement (ERROR_ACCESS_DENIED) although readers share delete access:
+    // try again for a while, as a writer racing readers must.
+    for (int attempt = 0;; ++attempt) {
+        if (MoveFileExW(tmp.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) return true;
+        const DWORD error = GetLastError();
+        if ((error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION) || attempt == 200) return false;
+        Sleep(10);
+    }
 }
 
 std::string metaText(const ChannelMeta& m) {

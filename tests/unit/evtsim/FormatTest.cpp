@@ -41,8 +41,8 @@ protected:
         fwd.renderLevel = "Warning";
         fwd.renderKeywords = {"Audit Success", "Classic"};
         store.append("Application", fwd);
-        UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"Application", nullptr, EvtQueryChannelPath));
-        events = readAll(q.get());
+        query.reset(evtsim::EvtQuery(nullptr, L"Application", nullptr, EvtQueryChannelPath));
+        events = readAll(query.get());
         ASSERT_EQ(4u, events.size());
         pub.reset(evtsim::EvtOpenPublisherMetadata(nullptr, L"Test-Provider", nullptr, 0, 0));
         ASSERT_TRUE(pub);
@@ -62,6 +62,7 @@ protected:
     }
 
     EvtsimStore store;
+    UniqueEvtHandle query;  // its events close with it
     std::vector<UniqueEvtHandle> events;
     UniqueEvtHandle pub;
 };

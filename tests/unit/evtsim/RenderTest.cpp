@@ -25,12 +25,13 @@ protected:
         e.computer = "DC01.corp.example.test";
         e.userSid = "S-1-5-21-1-2-3-500";
         store.append("Security", e);
-        UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"Security", L"*", EvtQueryChannelPath));
-        auto events = readAll(q.get());
+        query.reset(evtsim::EvtQuery(nullptr, L"Security", L"*", EvtQueryChannelPath));
+        auto events = readAll(query.get());
         ASSERT_EQ(1u, events.size());
         event = std::move(events[0]);
     }
     EvtsimStore store;
+    UniqueEvtHandle query;  // its events close with it
     UniqueEvtHandle event;
 };
 
