@@ -1,6 +1,7 @@
 // The checkpoint side of a channel: when its reading position is written, and
 // the conversion between event log bookmarks and the checkpoint file.
 #include <new>
+#include <string_view>
 
 #include "channel/WinEventLogChannel.h"
 #include "checkpoint/CheckpointPath.h"
@@ -16,6 +17,23 @@ namespace {
 
 // An interval of all-ones means "never": the sum must not wrap to the past.
 uint64_t addSaturated(uint64_t a, uint64_t b) { return b > UINT64_MAX - a ? UINT64_MAX : a + b; }
+
+// The record a bookmark names ("... RecordId='386038' IsCurrent='true'/>"), the
+// current one when it holds several; 0 when it names none.
+uint64_t bookmarkRecordId(std::string_view text) {
+    static constexpr std::string_view kKey = "RecordId='";
+    uint64_t id = 0;
+    for (size_t at = text.find(kKey); at != std::string_view::npos; at = text.find(kKey, at + 1)) {
+        uint64_t value = 0;
+        for (size_t i = at + kKey.size(); i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i)
+            value = value * 10 + static_cast<uint64_t>(text[i] - '0');
+        const size_t end = text.find("/>", at);
+        const bool current = text.substr(at, end == std::string_view::npos ? text.npos : end - at).find("IsCurrent='true'") !=
+                             std::string_view::npos;
+        if (id == 0 || current) id = value;
+    }
+    return id;
+}
 
 }  // namespace
 
@@ -46,18 +64,12 @@ bool WinEventLogChannel::checkPoint(EVT_HANDLE event, uint64_t recordNumber, boo
     if (usesLegacyCheckpoints()) return legacyCheckPoint(recordNumber, force);
 
     const bool deferred = settings_.checkpointIntervalMs != 0 && !force;
-    if (event) {
-        if (reversePhase_ && !reverseBookmarkSaved_ && !firstReverseBookmark_) {
-            firstReverseBookmark_ = bookmarkFor(event);
-            firstReverseRecordNumber_ = recordNumber;
-        }
-        if (deferred) {
-            // One bookmark follows the newest sent event until it is written.
-            if (!pendingBookmark_) pendingBookmark_ = bookmarkFor(event);
-            else if (!evtApi().EvtUpdateBookmark(pendingBookmark_.get(), event))
-                LOG_ERROR("%s: Failed to update Windows Event Log bookmark, channel='%s'", fn, channelName_.c_str());
-            if (pendingBookmark_) pendingRecordNumber_ = recordNumber;
-        }
+    if (event && deferred) {
+        // One bookmark follows the newest sent event until it is written.
+        if (!pendingBookmark_) pendingBookmark_ = bookmarkFor(event);
+        else if (!evtApi().EvtUpdateBookmark(pendingBookmark_.get(), event))
+            LOG_ERROR("%s: Failed to update Windows Event Log bookmark, channel='%s'", fn, channelName_.c_str());
+        if (pendingBookmark_) pendingRecordNumber_ = recordNumber;
     }
 
     const uint64_t now = tickNow();
@@ -72,15 +84,9 @@ bool WinEventLogChannel::checkPoint(EVT_HANDLE event, uint64_t recordNumber, boo
                   fn, channelName_.c_str(), static_cast<unsigned long long>(recId));
         return false;
     }
-    if (firstReverseBookmark_) {
-        if (writeBookmark(firstReverseBookmark_.get(), L"reverse")) {
-            reverseBookmarkSaved_ = true;
-            firstReverseBookmark_.reset();
-        } else {
-            LOG_DEBUG("%s: Failed to save first event bookmark for channel='%s', rec_id='%llu'", fn,
-                      channelName_.c_str(), static_cast<unsigned long long>(firstReverseRecordNumber_));
-        }
-    }
+    // Without the anchor on disk a later run would take a main checkpoint inside
+    // the phase for its end and never read the older records.
+    if (!saveAnchor(recId)) return false;
     const bool saved = fromEvent ? saveBookMark(event, std::wstring()) : writeBookmark(pendingBookmark_.get(), std::wstring());
     if (!saved) {
         // Kept pending: the next due call retries with a newer event.
@@ -91,6 +97,17 @@ bool WinEventLogChannel::checkPoint(EVT_HANDLE event, uint64_t recordNumber, boo
     nextCheckpointDue_ = addSaturated(now, settings_.checkpointIntervalMs);
     pendingBookmark_.reset();
     return true;
+}
+
+bool WinEventLogChannel::saveAnchor(uint64_t recordNumber) {
+    if (reverseState_ != ReverseState::Open || anchorSaved_) return true;
+    if (anchor_ && writeBookmark(anchor_.get(), L"reverse")) {
+        anchorSaved_ = true;
+        return true;
+    }
+    LOG_DEBUG("%s: Failed to save first event bookmark for channel='%s', rec_id='%llu'", "WinEventLogChannel::checkPoint",
+              channelName_.c_str(), static_cast<unsigned long long>(recordNumber));
+    return false;
 }
 
 bool WinEventLogChannel::legacyCheckPoint(uint64_t recordNumber, bool force) {
@@ -175,7 +192,7 @@ bool WinEventLogChannel::writeBookmark(EVT_HANDLE bookmark, const std::wstring& 
     return true;
 }
 
-UniqueEvtHandle WinEventLogChannel::getBookMark(const std::wstring& suffix) {
+UniqueEvtHandle WinEventLogChannel::getBookMark(const std::wstring& suffix, uint64_t* recordId) {
     static const char* const fn = "WinEventLogChannel::getBookMark";
     const std::wstring path = checkpointPathFor(suffix);
     if (path.empty() || !pathExists(path)) {
@@ -190,6 +207,7 @@ UniqueEvtHandle WinEventLogChannel::getBookMark(const std::wstring& suffix) {
     UniqueEvtHandle bookmark;
     if (const auto create = evtApi().EvtCreateBookmark) bookmark.reset(create(widen(text).c_str()));
     if (!bookmark) LOG_INFO("%s Failed to create bookmark handle from checkpoint file: %s", fn, text.c_str());
+    if (bookmark && recordId) *recordId = bookmarkRecordId(text);
     return bookmark;
 }
 

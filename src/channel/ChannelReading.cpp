@@ -2,15 +2,19 @@
 // fetching batches with EvtNext, turning each event into a record, and the
 // recovery from read errors.
 //
-// start_from "newest": init opens a newest-first query and marks the reverse
-// phase (the first event checkpointed in it is also bookmarked under
-// "reverse"); the reader keeps a bookmark of the query's first event, the
-// newest record at its start. When the monitor has read the query to its end it
-// calls endReversePhase, which writes that bookmark as the main checkpoint and
-// removes the "reverse" file; every later init subscribes after it. Records
-// that arrived meanwhile are read forward once, and nothing that existed is
-// read twice. A later run knows the phase is over from a main checkpoint
-// without a "reverse" one.
+// Every re-open resumes after the last event sent (the position), kept in
+// memory as it goes and restored from the checkpoint file at the first open.
+//
+// start_from "newest": the existing records are read newest first by a query,
+// on the thread that made it, until it reports no more items. The newest
+// record when that phase began (the anchor) goes to the "reverse" file before
+// the main checkpoint first moves; the main checkpoint then follows the oldest
+// record sent. A phase cut short (stop, reset, crash) resumes after that one,
+// and records already sent are never sent again from the query. When the query
+// is done the anchor becomes the main checkpoint, the "reverse" file goes, and
+// the channel subscribes after the anchor: records that arrived meanwhile are
+// read forward once. A later run knows the phase is over from a main
+// checkpoint without a "reverse" one.
 #include <algorithm>
 #include <utility>
 
@@ -28,7 +32,8 @@ namespace {
 
 constexpr DWORD kMissingChannelPauseMs = 20000;  // a removed channel is not polled in a tight loop
 constexpr uint64_t kSlowTranslationMs = 10;
-constexpr size_t kEventIdValue = 4;  // position of EventID in the render context
+constexpr size_t kRecordIdValue = 0;  // positions in the render context
+constexpr size_t kEventIdValue = 4;
 
 // Closes `handle` now; the error of a failed EvtClose, else 0.
 DWORD closeNow(UniqueEvtHandle& handle) {
@@ -63,13 +68,12 @@ bool WinEventLogChannel::init() {
     }
     LOG_DEBUG("%s: Creating notify event handler: (%lu)", fn, ::GetLastError());
 
-    batchSize_ = settings_.batchSize >= 1 && settings_.batchSize <= 1000 ? static_cast<uint32_t>(settings_.batchSize) : 1;
+    const uint32_t configured =
+        settings_.batchSize >= 1 && settings_.batchSize <= 1000 ? static_cast<uint32_t>(settings_.batchSize) : 1;
+    batchSize_ = std::min(configured, batchLimit_);
     eventSlots_.assign(batchSize_, nullptr);
     startFromNewest_ = settings_.startFrom == "newest";
-    // An unusable file is reported, not fatal: getBookMark then finds no bookmark.
-    if (!checkpointFilePath_.empty() && pathExists(checkpointFilePath_) &&
-        !WELCheckPointBase::validateCheckpointStr(checkpointFilePath_))
-        LOG_ERROR("%s: Failed to checkpoint for channel='%s'", fn, channelName_.c_str());
+    if (!positionLoaded_) loadPosition();
 
     if (settings_.useOldApi || !WinEventLogAPIInitializer::isEvtApiAvailable()) {
         LOG_INFO("%s: Initializing Windows Event Log Api for XP", fn);
@@ -90,19 +94,55 @@ bool WinEventLogChannel::init() {
     return true;
 }
 
+// The checkpoint files as the last run left them. Done once: afterwards the
+// position in memory is newer than any file.
+void WinEventLogChannel::loadPosition() {
+    static const char* const fn = "WinEventLogChannel::init";
+    positionLoaded_ = true;
+    if (checkpointFilePath_.empty()) return;
+    for (const wchar_t* suffix : {L"", L"reverse"}) {
+        const std::wstring path = checkpointPathFor(suffix);
+        if (!pathExists(path) || WELCheckPointBase::validateCheckpointStr(path)) continue;
+        LOG_ERROR("%s: Failed to checkpoint for channel='%s'", fn, channelName_.c_str());
+        quarantineUnreadable(path);
+    }
+    if (startFromNewest_) {
+        reverseState_ = reversePhaseEndedEarlier() ? ReverseState::Done : ReverseState::Open;
+        if (reverseState_ == ReverseState::Open) {
+            anchor_ = getBookMark(L"reverse", &anchorId_);
+            anchorSaved_ = anchor_.valid();
+        }
+    }
+    if (!settings_.currentOnly || reverseState_ == ReverseState::Open) position_ = getBookMark(std::wstring(), &positionId_);
+}
+
+// A file that is neither a bookmark nor a checkpoint string is set aside, not
+// deleted: the operator may still want what it holds.
+void WinEventLogChannel::quarantineUnreadable(const std::wstring& path) {
+    static const char* const fn = "WinEventLogChannel::init";
+    const std::wstring kept = path + L".unreadable";
+    if (::MoveFileExW(longPath(path).c_str(), longPath(kept).c_str(), MOVEFILE_REPLACE_EXISTING)) {
+        LOG_ERROR("%s: Checkpoint file='%s' of channel='%s' cannot be read and is kept as '%s'; the channel starts as "
+                  "its settings say, so events may be sent again",
+                  fn, narrow(path).c_str(), channelName_.c_str(), narrow(kept).c_str());
+    } else {
+        LOG_ERROR("%s: Checkpoint file='%s' of channel='%s' cannot be read nor moved aside (error=%lu); the channel "
+                  "starts as its settings say, so events may be sent again",
+                  fn, narrow(path).c_str(), channelName_.c_str(), ::GetLastError());
+    }
+}
+
 // The event collector subscription check is built by a later stage; until
 // then every channel passes it.
 bool WinEventLogChannel::collectorSubscriptionsAccepted() const { return true; }
 
 bool WinEventLogChannel::openModern(const char* fn) {
     channelMissing_ = false;
-    if (startFromNewest_ && !reverseDone_ && !reversePhaseEndedEarlier()) {
-        reverseNewest_.reset();
+    if (reversePhaseOpen()) {
         if (!queryEvtChannel(channelNameW_, false, false)) {
             LOG_ERROR("%s: Init failed, unable to query Windows Event Log channel.", fn);
             return false;
         }
-        setReversePhase(true);
     } else if (!subscribeToEvtChannel(channelNameW_)) {
         LOG_ERROR("%s: Init failed, unable to subscribe to Windows Event Log channel '%s': errorCode=%lu", fn,
                   channelName_.c_str(), ::GetLastError());
@@ -125,6 +165,8 @@ bool WinEventLogChannel::queryEvtChannel(const std::wstring& name, bool forward,
     static const char* const fn = "WinEventLogChannel::queryEvtChannel";
     LOG_DEBUG("%s Query channel %S", fn, name.c_str());
     subscribed_ = false;
+    reverseComplete_ = false;
+    guardActive_ = false;
     const DWORD flags = (fromFile ? EvtQueryFilePath : EvtQueryChannelPath) |
                         (forward ? EvtQueryForwardDirection : EvtQueryReverseDirection);
     resultHandle_.reset(evtApi().EvtQuery(nullptr, name.c_str(), L"*", flags));
@@ -135,12 +177,23 @@ bool WinEventLogChannel::queryEvtChannel(const std::wstring& name, bool forward,
         ::SetLastError(error);
         return false;
     }
-    // A file is positioned at its own bookmark, a channel after the reverse one.
-    const UniqueEvtHandle bookmark = getBookMark(fromFile ? std::wstring() : std::wstring(L"reverse"));
-    const bool haveReverse = !fromFile && bookmark.valid();
-    if (!evtApi().EvtSeek(resultHandle_.get(), haveReverse ? 1 : 0, bookmark.get(), 0,
-                          fromFile ? EvtSeekRelativeToBookmark : EvtSeekRelativeToFirst) &&
-        haveReverse)
+    setReversePhase(!forward && !fromFile);
+    if (fromFile) {
+        const UniqueEvtHandle bookmark = getBookMark();
+        if (bookmark) evtApi().EvtSeek(resultHandle_.get(), 0, bookmark.get(), 0, EvtSeekRelativeToBookmark);
+        return true;
+    }
+    // Read on after the oldest record already sent, else from the anchor itself
+    // (it may not have gone out), else from the newest record. Whatever the seek
+    // lands on, records already sent are skipped by their id: a seek past the
+    // end lands on the last record rather than nowhere.
+    const bool afterPosition = position_.valid();
+    EVT_HANDLE from = afterPosition ? position_.get() : anchor_.get();
+    if (!from) return true;
+    guardActive_ = true;
+    guardId_ = afterPosition ? positionId_ : anchorId_;
+    guardInclusive_ = !afterPosition;
+    if (!evtApi().EvtSeek(resultHandle_.get(), afterPosition ? 1 : 0, from, 0, EvtSeekRelativeToBookmark))
         LOG_ERROR("%s: Unable to set seek position to the given bookmark", fn);
     return true;
 }
@@ -148,21 +201,26 @@ bool WinEventLogChannel::queryEvtChannel(const std::wstring& name, bool forward,
 bool WinEventLogChannel::subscribeToEvtChannel(const std::wstring& name) {
     static const char* const fn = "WinEventLogChannel::subscribeToEvtChannel";
     LOG_DEBUG("%s: Subscribe to channel %S", fn, name.c_str());
-    // Right after the newest-first phase the start is that phase's newest record,
-    // whatever current_only says: the records before it have just been read.
-    UniqueEvtHandle checkpoint;
-    EVT_HANDLE bookmark = startAfter_.get();
-    if (!bookmark && !settings_.currentOnly) {
-        checkpoint = getBookMark();
-        bookmark = checkpoint.get();
-    }
+    // current_only skips what the last run left; within a run nothing is skipped.
+    EVT_HANDLE bookmark = position_ && (positionFromRun_ || !settings_.currentOnly) ? position_.get() : nullptr;
     const DWORD flags = bookmark                 ? EvtSubscribeStartAfterBookmark
                         : settings_.currentOnly ? EvtSubscribeToFutureEvents
                                                 : EvtSubscribeStartAtOldestRecord;
-    resultHandle_.reset(evtApi().EvtSubscribe(nullptr, notifyEvent_.get(), name.c_str(), L"*", bookmark, nullptr,
-                                              nullptr, flags));
+    const auto subscribe = [&](EVT_HANDLE after, DWORD how) {
+        resultHandle_.reset(evtApi().EvtSubscribe(nullptr, notifyEvent_.get(), name.c_str(), L"*", after, nullptr,
+                                                  nullptr, how));
+        return resultHandle_.valid();
+    };
     const std::string narrowName = narrow(name);
-    if (!resultHandle_) {
+    bool ok = subscribe(bookmark, flags);
+    if (!ok && bookmark && ::GetLastError() == ERROR_EVT_QUERY_RESULT_STALE) {
+        // The records around the position were cleared away: all that is left is newer.
+        LOG_WARN("%s: The records after the last event sent from Windows Event Log channel '%s' are gone (the log "
+                 "was cleared or rolled over); reading it from its oldest record",
+                 fn, narrowName.c_str());
+        ok = subscribe(nullptr, EvtSubscribeStartAtOldestRecord);
+    }
+    if (!ok) {
         const DWORD error = ::GetLastError();
         channelMissing_ = error == ERROR_EVT_CHANNEL_NOT_FOUND;
         subscribed_ = false;
@@ -170,8 +228,11 @@ bool WinEventLogChannel::subscribeToEvtChannel(const std::wstring& name) {
         ::SetLastError(error);
         return false;
     }
-    startAfter_.reset();
     subscribed_ = true;
+    setReversePhase(false);
+    // The service signals only records written from now on: what already waits
+    // is read at once, without waiting for a signal.
+    ::SetEvent(notifyEvent_.get());
     LOG_INFO("%s: Subscribed to Windows Event Log channel '%s'", fn, narrowName.c_str());
     return true;
 }
@@ -179,16 +240,13 @@ bool WinEventLogChannel::subscribeToEvtChannel(const std::wstring& name) {
 void WinEventLogChannel::endReversePhase() {
     static const char* const fn = "WinEventLogChannel::endReversePhase";
     setReversePhase(false);
-    reverseDone_ = true;
-    // Neither the oldest record read backwards nor a "reverse" bookmark still to
-    // be written may reach the files after this.
+    reverseState_ = ReverseState::Done;
+    guardActive_ = false;
+    // The oldest record read backwards must not reach the file after this.
     pendingBookmark_.reset();
-    firstReverseBookmark_.reset();
-    // The newest record this query started at, or the file's when it gave no event.
-    UniqueEvtHandle newest = reverseNewest_ ? std::move(reverseNewest_) : getBookMark(L"reverse");
-    if (newest && !checkpointFilePath_.empty() && !settings_.suppressCheckpoint) {
-        if (!writeBookmark(newest.get(), std::wstring())) {
-            // The "reverse" file stays, so a restart reads the phase again rather than skip it.
+    if (anchor_ && !checkpointFilePath_.empty() && !settings_.suppressCheckpoint) {
+        if (!writeBookmark(anchor_.get(), std::wstring())) {
+            // The "reverse" file stays, so a restart finishes the phase rather than skip it.
             LOG_ERROR("%s: Failed to checkpoint for channel='%s'", fn, channelName_.c_str());
         } else {
             const std::wstring reversePath = checkpointPathFor(L"reverse");
@@ -197,8 +255,25 @@ void WinEventLogChannel::endReversePhase() {
                          narrow(reversePath).c_str(), channelName_.c_str(), ::GetLastError());
         }
     }
-    startAfter_ = std::move(newest);
+    if (anchor_) {
+        position_ = std::move(anchor_);
+        positionId_ = anchorId_;
+        positionFromRun_ = true;
+    }
     uninit();
+}
+
+void WinEventLogChannel::markWritten(EVT_HANDLE event, uint64_t recordNumber) {
+    const EvtApi& api = evtApi();
+    if (!event || !api.EvtCreateBookmark || !api.EvtUpdateBookmark) return;
+    if (!position_) position_.reset(api.EvtCreateBookmark(nullptr));
+    if (!position_ || !api.EvtUpdateBookmark(position_.get(), event)) {
+        LOG_ERROR("%s: Failed to update Windows Event Log bookmark, channel='%s'", "WinEventLogChannel::markWritten",
+                  channelName_.c_str());
+        return;
+    }
+    positionId_ = recordNumber;
+    positionFromRun_ = true;
 }
 
 void WinEventLogChannel::uninit() {
@@ -237,7 +312,9 @@ void WinEventLogChannel::getEventsNew(EventBatch& records) {
         anyRead = true;
         const BatchEnd end = readBatch(records, returned);
         closeSlots(0, returned);  // those no record took
-        if (end != BatchEnd::Full) return;
+        if (end == BatchEnd::Stop) return;
+        // A short batch is not the end: the service caps a batch by size too.
+        // Only "no more items" says that nothing waits.
         if (pass == passLimit) {
             eventsPending_ = true;
             return;
@@ -257,8 +334,6 @@ bool WinEventLogChannel::readEvent(EventBatch& records, uint32_t index, uint32_t
     EventRecord& record = records.emplace_back();
     record.handle.reset(std::exchange(eventSlots_[index], nullptr));
 
-    if (reversePhase_ && !reverseNewest_) reverseNewest_ = bookmarkFor(record.handle.get());
-
     // A rendering error drops the event; 122 and 6 also end this call.
     const auto goesOnAfter = [&](DWORD error) {
         if (error == ERROR_INVALID_HANDLE) {
@@ -275,6 +350,17 @@ bool WinEventLogChannel::readEvent(EventBatch& records, uint32_t index, uint32_t
     DWORD error = renderEvent(record, values_, valuesSize_);
     if (error) return goesOnAfter(error);
     const auto* values = reinterpret_cast<const EVT_VARIANT*>(values_.data());
+    if (reversePhase_ && values[kRecordIdValue].Type == EvtVarTypeUInt64) {
+        const uint64_t id = values[kRecordIdValue].UInt64Val;
+        if (!anchor_) {
+            anchor_ = bookmarkFor(record.handle.get());
+            anchorId_ = id;
+        }
+        if (alreadySent(id)) {
+            records.pop_back();
+            return true;
+        }
+    }
     if (values[kEventIdValue].Type == EvtVarTypeUInt16) {
         record.eventCode = values[kEventIdValue].UInt16Val;
         if (!includeEvent(record.eventCode)) {
@@ -316,6 +402,12 @@ bool WinEventLogChannel::handleGetEventsError(bool anyRead, uint32_t index, uint
     const DWORD error = ::GetLastError();
     switch (error) {
     case ERROR_NO_MORE_ITEMS:
+        if (!subscribed_) reverseComplete_ = true;
+        break;
+    case ERROR_INVALID_OPERATION:
+        // What an idle subscription may answer instead of "no more items".
+        if (subscribed_) break;
+        logNoEvents(fn, error);
         break;
     case ERROR_EVT_CHANNEL_NOT_FOUND:
         channelMissing_ = true;
@@ -327,15 +419,36 @@ bool WinEventLogChannel::handleGetEventsError(bool anyRead, uint32_t index, uint
         LOG_INFO("%s: Setting the '%s' channel state to updated", fn, channelName_.c_str());
         channelState_ = false;
         break;
+    case ERROR_EVT_QUERY_RESULT_STALE:
+        // Cleared or rolled over under the handle: only a new one reads on.
+        LOG_WARN("%s: The Windows Event Log channel='%s' was cleared or rolled over while it was read, Error=(0x%x); "
+                 "it is opened again after the last event sent",
+                 fn, channelName_.c_str(), static_cast<unsigned>(error));
+        channelState_ = false;
+        break;
+    case RPC_S_INVALID_BOUND:
+        // The batch was over what one call may carry, and the handle's position
+        // has moved past it: re-open after the last event sent, with half the batch.
+        logNoEvents(fn, error);
+        if (batchSize_ > 1) batchLimit_ = batchSize_ / 2;
+        LOG_WARN("%s: The batch of Windows Event Log channel='%s' was too large for the event log service, "
+                 "Error=(0x%x); it is opened again after the last event sent with batch_size = %lu",
+                 fn, channelName_.c_str(), static_cast<unsigned>(error), static_cast<unsigned long>(batchLimit_));
+        channelState_ = false;
+        break;
     default:
-        LOG_DEBUG("%s: EventNext returned no events for Windows Event Log channel='%s', Error=(0x%x). Try reducing "
-                  "'batch_size' config value in inputs.conf. Current batch_size = %ld",
-                  fn, channelName_.c_str(), static_cast<unsigned>(error), static_cast<long>(batchSize_));
+        logNoEvents(fn, error);
         break;
     }
     // Slots no record took are closed whatever was read before: they would leak.
     closeSlots(index, count);
     return anyRead;
+}
+
+void WinEventLogChannel::logNoEvents(const char* fn, DWORD error) const {
+    LOG_DEBUG("%s: EventNext returned no events for Windows Event Log channel='%s', Error=(0x%x). Try reducing "
+              "'batch_size' config value in inputs.conf. Current batch_size = %ld",
+              fn, channelName_.c_str(), static_cast<unsigned>(error), static_cast<long>(batchSize_));
 }
 
 void WinEventLogChannel::resetChannel(EventBatch& records, uint32_t index, uint32_t count) {

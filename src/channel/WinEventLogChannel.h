@@ -25,7 +25,7 @@ public:
 
     // ---- Reading (ChannelReading.cpp)
     // Opens the channel: a newest-first query while the start is "newest" and
-    // that phase is not over, otherwise a subscription after the checkpoint.
+    // that phase is not over, otherwise a subscription after the last event sent.
     bool init();
     // Closes the result handle, render context and notify event.
     void uninit();
@@ -34,6 +34,8 @@ public:
     bool initialized() const { return initialized_; }
     // False once the result handle went bad ("updated"): the worker re-opens.
     bool channelState() const { return channelState_; }
+    // Marks the channel "updated": it is re-opened after the last event sent.
+    void setUpdated() { channelState_ = false; }
     // The channel did not exist at the last open or read.
     bool channelMissing() const { return channelMissing_; }
     // A subscription (not a query) is open.
@@ -41,12 +43,23 @@ public:
     // The last read filled its batches: more events may be waiting now.
     bool eventsPending() const { return eventsPending_; }
     HANDLE notifyEvent() const { return notifyEvent_.get(); }
-    // The newest-first reading of the existing events is in progress.
-    bool readingReverse() const { return initialized_ && !subscribed_ && startFromNewest_; }
-    // Ends the newest-first phase: closes the query; the next init subscribes.
+    // The newest-first query of the existing events is open. A query belongs to
+    // the thread that made it: it is read and closed there.
+    bool readingReverse() const { return initialized_ && !subscribed_ && reversePhase_; }
+    // The newest-first reading of the existing events has not ended yet (it ends
+    // only once its query reported no more items).
+    bool reversePhaseOpen() const { return startFromNewest_ && reverseState_ != ReverseState::Done; }
+    // The newest-first query reported no more items.
+    bool reverseComplete() const { return reverseComplete_; }
+    // Ends the newest-first phase: its newest record becomes the position, the
+    // query is closed; the next init subscribes after it.
     void endReversePhase();
-    // The batch size in use (batch_size, 1 when outside 1..1000).
+    // The batch size in use (batch_size, 1 when outside 1..1000, halved while
+    // the service refuses batches that large).
     uint32_t batchSize() const { return batchSize_; }
+    // The events up to `event` are out: reading resumes after it whenever the
+    // channel is opened again in this run.
+    void markWritten(EVT_HANDLE event, uint64_t recordNumber);
 
     bool queryEvtChannel(const std::wstring& name, bool forward, bool fromFile);
     bool subscribeToEvtChannel(const std::wstring& name);
@@ -62,12 +75,12 @@ public:
     bool checkPoint(EVT_HANDLE event, uint64_t recordNumber, bool force);
     bool saveBookMark(EVT_HANDLE event, const std::wstring& suffix);
     // A bookmark handle restored from the checkpoint file (suffix: "" or "reverse"),
-    // or an empty owner when there is no usable checkpoint.
-    UniqueEvtHandle getBookMark(const std::wstring& suffix = std::wstring());
+    // or an empty owner when there is no usable checkpoint; `recordId` receives
+    // the record it names.
+    UniqueEvtHandle getBookMark(const std::wstring& suffix = std::wstring(), uint64_t* recordId = nullptr);
     bool deleteCheckpointFile();
     const std::wstring& checkpointFilePath() const { return checkpointFilePath_; }
-    // Set by the reader while it reads newest first: the first event checkpointed
-    // in that phase is also bookmarked under the suffix "reverse".
+    // Set by the reader while it reads newest first.
     void setReversePhase(bool on) { reversePhase_ = on; }
     // True while a sent event waits for the checkpoint interval to be written.
     bool hasPendingCheckpoint() const { return pendingBookmark_.valid() || pendingLegacy_; }
@@ -88,21 +101,48 @@ protected:
     bool subscribed_ = false;
     bool eventsPending_ = false;
     bool startFromNewest_ = false;
-    bool reverseDone_ = false;       // the newest-first phase ended in this run
-    UniqueEvtHandle reverseNewest_;  // bookmark of the first event read in that phase
-    UniqueEvtHandle startAfter_;     // where the first subscription after that phase starts
     uint32_t batchSize_ = 1;
+    uint32_t batchLimit_ = 1000;          // lowered while EvtNext refuses larger batches
     std::vector<EVT_HANDLE> eventSlots_;  // EvtNext's array, one slot per batch entry
     std::vector<uint8_t> values_;         // rendered system values, reused
     DWORD valuesSize_ = 0;
     std::string sidMessage_;              // narrow message for SID translation, reused
+
+    // The last event sent: every re-open resumes after it. Restored from the
+    // checkpoint file at the first open, then kept by markWritten.
+    UniqueEvtHandle position_;
+    uint64_t positionId_ = 0;
+    bool positionLoaded_ = false;   // the checkpoint file was consulted
+    bool positionFromRun_ = false;  // an event was sent in this run
+
+    // Newest-first phase (start_from "newest"): the newest record when the
+    // phase began (the anchor, also kept in the "reverse" file) and, while its
+    // query is read, which records are already out.
+    enum class ReverseState { Unknown, Open, Done };
+    ReverseState reverseState_ = ReverseState::Unknown;
+    bool reversePhase_ = false;      // the query is open
+    bool reverseComplete_ = false;   // the query reported no more items
+    UniqueEvtHandle anchor_;
+    uint64_t anchorId_ = 0;
+    bool anchorSaved_ = false;       // the "reverse" file holds the anchor
+    bool guardActive_ = false;       // records from `guardId_` up are out already
+    uint64_t guardId_ = 0;
+    bool guardInclusive_ = false;    // the record `guardId_` itself is not out yet
+
     enum class BatchEnd { Full, Short, Stop };
     BatchEnd readBatch(EventBatch& records, uint32_t count);
     bool readEvent(EventBatch& records, uint32_t index, uint32_t count);
     bool openModern(const char* fn);
+    void loadPosition();
+    void quarantineUnreadable(const std::wstring& path);
     bool reversePhaseEndedEarlier() const;
     bool collectorSubscriptionsAccepted() const;
     void closeSlots(uint32_t from, uint32_t count);
+    void logNoEvents(const char* fn, DWORD error) const;
+    // True when the newest-first reading already sent this record.
+    bool alreadySent(uint64_t recordId) const {
+        return guardActive_ && (guardInclusive_ ? recordId > guardId_ : recordId >= guardId_);
+    }
 
     // Checkpoint state
     std::wstring checkpointFilePath_;
@@ -112,10 +152,6 @@ protected:
     UniqueEvtHandle pendingBookmark_;
     uint64_t pendingRecordNumber_ = 0;
     bool pendingLegacy_ = false;
-    bool reversePhase_ = false;
-    bool reverseBookmarkSaved_ = false;
-    UniqueEvtHandle firstReverseBookmark_;  // captured, not yet written
-    uint64_t firstReverseRecordNumber_ = 0;
     CheckpointMap checkpointMap_;
     std::vector<wchar_t> bookmarkRender_;  // reused for every bookmark rendered
     std::string bookmarkText_;
@@ -124,6 +160,9 @@ protected:
     void finalCheckpoint();
     bool usesLegacyCheckpoints() const;
     bool legacyCheckPoint(uint64_t recordNumber, bool force);
+    // Makes sure the "reverse" file holds the anchor before the main checkpoint
+    // moves during the newest-first phase; false when it could not be written.
+    bool saveAnchor(uint64_t recordNumber);
     UniqueEvtHandle bookmarkFor(EVT_HANDLE event);
     bool writeBookmark(EVT_HANDLE bookmark, const std::wstring& suffix);
     std::wstring checkpointPathFor(const std::wstring& suffix) const;

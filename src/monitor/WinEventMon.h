@@ -80,6 +80,8 @@ public:
         bool enabled = true;
         std::atomic<uint64_t> total{0};
         std::atomic<uint64_t> emptyMsg{0};
+        uint64_t failingRecord = 0;  // the event that failed to be written last, and how often
+        unsigned failures = 0;
         // Reused by every pass: the batch being written and the one being read.
         EventBatch batches[2];
     };
@@ -103,6 +105,9 @@ public:
     void processLogChannel(ChannelWork& work);
     // Filters one event and writes it under the output lock; false when excluded.
     bool processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch);
+    // processEvent for `count` events in order; returns how many went through
+    // before one failed (every failure is logged).
+    size_t writeEvents(ChannelWork& work, EventRecord* first, size_t count, OutputScratch& scratch);
     // Writer threads for a batch of `size` events when `threadCount` are allowed;
     // `share` receives the events each one takes (from the front of the batch).
     static unsigned writerThreadCount(size_t size, int32_t threadCount, size_t& share);
@@ -136,7 +141,10 @@ private:
     void prepareWork();
     // Re-opens a channel that has no usable subscription; false once given up.
     bool makeAvailable(ChannelWork& work);
+    bool openFirstPass(ChannelWork& work);
+    void reportUnavailable(const WinEventLogChannel& channel, uint64_t limit, uint64_t attempts) const;
     bool armWait(ChannelWork& work);
+    bool giveUpOn(ChannelWork& work, const EventRecord& event);
     bool includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch) const;
     void postCompletion(ChannelWork& work);
     void workerDone();

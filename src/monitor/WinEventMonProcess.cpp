@@ -15,42 +15,86 @@ namespace skorva {
 namespace {
 
 constexpr size_t kMinEventsPerThread = 100;
+constexpr unsigned kWriteAttempts = 3;  // an event that fails this often is skipped
+const char kProcess[] = "WinEventMon::processLogChannel";
 
 struct ReaderJob {
     WinEventLogChannel* channel;
     EventBatch* batch;
 };
 
-// Non-zero when nothing could be read because the channel went bad.
-DWORD WINAPI readBatch(void* param) {
-    ReaderJob& job = *static_cast<ReaderJob*>(param);
+// Non-zero when nothing could be read because the channel went bad. A failure
+// while reading loses the partly read batch and makes the channel "updated":
+// it is opened again after the last event sent, so the batch is read again.
+DWORD readBatch(ReaderJob& job) noexcept {
+    const char* reason = "unknown error";
     try {
         // The batch still holds events written two reads ago: they are closed
         // here, on the thread that made them, and their records refilled.
         job.batch->clear();
         job.channel->getEventsNew(*job.batch);
+        return job.batch->empty() && !job.channel->channelState() ? 1 : 0;
+    } catch (const std::exception& e) {
+        reason = e.what();
     } catch (...) {
-        return 1;
     }
-    return job.batch->empty() && !job.channel->channelState() ? 1 : 0;
+    LOG_ERROR("%s: Failed to read channel='%s': '%s'; it is read again after the last event sent", kProcess,
+              job.channel->channelName().c_str(), reason);
+    job.batch->clear();
+    job.channel->setUpdated();
+    return 1;
 }
+
+DWORD WINAPI readBatchThread(void* param) { return readBatch(*static_cast<ReaderJob*>(param)); }
+
+// Reads the batches of one pass: each on a thread of its own, so that the next
+// batch is read while the current one is written; or, for a query, on the
+// calling thread, which alone may use it.
+class BatchReader {
+public:
+    BatchReader(WinEventLogChannel& channel, bool onCallingThread)
+        : job_{&channel, nullptr}, inline_(onCallingThread) {}
+    ~BatchReader() {
+        if (thread_) ::WaitForSingleObject(thread_.get(), INFINITE);
+    }
+    BatchReader(const BatchReader&) = delete;
+    BatchReader& operator=(const BatchReader&) = delete;
+
+    bool start(EventBatch& batch) {
+        job_.batch = &batch;
+        if (inline_) return true;
+        thread_.reset(::CreateThread(nullptr, 0, &readBatchThread, &job_, 0, nullptr));
+        return thread_.valid();
+    }
+    // The exit code of the read started last.
+    DWORD finish() {
+        if (inline_) return readBatch(job_);
+        ::WaitForSingleObject(thread_.get(), INFINITE);
+        DWORD exitCode = 1;
+        ::GetExitCodeThread(thread_.get(), &exitCode);
+        thread_.reset();
+        return exitCode;
+    }
+
+private:
+    ReaderJob job_;
+    bool inline_;
+    UniqueHandle thread_;
+};
 
 struct WriterSlice {
     WinEventMon* monitor;
     WinEventMon::ChannelWork* work;
     EventRecord* first;
     size_t count;
+    size_t written;  // events written before the first that failed
     UniqueHandle thread;
 };
 
 DWORD WINAPI writeSlice(void* param) {
     WriterSlice& slice = *static_cast<WriterSlice*>(param);
-    try {
-        WinEventMon::OutputScratch scratch;
-        for (size_t i = 0; i < slice.count; ++i) slice.monitor->processEvent(*slice.work, slice.first[i], scratch);
-    } catch (...) {
-        return 1;
-    }
+    WinEventMon::OutputScratch scratch;
+    slice.written = slice.monitor->writeEvents(*slice.work, slice.first, slice.count, scratch);
     return 0;
 }
 
@@ -91,7 +135,7 @@ unsigned WinEventMon::writerThreadCount(size_t size, int32_t threadCount, size_t
 }
 
 void WinEventMon::processLogChannel(ChannelWork& work) {
-    static const char* const fn = "WinEventMon::processLogChannel";
+    static const char* const fn = kProcess;
     WinEventLogChannel& channel = *work.channel;
     const ChannelSettings& settings = channel.settings();
     const char* name = channel.channelName().c_str();
@@ -103,14 +147,13 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
 
     EventBatch* reading = &work.batches[0];
     EventBatch* current = &work.batches[1];
-    ReaderJob job{&channel, reading};
-    UniqueHandle reader(::CreateThread(nullptr, 0, &readBatch, &job, 0, nullptr));
-    if (!reader) {
+    BatchReader reader(channel, channel.readingReverse());
+    if (!reader.start(*reading)) {
         LOG_ERROR("%s: Could not create reading thread 0x%08x", fn, static_cast<unsigned>(::GetLastError()));
         return;
     }
 
-    UniqueEvtHandle lastEvent;  // the newest event written by this thread: the checkpoint position
+    UniqueEvtHandle lastEvent;  // the newest event written: the position to resume after
     uint64_t lastRecord = 0;
     uint64_t retrieved = 0;
     OutputScratch scratch;
@@ -125,19 +168,18 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
     };
 
     bool last = false;
+    bool readAhead = true;  // a read was started and not yet finished
     while (!last) {
-        ::WaitForSingleObject(reader.get(), INFINITE);
-        DWORD exitCode = 1;
-        ::GetExitCodeThread(reader.get(), &exitCode);
-        reader.reset();
+        const DWORD exitCode = reader.finish();
+        readAhead = false;
         std::swap(reading, current);
         if (exitCode != 0) break;
 
         // Stopping: the batch in hand is the last one of this pass.
         if (channel.eventsPending() && !stop_.load()) {
-            job.batch = reading;
-            reader.reset(::CreateThread(nullptr, 0, &readBatch, &job, 0, nullptr));
-            if (!reader) {
+            if (reader.start(*reading)) {
+                readAhead = true;
+            } else {
                 // What was read already still goes out and is checkpointed.
                 LOG_ERROR("%s: Could not create reader thread 0x%08x", fn, static_cast<unsigned>(::GetLastError()));
                 last = true;
@@ -155,7 +197,7 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
         const unsigned planned = writerThreadCount(size, settings.threadCount, share);
         size_t taken = 0;
         for (unsigned i = 0; i < planned; ++i) {
-            writers.push_back(WriterSlice{this, &work, batch.data() + taken, share, UniqueHandle()});
+            writers.push_back(WriterSlice{this, &work, batch.data() + taken, share, 0, UniqueHandle()});
             WriterSlice& slice = writers.back();
             slice.thread.reset(::CreateThread(nullptr, 0, &writeSlice, &slice, 0, nullptr));
             if (!slice.thread) {
@@ -168,15 +210,27 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
             taken += share;
         }
 
-        for (size_t i = taken; i < size; ++i) processEvent(work, batch[i], scratch);
-        // The last event of the batch is the position to resume after; the
-        // others are closed when the reader reuses their records.
-        if (size > taken) {
-            lastEvent = std::move(batch[size - 1].handle);
-            lastRecord = batch[size - 1].recordNumber;
-        }
+        const size_t ownWritten = taken + writeEvents(work, batch.data() + taken, size - taken, scratch);
         if (!writerHandles.empty())
             ::WaitForMultipleObjects(static_cast<DWORD>(writerHandles.size()), writerHandles.data(), TRUE, INFINITE);
+        // Written in batch order up to the first event that failed: the position
+        // never passes an event that did not go out.
+        size_t written = ownWritten;
+        size_t sliceStart = 0;
+        for (const WriterSlice& slice : writers) {
+            if (slice.written < slice.count) {
+                written = sliceStart + slice.written;
+                break;
+            }
+            sliceStart += slice.count;
+        }
+        const bool failed = written < size;
+        if (failed && giveUpOn(work, batch[written])) ++written;
+        if (written > 0) {
+            lastEvent = std::move(batch[written - 1].handle);
+            lastRecord = batch[written - 1].recordNumber;
+            channel.markWritten(lastEvent.get(), lastRecord);
+        }
 
         checkpoint();
         retrieved += size;
@@ -187,7 +241,13 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
         }
         writers.clear();
         writerHandles.clear();
+        if (failed) {
+            // The rest is read again once the channel is opened after the last event written.
+            channel.setUpdated();
+            break;
+        }
     }
+    if (readAhead) reader.finish();  // a batch read ahead of a failure is read again later
 
     if (lastEvent) {
         checkpoint();
@@ -199,6 +259,40 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
     LOG_DEBUG("%s: Retrieved='%llu' events, total='%llu', empty_msg='%llu' from Windows Event Log='%s'", fn,
               static_cast<unsigned long long>(retrieved), static_cast<unsigned long long>(work.total.load()),
               static_cast<unsigned long long>(work.emptyMsg.load()), name);
+}
+
+size_t WinEventMon::writeEvents(ChannelWork& work, EventRecord* first, size_t count, OutputScratch& scratch) {
+    for (size_t i = 0; i < count; ++i) {
+        const char* reason = "unknown error";
+        try {
+            processEvent(work, first[i], scratch);
+            continue;
+        } catch (const std::exception& e) {
+            reason = e.what();
+        } catch (...) {
+        }
+        LOG_ERROR("%s: Failed to write event rec_id=%llu of channel='%s': '%s'; it is read again after the last event "
+                  "written",
+                  kProcess, static_cast<unsigned long long>(first[i].recordNumber),
+                  work.channel->channelName().c_str(), reason);
+        return i;
+    }
+    return count;
+}
+
+// An event that fails to be written again and again is given up, so that it
+// cannot hold its channel back for good.
+bool WinEventMon::giveUpOn(ChannelWork& work, const EventRecord& event) {
+    if (work.failingRecord != event.recordNumber) {
+        work.failingRecord = event.recordNumber;
+        work.failures = 0;
+    }
+    if (++work.failures < kWriteAttempts) return false;
+    LOG_ERROR("%s: Event rec_id=%llu of channel='%s' failed to be written %u times and is skipped", kProcess,
+              static_cast<unsigned long long>(event.recordNumber), work.channel->channelName().c_str(),
+              kWriteAttempts);
+    work.failures = 0;
+    return true;
 }
 
 bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch) {

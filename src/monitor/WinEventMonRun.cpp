@@ -13,6 +13,7 @@ namespace {
 
 constexpr DWORD kDispatchTimeoutMs = 500;
 constexpr uint32_t kAvailabilitySleepMs = 500;
+constexpr uint32_t kRetrySleepMs = 2000;
 
 }  // namespace
 
@@ -118,7 +119,6 @@ bool WinEventMon::start() {
 // would resume from the checkpoint file, which lags behind the events already
 // written whenever checkpoints are deferred or suppressed.
 bool WinEventMon::makeAvailable(ChannelWork& w) {
-    static const char* const fn = "WinEventMon::start";
     WinEventLogChannel& channel = *w.channel;
     const uint64_t limit = 2 * channel.settings().channelWaitSeconds;
     uint64_t attempts = 0;
@@ -128,13 +128,7 @@ bool WinEventMon::makeAvailable(ChannelWork& w) {
         if (channel.init() && channel.subscriptionReady()) break;
         if (!channel.channelMissing()) break;
         if (attempts >= limit) {
-            if (limit != 0)
-                LOG_ERROR("%s: Channel %s failed to become available in %d ms.", fn, channel.channelName().c_str(),
-                          static_cast<int>(attempts * kAvailabilitySleepMs));
-            else
-                LOG_ERROR("%s: channel_wait_time has the default value of 0 and channel %s failed to become "
-                          "available. Consider changing channel_wait_time in inputs.conf.",
-                          fn, channel.channelName().c_str());
+            reportUnavailable(channel, limit, attempts);
             return false;
         }
         sleepMs(kAvailabilitySleepMs);
@@ -162,6 +156,38 @@ bool WinEventMon::armWait(ChannelWork& w) {
     return true;
 }
 
+// Opens a channel for its first pass, waiting up to channel_wait_time for one
+// that is missing. False when it cannot be read (then reported).
+bool WinEventMon::openFirstPass(ChannelWork& w) {
+    WinEventLogChannel& channel = *w.channel;
+    const uint64_t limit = 2 * channel.settings().channelWaitSeconds;
+    for (uint64_t attempts = 0;; ++attempts) {
+        if (stop_.load()) return false;
+        if (channel.init()) return true;
+        if (!channel.channelMissing()) return false;
+        if (attempts >= limit) {
+            reportUnavailable(channel, limit, attempts);
+            return false;
+        }
+        sleepMs(kAvailabilitySleepMs);
+    }
+}
+
+void WinEventMon::reportUnavailable(const WinEventLogChannel& channel, uint64_t limit, uint64_t attempts) const {
+    static const char* const fn = "WinEventMon::start";
+    if (limit != 0)
+        LOG_ERROR("%s: Channel %s failed to become available in %d ms.", fn, channel.channelName().c_str(),
+                  static_cast<int>(attempts * kAvailabilitySleepMs));
+    else
+        LOG_ERROR("%s: channel_wait_time has the default value of 0 and channel %s failed to become "
+                  "available. Consider changing channel_wait_time in inputs.conf.",
+                  fn, channel.channelName().c_str());
+}
+
+// The first pass reads what the channel holds. The newest-first reading is done
+// here, on the thread that made its query, and is not over until the query
+// said so: a reset or an error re-opens it after the records already sent, and
+// a stop leaves it for the next run.
 DWORD WINAPI WinEventMon::ProcessChannelWorker(void* param) {
     static const char* const fn = "WinEventMon::ProcessChannelWorker";
     ChannelWork& w = *static_cast<ChannelWork*>(param);
@@ -175,30 +201,40 @@ DWORD WINAPI WinEventMon::ProcessChannelWorker(void* param) {
 
     LOG_DEBUG("%s: Refresh channel", fn);
     if (monitor.stop_.load()) return 0;
-    if (!channel.init()) {
-        // A channel gone since the enumeration is left to the dispatch loop,
-        // which waits channel_wait_time for it to come back.
-        if (channel.channelMissing()) monitor.postCompletion(w);
-        return 0;
-    }
-    LOG_INFO("%s: Processing existing Windows Event Log '%s'", fn, name);
-    monitor.processLogChannel(w);
-    ::ResetEvent(channel.notifyEvent());
+    if (!monitor.openFirstPass(w)) return 0;
+    for (;;) {
+        LOG_INFO("%s: Processing existing Windows Event Log '%s'", fn, name);
+        const uint64_t before = w.total.load();
+        ::ResetEvent(channel.notifyEvent());
+        monitor.processLogChannel(w);
 
-    if (!channel.channelState()) {
-        channel.uninit();
-        channel.init();
-        LOG_INFO("%s: It seems like the Windows Event Log channel '%s' has been reset", fn, name);
-    } else if (channel.readingReverse()) {
-        channel.endReversePhase();
-        LOG_INFO("%s: Finished processing existing Windows Event Log '%s' in reverse chronological order: "
-                 "total_events='%llu' with empty_msg='%llu'.",
-                 fn, name, static_cast<unsigned long long>(w.total.load()),
-                 static_cast<unsigned long long>(w.emptyMsg.load()));
-    } else {
-        LOG_INFO("%s: Finished processing existing Windows Event Log '%s': total_events='%llu' with empty_msg='%llu'.",
-                 fn, name, static_cast<unsigned long long>(w.total.load()),
-                 static_cast<unsigned long long>(w.emptyMsg.load()));
+        if (!channel.channelState()) {
+            channel.uninit();
+            LOG_INFO("%s: It seems like the Windows Event Log channel '%s' has been reset", fn, name);
+            if (!channel.reversePhaseOpen()) {
+                if (!monitor.stop_.load()) channel.init();
+                break;
+            }
+        } else if (channel.readingReverse()) {
+            if (channel.reverseComplete()) {
+                channel.endReversePhase();
+                LOG_INFO("%s: Finished processing existing Windows Event Log '%s' in reverse chronological order: "
+                         "total_events='%llu' with empty_msg='%llu'.",
+                         fn, name, static_cast<unsigned long long>(w.total.load()),
+                         static_cast<unsigned long long>(w.emptyMsg.load()));
+                break;
+            }
+            channel.uninit();  // the query is closed on its own thread
+        } else {
+            LOG_INFO("%s: Finished processing existing Windows Event Log '%s': total_events='%llu' with empty_msg='%llu'.",
+                     fn, name, static_cast<unsigned long long>(w.total.load()),
+                     static_cast<unsigned long long>(w.emptyMsg.load()));
+            break;
+        }
+        // The newest-first reading goes on where it stopped.
+        if (monitor.stop_.load()) return 0;
+        if (w.total.load() == before) sleepMs(kRetrySleepMs);  // no progress: not in a tight loop
+        if (!monitor.openFirstPass(w)) return 0;
     }
     monitor.postCompletion(w);
     return 0;

@@ -175,21 +175,6 @@ TEST_F(CheckpointPolicy, RestoredBookmarkResumesAfterTheSavedEvent) {
                                         "checkpoint file: not a bookmark"));
 }
 
-TEST_F(CheckpointPolicy, ReversePhaseBookmarksItsFirstEventOnce) {
-    open(EvtQueryReverseDirection);
-    auto ch = makeChannel(10000);
-    ch->setReversePhase(true);
-    for (uint64_t rec = 40; rec > 20; --rec) {
-        clock_.advance(1000);
-        ASSERT_TRUE(send(*ch, rec));
-    }
-    // A bookmark of a newest-first query is passed through as the service gives it.
-    const std::string backward = "<BookmarkList Direction='backward'>\r\n  <Bookmark Channel='Security' RecordId='";
-    EXPECT_EQ(content(*ch, L"reverse"), backward + "40' IsCurrent='true'/>\r\n</BookmarkList>");
-    EXPECT_EQ(content(*ch), backward + "21' IsCurrent='true'/>\r\n</BookmarkList>");  // written at 10 s and 20 s
-    EXPECT_TRUE(ch->getBookMark(L"reverse").valid());
-}
-
 // The file name the command line's checkpoint removal looks for.
 TEST_F(CheckpointPolicy, ChannelPathIsSanitizedIntoTheFileName) {
     auto ch = makeChannel(0, true, "Microsoft-Windows-Sysmon/Operational");

@@ -82,7 +82,9 @@ protected:
             EventBatch records;
             ch.getEventsNew(records);
             for (const auto& r : records) ids.push_back(r.recordNumber);
-            if (!records.empty()) ch.checkPoint(records.back().handle.get(), records.back().recordNumber, false);
+            if (records.empty()) continue;
+            ch.markWritten(records.back().handle.get(), records.back().recordNumber);
+            ch.checkPoint(records.back().handle.get(), records.back().recordNumber, false);
         } while (ch.eventsPending());
         return ids;
     }

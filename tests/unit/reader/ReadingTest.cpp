@@ -20,7 +20,7 @@ TEST_F(Reading, BatchesAreClampedAndOneCallIsBoundedByThePassLimit) {
         {0, 3, 1, 3, 4, false},        // outside 1..1000: one event per batch
         {1001, 3, 1, 3, 4, false},
         {-7, 2, 1, 2, 3, false},
-        {10, 25, 10, 25, 3, false},    // the short batch ends the call
+        {10, 25, 10, 25, 4, false},    // a short batch is not the end: "no more items" is
         {1000, 2000, 1000, 2000, 3, false},  // full batches: EvtNext again until it has none
         {1, 3100, 1, 3004, 3004, true},      // pass limit 3003, plus the first batch
         {10, 3100, 10, 3010, 301, true},
@@ -129,17 +129,66 @@ TEST_F(Reading, RestartAfterTheNewestFirstPhaseWithNothingNewRepeatsNothing) {
     EXPECT_EQ(drain(*channel_), ids(5, 5));
 }
 
-TEST_F(Reading, RestartInsideTheNewestFirstPhaseQueriesAgain) {
+// Stopped inside the newest-first phase (after `sent` records went out and were
+// checkpointed): the next run sends what is older than them, once, and then
+// what arrived meanwhile.
+TEST_F(Reading, RestartInsideTheNewestFirstPhaseLosesAndRepeatsNothing) {
+    struct {
+        const char* what;
+        size_t sent;         // of the five records, newest first
+        bool keepMain;       // the main checkpoint file survives
+        std::vector<uint64_t> next;  // what the next run reads backwards
+    } cases[] = {
+        {"two sent", 2, true, {3, 2, 1}},
+        {"all sent, phase not declared over", 5, true, {}},
+        {"nothing checkpointed", 0, true, {7, 6, 5, 4, 3, 2, 1}},
+        {"anchor written, main lost", 2, false, {5, 4, 3, 2, 1}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        store_.deleteChannel(kChannel);
+        store_.createChannel(kChannel);
+        std::vector<std::string> failures;
+        removeRecursive(settings().checkpointDir, failures);
+        append(5);
+        ChannelSettings s = settings(2);
+        s.startFrom = "newest";
+        {
+            WinEventLogChannel& ch = open(s);
+            EventBatch records;
+            ch.getEventsNew(records);
+            ASSERT_EQ(records.size(), 5u);
+            if (c.sent) {
+                EventRecord& last = records[c.sent - 1];
+                ch.markWritten(last.handle.get(), last.recordNumber);
+                ASSERT_TRUE(ch.checkPoint(last.handle.get(), last.recordNumber, false));
+            }
+            if (!c.keepMain) ASSERT_TRUE(::DeleteFileW(ch.checkpointFilePath().c_str()));
+        }
+        append(2);  // 6 and 7 arrive while it is down
+        WinEventLogChannel& ch = open(s);
+        ASSERT_TRUE(ch.readingReverse());
+        EXPECT_EQ(drain(ch), c.next);
+        EXPECT_TRUE(ch.reverseComplete());
+        ch.endReversePhase();
+        ASSERT_TRUE(ch.init());
+        EXPECT_EQ(drain(ch), c.sent ? ids(6, 7) : std::vector<uint64_t>{});
+    }
+}
+
+// The "reverse" file must hold the phase's newest record before the main
+// checkpoint moves: else a later run would take the phase for over.
+TEST_F(Reading, MainCheckpointWaitsForTheReverseOne) {
     append(3);
     ChannelSettings s = settings();
     s.startFrom = "newest";
-    EXPECT_EQ(drain(open(s)), ids(3, 1));
-    // Stopped before the phase was declared over: the query is made again; the
-    // seek to the "reverse" bookmark is refused and reported, reading goes on.
-    open(s);
-    EXPECT_TRUE(channel_->readingReverse());
-    EXPECT_TRUE(log_.has(LogLevel::Error, "WinEventLogChannel::queryEvtChannel: Unable to set seek position to the given bookmark"));
-    EXPECT_EQ(drain(*channel_), ids(3, 1));
+    WinEventLogChannel& ch = open(s);
+    ASSERT_TRUE(createDirectories(ch.checkpointFilePath() + L"_reverse"));  // cannot be written
+    EventBatch records;
+    ch.getEventsNew(records);
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_FALSE(ch.checkPoint(records[0].handle.get(), records[0].recordNumber, false));
+    EXPECT_FALSE(pathExists(ch.checkpointFilePath()));
 }
 
 TEST_F(Reading, InitFailuresLeaveTheChannelClosed) {

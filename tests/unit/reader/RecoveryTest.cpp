@@ -16,16 +16,26 @@ TEST_F(Recovery, EvtNextErrors) {
         bool missing;
         uint64_t sleptMs;
         const char* line;
+        uint32_t batchAfter;  // the batch size once opened again
     } cases[] = {
         {"EvtNext:Application=6,once", false, false, 0,
-         "WinEventLogChannelBase::handleGetEventsError: Setting the 'Application' channel state to updated"},
+         "WinEventLogChannelBase::handleGetEventsError: Setting the 'Application' channel state to updated", 10},
         {"EvtNext:Application=15007,once", false, true, 20000,
          "WinEventLogChannelBase::handleGetEventsError: Unable to get Windows event logs, channel='Application', "
-         "Error=(0x3a9f)"},
-        {"EvtNext:Application=1734,once", true, false, 0,
+         "Error=(0x3a9f)", 10},
+        // The batch was too large for the service: opened again with half of it.
+        {"EvtNext:Application=1734,once", false, false, 0,
+         "WinEventLogChannelBase::handleGetEventsError: The batch of Windows Event Log channel='Application' was too "
+         "large for the event log service, Error=(0x6c6); it is opened again after the last event sent with "
+         "batch_size = 5", 5},
+        // Cleared under the reader: only a new handle reads on.
+        {"EvtNext:Application=15011,once", false, false, 0,
+         "WinEventLogChannelBase::handleGetEventsError: The Windows Event Log channel='Application' was cleared or "
+         "rolled over while it was read, Error=(0x3aa3); it is opened again after the last event sent", 10},
+        {"EvtNext:Application=1717,once", true, false, 0,
          "WinEventLogChannelBase::handleGetEventsError: EventNext returned no events for Windows Event Log "
-         "channel='Application', Error=(0x6c6). Try reducing 'batch_size' config value in inputs.conf. Current "
-         "batch_size = 10"},
+         "channel='Application', Error=(0x6b5). Try reducing 'batch_size' config value in inputs.conf. Current "
+         "batch_size = 10", 10},
     };
     append(3);
     ChannelSettings s = settings();
@@ -49,6 +59,7 @@ TEST_F(Recovery, EvtNextErrors) {
             ASSERT_TRUE(ch.init());
             EXPECT_FALSE(ch.channelMissing());
         }
+        EXPECT_EQ(ch.batchSize(), c.batchAfter);
         EXPECT_EQ(drain(ch), ids(1, 3));  // nothing was read: all of it now
         EXPECT_TRUE(ch.channelState());
     }
@@ -69,16 +80,25 @@ TEST_F(Recovery, InvalidHandleWhileRenderingResetsTheChannel) {
     EXPECT_EQ(drain(ch), ids(1, 4));
 }
 
-TEST_F(Recovery, ClearedChannelGoesOnAfterTheCheckpoint) {
+// A clear makes the subscription stale, and a subscription after the last event
+// sent stale from the start: the reader goes on from the oldest record left.
+TEST_F(Recovery, ClearedChannelIsReadAgainFromItsOldestRecord) {
     append(3);
     WinEventLogChannel& ch = open(settings());
     EXPECT_EQ(drain(ch), ids(1, 3));
     store_.clearChannel(kChannel);
     append(2);  // record ids survive a clear
+    EXPECT_TRUE(drain(ch).empty());
+    EXPECT_FALSE(ch.channelState());
+    ch.uninit();
+    ASSERT_TRUE(ch.init());
+    EXPECT_TRUE(log_.has(LogLevel::Warn, "WinEventLogChannel::subscribeToEvtChannel: The records after the last event "
+                                         "sent from Windows Event Log channel 'Application' are gone (the log was "
+                                         "cleared or rolled over); reading it from its oldest record"));
     EXPECT_EQ(drain(ch), ids(4, 5));
     append(1);
     ch.uninit();
-    ASSERT_TRUE(ch.init());  // the bookmarked record is gone: start after where it was
+    ASSERT_TRUE(ch.init());
     EXPECT_EQ(drain(ch), ids(6, 6));
 }
 

@@ -91,13 +91,14 @@ protected:
         channel_ = std::make_unique<WinEventLogChannelBase>(channel, settings);
         EXPECT_TRUE(channel_->setRenderContext());
         const EvtApi& api = apiTable().evt;
-        UniqueEvtHandle query(api.EvtQuery(nullptr, widen(channel).c_str(), nullptr,
-                                           EvtQueryChannelPath | EvtQueryForwardDirection));
-        EXPECT_TRUE(query.valid());
+        // The events read close with their query: it lives as long as the fixture.
+        query_.reset(api.EvtQuery(nullptr, widen(channel).c_str(), nullptr,
+                                  EvtQueryChannelPath | EvtQueryForwardDirection));
+        EXPECT_TRUE(query_.valid());
         EventBatch out;
         EVT_HANDLE handles[16];
         DWORD returned = 0;
-        while (api.EvtNext(query.get(), 16, handles, INFINITE, 0, &returned)) {
+        while (api.EvtNext(query_.get(), 16, handles, INFINITE, 0, &returned)) {
             for (DWORD i = 0; i < returned; ++i) {
                 EventRecord& record = out.emplace_back();
                 record.handle.reset(handles[i]);
@@ -134,6 +135,7 @@ protected:
     test::EvtsimStore store_;
     test::LogCapture log_;
     std::unique_ptr<WinEventLogChannelBase> channel_;
+    UniqueEvtHandle query_;
     std::vector<uint8_t> values_;
     DWORD valuesSize_ = 0;
 };
