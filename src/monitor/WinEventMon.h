@@ -104,7 +104,7 @@ public:
     // One pass over a channel: batches read, filtered, written and checkpointed.
     void processLogChannel(ChannelWork& work);
     // Filters one event and writes it under the output lock; false when excluded.
-    bool processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch);
+    virtual bool processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch);
     // processEvent for `count` events in order; returns how many went through
     // before one failed (every failure is logged).
     size_t writeEvents(ChannelWork& work, EventRecord* first, size_t count, OutputScratch& scratch);

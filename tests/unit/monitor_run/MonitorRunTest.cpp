@@ -4,7 +4,9 @@
 
 #include <windows.h>
 
+#include <map>
 #include <regex>
+#include <stdexcept>
 #include <set>
 #include <string>
 #include <thread>
@@ -59,7 +61,7 @@ struct LiveRun {
         }
     }
     void start(Params params, const std::string& channel = "Application") {
-        mon = std::make_unique<WinEventMon>(store.root() + L"\\checkpoints");
+        if (!mon) mon = std::make_unique<WinEventMon>(store.root() + L"\\checkpoints");
         ASSERT_TRUE(mon->enumEvtLogChannels());
         ASSERT_TRUE(mon->configure(stanzas({{"WinEventLog://" + channel, std::move(params)}})));
         mon->setOutput(out.file());
@@ -110,6 +112,62 @@ TEST(MonitorRun, WriterThreadsWriteEveryEventOnceAndWhole) {
     EXPECT_EQ(ids.size(), 1000u);
     EXPECT_EQ(std::set<uint64_t>(ids.begin(), ids.end()).size(), 1000u);
     EXPECT_EQ(countOf(text, "<event "), countOf(text, "</event>\n"));
+}
+
+// A monitor whose output fails at chosen events, as it would without memory.
+class FailingMonitor : public WinEventMon {
+public:
+    using WinEventMon::WinEventMon;
+    std::map<uint64_t, int> failures;  // record number -> failures left
+    bool processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch) override {
+        auto it = failures.find(event.recordNumber);
+        if (it != failures.end() && it->second-- > 0) throw std::runtime_error("no room");
+        return WinEventMon::processEvent(work, event, scratch);
+    }
+};
+
+// A failed write is reported and read again: nothing after it is taken for
+// written, and an event that never goes through is given up after three tries.
+TEST(MonitorRun, FailedWritesAreReadAgainNeverSkippedSilently) {
+    struct {
+        const char* threads;
+        std::map<uint64_t, int> failures;
+        std::vector<uint64_t> lost;
+    } cases[] = {
+        {"0", {{50, 1}, {250, 2}}, {}},
+        {"4", {{50, 1}, {250, 2}}, {}},
+        {"0", {{120, 100}}, {120}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.threads);
+        LiveRun run;
+        run.store.createChannel("Application");
+        run.store.generate("Application", 300, 6);
+        auto mon = std::make_unique<FailingMonitor>(run.store.root() + L"\\checkpoints");
+        mon->failures = c.failures;
+        run.mon = std::move(mon);
+        LogCapture log;
+        run.start({{"batch_size", "1000"}, {"use_threads", c.threads}, {"thread_wait_time_msec", "100"}});
+        waitForEvents(run.out, 300 - c.lost.size());
+        const std::wstring checkpoint = run.mon->findChannel("Application")->checkpointFilePath();
+        run.stop();
+        run.mon.reset();
+        const std::vector<uint64_t> ids = recordNumbers(run.out.text());
+        std::set<uint64_t> missing;
+        for (uint64_t id = 1; id <= 300; ++id) missing.insert(id);
+        for (uint64_t id : ids) missing.erase(id);
+        EXPECT_EQ(std::vector<uint64_t>(missing.begin(), missing.end()), c.lost);
+        EXPECT_TRUE(log.has(LogLevel::Error, "WinEventMon::processLogChannel: Failed to write event rec_id=" +
+                                                 std::to_string(c.failures.begin()->first) +
+                                                 " of channel='Application': 'no room'; it is read again after the "
+                                                 "last event written"));
+        EXPECT_EQ(log.has(LogLevel::Error, "WinEventMon::processLogChannel: Event rec_id=120 of "
+                                           "channel='Application' failed to be written 3 times and is skipped"),
+                  !c.lost.empty());
+        std::string bookmark;
+        ASSERT_TRUE(readFile(checkpoint, bookmark));
+        EXPECT_NE(bookmark.find("RecordId='300'"), std::string::npos) << bookmark;
+    }
 }
 
 TEST(MonitorRun, SuppressedCheckpointWritesNoFile) {

@@ -83,6 +83,22 @@ TEST_F(Reading, SubscriptionStartsAfterTheCheckpointUnlessCurrentOnly) {
     }
 }
 
+// A checkpoint that is neither a bookmark nor a checkpoint string is set aside,
+// never deleted, and the channel starts as its settings say.
+TEST_F(Reading, UnreadableCheckpointIsKeptAsideAndReported) {
+    append(2);
+    ASSERT_TRUE(createDirectories(settings().checkpointDir));
+    channel_ = std::make_unique<WinEventLogChannel>(kChannel, settings());
+    const std::wstring path = channel_->checkpointFilePath();
+    ASSERT_TRUE(WELCheckPoint::saveCheckpointStr(path, "torn <BookmarkList", false));
+    ASSERT_TRUE(channel_->init());
+    std::string kept;
+    ASSERT_TRUE(readFile(path + L".unreadable", kept));
+    EXPECT_EQ(kept, "torn <BookmarkList");
+    EXPECT_TRUE(log_.contains("cannot be read and is kept as")) << log_.dump();
+    EXPECT_EQ(drain(*channel_), ids(1, 2));
+}
+
 // Newest first, then forward from where that phase began, across restarts.
 TEST_F(Reading, StartFromNewestReadsBackwardsThenOnlyNewRecords) {
     for (uint64_t interval : {uint64_t{0}, UINT64_MAX}) {  // bookmarks written at once, or only at the end
