@@ -41,8 +41,9 @@ bool parsePiece(std::string_view piece, EventCodeRange& range) {
     }
     std::string_view high = piece.substr(dash + 1);
     if (high.find('-') != std::string_view::npos) return false;  // three parts or more
-    return parseCode(piece.substr(0, dash), range.first) && parseCode(high, range.second) &&
-           range.first <= range.second;
+    // A reversed range is kept as written: it holds no code, and the rest of
+    // the list still applies.
+    return parseCode(piece.substr(0, dash), range.first) && parseCode(high, range.second);
 }
 
 // Message-bearing keys are filtered after formatting, one key at a time; a

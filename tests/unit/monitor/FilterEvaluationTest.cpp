@@ -37,6 +37,7 @@ TEST(FilterEvaluation, EventCodeRanges) {
         {"several whitelist settings", {{"whitelist", "10"}, {"whitelist9", "20-21"}}, {{10, true}, {21, true}, {15, false}}},
         {"numbers above 9 are not read", {{"whitelist10", "10"}, {"whitelist0", "20"}}, {{5, true}}},
         {"a discarded list filters nothing", {{"whitelist", "10,1x"}}, {{5, true}}},
+        {"a reversed range holds no code", {{"whitelist", "4800-4700,10"}}, {{4750, false}, {4800, false}, {10, true}}},
         {"star whitelists everything", {{"whitelist", "*"}}, {{0, true}, {4294967295u, true}}},
         {"star blacklists everything", {{"blacklist", "*"}}, {{0, false}, {4624, false}}},
     };
