@@ -260,7 +260,8 @@ def test_current_only_sends_only_what_arrives_after_the_start(store, start, home
     assert record_ids(stream) == list(range(21, 26))
 
 
-FILTER_EVENTS = [(i, "Manual", "message %d%s" % (i, " secret" if i == 2 else ""), "d%d" % i) for i in range(1, 7)]
+FILTER_EVENTS = [(i, "Manual", "message %d%s" % (i, {2: " secret", 3: "\r\n\tObject Type:\tFile"}.get(i, "")), "d%d" % i)
+                 for i in range(1, 7)]
 
 
 @pytest.mark.parametrize("params, expected", [
@@ -269,7 +270,9 @@ FILTER_EVENTS = [(i, "Manual", "message %d%s" % (i, " secret" if i == 2 else "")
     # A rule on the formatted message.
     ({"blacklist": "Message=%secret%"}, [1, 3, 4, 5, 6]),
     ({"whitelist": "Message=%message [45]%"}, [4, 5]),
-], ids=["codes-and-event", "message-blacklist", "message-whitelist"])
+    # Either of two message-bearing rules admits.
+    ({"whitelist": "Message=%message 5%", "whitelist1": "Object Type=%^File$%"}, [3, 5]),
+], ids=["codes-and-event", "message-blacklist", "message-whitelist", "two-message-rules"])
 def test_filters_end_to_end(params, expected, store, start, tmp_path, home):
     store.create("Application")
     store.append("Application", write_events(tmp_path / "e.xml", FILTER_EVENTS))
