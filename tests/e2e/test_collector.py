@@ -389,3 +389,31 @@ def test_parent_ending_while_running_ends_with_99(store, start, helper, home):
     assert code == 99
     assert record_ids(stream) == [1, 2, 3, 4, 5]
     assert not stream.endswith(b"</stream>\n")  # no tear-down
+
+
+class EndsAtStreamClose(Collector):
+    """A daemon that ends the program as soon as it has read the end of the stream."""
+
+    def _read(self):
+        for chunk in iter(lambda: self.proc.stdout.read1(65536), b""):
+            with self.lock:
+                self.out += chunk
+                if self.out.endswith(b"</stream>\n"):
+                    self.proc.kill()
+
+
+def test_ctrl_c_checkpoints_the_last_record_before_the_stream_closes(store, env, home, tmp_path):
+    store.generate("Application", 40, seed=19)
+    e = dict(env, EVTSIM_STORE=winpath(store.root))
+    c = EndsAtStreamClose(e, config(("WinEventLog://Application", {"batch_size": 10, "checkpointInterval": 3600})),
+                          tmp=tmp_path)
+    try:
+        c.wait_events(40)
+        assert not checkpoint_file(home, "Application").exists()  # deferred by the interval
+        c.proc.send_signal(signal.SIGINT)
+        _, stream = c.finish()
+    finally:
+        c.kill()
+    assert stream.endswith(b"</event>\n</stream>\n")
+    assert record_ids(stream)[-1] == 40
+    assert "RecordId='40'" in checkpoint_file(home, "Application").read_text()
