@@ -40,10 +40,15 @@ def checkpoint_dir(home):
 
 
 def test_rm_checkpoint_of_a_channel_without_one_logs_and_exits_0(home, env):
+    # The reverse-reading bookmark left without its main file goes all the same.
+    reverse = checkpoint_dir(home) / "Security_checkpoint_reverse"
+    reverse.parent.mkdir(parents=True)
+    reverse.write_text("<BookmarkList/>")
     r = run_exe(["-rm-checkpoint", "Security"], env=env)
     assert r.returncode == 0
     want = "Checkpoint location='%s' doesn't exist" % winpath(checkpoint_dir(home) / "Security_checkpoint")
     assert want in log_text(home)
+    assert not reverse.exists()
     assert "runWinEventMon: Using logging configuration at %s" % winpath(home / "etc" / "log-cmdline.cfg") in log_text(home)
 
 
