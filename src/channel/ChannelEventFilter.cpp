@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "channel/WinEventLogChannel.h"
 #include "channel/WinEventLogChannelBase.h"
 #include "platform/Logger.h"
@@ -34,30 +36,44 @@ bool WinEventLogChannelBase::includeEvent(uint32_t eventCode) const {
     return true;
 }
 
+// Only one value of the event is known here, so it excludes the event only when
+// it settles the rules by itself: every whitelist rule names the key and none of
+// their patterns matches, or a blacklist rule of that key alone matches.
+// Anything else is left to the rules on the whole event.
 bool WinEventLogChannel::includeEventWithEvtcodeMessage(const std::string& key, const std::string& value) const {
     static const char* const fn = "WinEventLogChannel::includeEventWithEvtcodeMessage";
     LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, settings_.stanzaName.c_str());
-    auto white = settings_.whitelist.messageKeyRules.find(key);
-    if (white != settings_.whitelist.messageKeyRules.end()) {
+    const auto patternOf = [&key](const FilterRule& rule) -> const Regex* {
+        for (const KeyRegex& k : rule.keys)
+            if (k.key == key) return k.regex.get();
+        return nullptr;
+    };
+    const auto namesKey = [&](const FilterRule& rule) { return patternOf(rule) != nullptr; };
+    const std::vector<FilterRule>& white = settings_.whitelist.rules;
+    if (!white.empty() && std::all_of(white.begin(), white.end(), namesKey)) {
         LOG_DEBUG("%s: Processing regex whitelist", fn);
-        LOG_DEBUG("%s: Applying regex...", fn);
-        if (!white->second.regex->search(value)) {
+        const bool passed = std::any_of(white.begin(), white.end(), [&](const FilterRule& rule) {
+            LOG_DEBUG("%s: Applying regex...", fn);
+            return patternOf(rule)->search(value);
+        });
+        if (!passed) {
             LOG_DEBUG("%s: regex failed, not whitelisting", fn);
             return false;
         }
         LOG_DEBUG("%s: regex's passed, whitelisting key=%s, value=%s", fn, key.c_str(), value.c_str());
     }
-    auto black = settings_.blacklist.messageKeyRules.find(key);
-    if (black != settings_.blacklist.messageKeyRules.end()) {
-        LOG_DEBUG("%s: Processing regex blacklist", fn);
+    bool checked = false;
+    for (const FilterRule& rule : settings_.blacklist.rules) {
+        if (rule.keys.size() != 1 || rule.keys[0].key != key) continue;
+        if (!checked) LOG_DEBUG("%s: Processing regex blacklist", fn);
+        checked = true;
         LOG_DEBUG("%s: Applying regex...", fn);
-        if (!black->second.regex->search(value)) {
-            LOG_DEBUG("%s: regex failed, not blacklisting", fn);
-            return true;
+        if (rule.keys[0].regex->search(value)) {
+            LOG_DEBUG("%s: regex's passed, blacklisting key=%s value=%s", fn, key.c_str(), value.c_str());
+            return false;
         }
-        LOG_DEBUG("%s: regex's passed, blacklisting key=%s value=%s", fn, key.c_str(), value.c_str());
-        return false;
     }
+    if (checked) LOG_DEBUG("%s: regex failed, not blacklisting", fn);
     return true;
 }
 

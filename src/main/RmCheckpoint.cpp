@@ -13,26 +13,30 @@
 
 namespace skorva {
 
+namespace {
+
+void deleteCheckpointFile(const std::wstring& path) {
+    const std::string pathN = narrow(path);
+    LOG_INFO("Deleting checkpoint file='%s'", pathN.c_str());
+    if (!::DeleteFileW(path.c_str()))
+        LOG_ERROR("%s: Failed to delete checkpoint file='%s'", "rm_checkpoint", pathN.c_str());
+}
+
+}  // namespace
+
 void rm_checkpoint(const wchar_t* channel) {
     const std::wstring directory = defaultCheckpointDirectory();
     if (channel) {
         const std::wstring target = checkpointFilePath(directory, channel);
-        const std::string targetN = narrow(target);
-        if (!pathExists(target)) {
-            LOG_ERROR("Checkpoint location='%s' doesn't exist", targetN.c_str());
-            return;
-        }
-        LOG_INFO("Deleting checkpoint file='%s'", targetN.c_str());
-        if (!::DeleteFileW(target.c_str()))
-            LOG_ERROR("%s: Failed to delete checkpoint file='%s'", "rm_checkpoint", targetN.c_str());
-        // The reverse-reading bookmark belongs to the same checkpoint.
+        if (pathExists(target))
+            deleteCheckpointFile(target);
+        else
+            LOG_ERROR("Checkpoint location='%s' doesn't exist", narrow(target).c_str());
+        // The reverse-reading bookmark belongs to the same checkpoint and goes
+        // even when the main file has gone already: left behind, it would make
+        // the next newest-first reading resume there instead of starting over.
         const std::wstring reverse = checkpointFilePath(directory, channel, L"reverse");
-        if (pathExists(reverse)) {
-            const std::string reverseN = narrow(reverse);
-            LOG_INFO("Deleting checkpoint file='%s'", reverseN.c_str());
-            if (!::DeleteFileW(reverse.c_str()))
-                LOG_ERROR("%s: Failed to delete checkpoint file='%s'", "rm_checkpoint", reverseN.c_str());
-        }
+        if (pathExists(reverse)) deleteCheckpointFile(reverse);
         return;
     }
     const std::string directoryN = narrow(directory);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <exception>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "main/RmCheckpoint.h"
@@ -63,6 +64,12 @@ private:
 
 // The modular input run: monitor, shutdown wiring, then the run until stopped.
 int runInput() {
+    // Declared before the monitor so that they outlive it: while it writes its
+    // final checkpoints, a Ctrl-C is absorbed (there is no monitor to stop any
+    // more) instead of ending the process, and the end of the daemon still
+    // ends it with 99.
+    std::optional<ShutdownWatcher> watcher;
+    std::optional<ConsoleHandler> consoleHandler;
     WinEventMon monitor;
     if (!monitor.init()) {
         LOG_INFO("%s:  Cannot initialize Windows event log Monitor", kRun);
@@ -71,8 +78,8 @@ int runInput() {
     MainThread mainThread;
     // Installed after the configuration is read: an interrupt before that takes
     // the system's default action.
-    ShutdownWatcher watcher(&watcherCallback, 0, ShutdownWatcher::WatchBoth, 0);
-    ConsoleHandler consoleHandler;
+    watcher.emplace(&watcherCallback, 0, ShutdownWatcher::WatchBoth, 0);
+    consoleHandler.emplace();
     CurrentMonitor published(monitor);
     return monitor.start() ? 0 : -1;
 }

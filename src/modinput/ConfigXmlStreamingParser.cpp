@@ -1,5 +1,6 @@
 #include "modinput/ConfigXmlStreamingParser.h"
 
+#include <fcntl.h>
 #include <io.h>
 
 #include <cerrno>
@@ -127,6 +128,9 @@ void ConfigXmlStreamingParser::onElementEnd(std::string_view name) {
 }
 
 InputConfig readConfigFromFd(ConfigXmlStreamingParser& parser, int fd) {
+    // Byte for byte: in text mode the C runtime would end the input at a 0x1A
+    // byte and rewrite CR LF before the XML reader sees them.
+    _setmode(fd, _O_BINARY);
     char buf[8192];
     bool content = false;  // an empty or blank input is an empty configuration
     for (;;) {

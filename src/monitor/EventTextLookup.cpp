@@ -1,5 +1,7 @@
 #include "monitor/EventTextLookup.h"
 
+#include <algorithm>
+
 namespace skorva {
 
 namespace {
@@ -92,9 +94,29 @@ bool elementValue(std::string_view scope, std::string_view tag, std::string_view
     return attribute(e.startTag, attr, value);
 }
 
-}  // namespace
+// The first line of `message` that reads "<label>:" after its indentation; the
+// value is the rest of the line without the blanks around it.
+bool messageLineValue(std::string_view message, std::string_view label, std::string_view& value) {
+    constexpr std::string_view blanks = " \t\r";
+    for (size_t lineStart = 0; lineStart < message.size();) {
+        size_t lineEnd = message.find('\n', lineStart);
+        std::string_view line = message.substr(lineStart, lineEnd == npos ? npos : lineEnd - lineStart);
+        size_t begin = line.find_first_not_of(blanks);
+        if (begin != npos && line.compare(begin, label.size(), label) == 0 && line.size() > begin + label.size() &&
+            line[begin + label.size()] == ':') {
+            line.remove_prefix(begin + label.size() + 1);
+            const size_t first = std::min(line.find_first_not_of(blanks), line.size());
+            line.remove_prefix(first);
+            value = line.substr(0, line.find_last_not_of(blanks) + 1);
+            return true;
+        }
+        if (lineEnd == npos) break;
+        lineStart = lineEnd + 1;
+    }
+    return false;
+}
 
-bool lookupClassicValue(std::string_view text, std::string_view key, std::string_view& value) {
+bool classicField(std::string_view text, std::string_view key, std::string_view& value) {
     size_t lineStart = 0;
     while (lineStart < text.size()) {
         size_t lineEnd = text.find('\n', lineStart);
@@ -110,31 +132,52 @@ bool lookupClassicValue(std::string_view text, std::string_view key, std::string
     return false;
 }
 
+bool xmlMessage(std::string_view xml, std::string_view& value) {
+    Element info;
+    return findElement(xml, "RenderingInfo", 0, info) && elementValue(info.content, "Message", "", value);
+}
+
+bool eventDataValue(std::string_view xml, std::string_view name, std::string_view& value) {
+    Element data;
+    if (!findElement(xml, "EventData", 0, data)) return false;
+    Element item;
+    for (size_t from = 0; findElement(data.content, "Data", from, item); from = item.end) {
+        std::string_view itemName;
+        if (attribute(item.startTag, "Name", itemName) && itemName == name) {
+            value = item.content;
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+bool lookupClassicValue(std::string_view text, std::string_view key, std::string_view& value) {
+    if (key == kObjectTypeKey) {
+        std::string_view message;
+        return classicField(text, "Message", message) && messageLineValue(message, key, value);
+    }
+    return classicField(text, key, value);
+}
+
 bool lookupXmlValue(std::string_view xml, std::string_view key, std::string_view& value) {
     if (key.compare(0, 9, "$XmlRegex") == 0) {
         value = xml;
         return true;
     }
-    if (key == "Message") {
-        Element info;
-        return findElement(xml, "RenderingInfo", 0, info) && elementValue(info.content, "Message", "", value);
+    if (key == "Message") return xmlMessage(xml, value);
+    if (key == kObjectTypeKey) {
+        std::string_view message;
+        return eventDataValue(xml, "ObjectType", value) ||
+               (xmlMessage(xml, message) && messageLineValue(message, key, value));
     }
     for (const SystemValue& s : kSystemValues) {
         if (s.key != key) continue;
         Element system;
         return findElement(xml, "System", 0, system) && elementValue(system.content, s.element, s.attribute, value);
     }
-    Element data;
-    if (findElement(xml, "EventData", 0, data)) {
-        Element item;
-        for (size_t from = 0; findElement(data.content, "Data", from, item); from = item.end) {
-            std::string_view name;
-            if (attribute(item.startTag, "Name", name) && name == key) {
-                value = item.content;
-                return true;
-            }
-        }
-    }
+    if (eventDataValue(xml, key, value)) return true;
     Element user;
     return findElement(xml, "UserData", 0, user) && elementValue(user.content, key, "", value);
 }

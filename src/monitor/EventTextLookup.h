@@ -7,10 +7,15 @@
 // RenderingInfo/Message, "$XmlRegex..." keys to the whole XML, and any other
 // key to an EventData Data element by its Name, else to a UserData element of
 // that name. XML values are the raw text between the tags (entities kept).
+// "Object Type" is no field of any event: Windows prints it as a line of the
+// message ("\tObject Type:\t\tFile"), so it is that line's value; in XML the
+// Data element ObjectType, else that line of RenderingInfo/Message.
 
 #include <string_view>
 
 namespace skorva {
+
+inline constexpr std::string_view kObjectTypeKey = "Object Type";
 
 bool lookupClassicValue(std::string_view text, std::string_view key, std::string_view& value);
 bool lookupXmlValue(std::string_view xml, std::string_view key, std::string_view& value);

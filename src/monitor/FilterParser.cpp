@@ -41,12 +41,13 @@ bool parsePiece(std::string_view piece, EventCodeRange& range) {
     }
     std::string_view high = piece.substr(dash + 1);
     if (high.find('-') != std::string_view::npos) return false;  // three parts or more
-    return parseCode(piece.substr(0, dash), range.first) && parseCode(high, range.second) &&
-           range.first <= range.second;
+    // A reversed range is kept as written: it holds no code, and the rest of
+    // the list still applies.
+    return parseCode(piece.substr(0, dash), range.first) && parseCode(high, range.second);
 }
 
-// Message-bearing keys are filtered after formatting, one key at a time; a
-// pattern with "{" is left to the whole-event rules.
+// A message-bearing key marks the channel's rules as decided once the message
+// is formatted; a pattern with "{" does not.
 bool needsFormattedMessage(const std::string& key, const std::string& pattern, bool whitelist) {
     bool messageKey = key.find("Message") != std::string::npos ||
                       (whitelist && key.find("Object Type") != std::string::npos);
@@ -153,12 +154,8 @@ void addFilterRule(const std::string& settingName, const FilterRuleMap& rule, bo
             continue;
         }
         LOG_INFO("Processing: '%s', key='%s', regex='%s'", name, key.c_str(), pattern.c_str());
-        KeyRegex entry{key, pattern, std::move(regex)};
-        if (needsFormattedMessage(key, pattern, whitelist)) {
-            needsMessage = true;
-            list.messageKeyRules[key] = entry;
-        }
-        compiled.keys.push_back(std::move(entry));
+        if (needsFormattedMessage(key, pattern, whitelist)) needsMessage = true;
+        compiled.keys.push_back(KeyRegex{key, pattern, std::move(regex)});
     }
     // A rule left without keys would pass every event: it is not kept.
     if (!compiled.keys.empty()) list.rules.push_back(std::move(compiled));

@@ -3,7 +3,6 @@
 // No Windows header: the rules and their evaluation are plain text logic.
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -23,7 +22,8 @@ struct KeyRegex {
     std::shared_ptr<const Regex> regex;
 };
 
-// A rule admits (or rejects) an event when every key matches.
+// A rule admits (or rejects) an event when every key matches; of several
+// rules of a list, the first that passes decides.
 struct FilterRule {
     std::vector<KeyRegex> keys;  // in key order
 };
@@ -32,16 +32,13 @@ struct FilterRule {
 struct FilterList {
     std::vector<EventCodeRanges> codeLists;
     std::vector<FilterRule> rules;
-    // Keys whose value is the formatted message (or another message-bearing
-    // field): evaluated one key at a time once the message is formatted.
-    std::map<std::string, KeyRegex> messageKeyRules;
 
     bool hasCodeRanges() const {
         for (const auto& list : codeLists)
             if (!list.empty()) return true;
         return false;
     }
-    bool empty() const { return codeLists.empty() && rules.empty() && messageKeyRules.empty(); }
+    bool empty() const { return codeLists.empty() && rules.empty(); }
 };
 
 }  // namespace skorva

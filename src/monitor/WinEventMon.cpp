@@ -13,8 +13,15 @@ WinEventMon::WinEventMon(std::wstring checkpointDir)
     LOG_DEBUG("WinEventMon instance created");
 }
 
+// The channels go first: each writes its final checkpoint, and only then is the
+// stream closed. A daemon that ends the program once it has read "</stream>"
+// then finds every event it received checkpointed.
 WinEventMon::~WinEventMon() {
     LOG_DEBUG("WinEventMon instance destroyed");
+    work_.clear();
+    stanzaChannels_.clear();
+    channels_.clear();
+    writer_.reset();
 }
 
 WinEventLogChannel* WinEventMon::findChannel(std::string_view channelName) const {

@@ -4,7 +4,7 @@
 // Members by concern, each implemented in its own source file:
 //   ChannelEnumeration.cpp   enumEvtLogChannels
 //   WinEventMonConfigure.cpp configure
-//   WinEventMonFilter.cpp    include_event
+//   WinEventMonFilter.cpp    include_event and the rule evaluation it shares
 //   WinEventMonRun.cpp       init, start, stop and the channel workers
 //   WinEventMonProcess.cpp   processLogChannel, processEvent
 
@@ -88,7 +88,6 @@ public:
     // Per-thread output scratch: reused for every event the thread writes.
     struct OutputScratch {
         ModinputEvent record;
-        std::string value;  // a message-bearing key's value, for its filter
     };
 
     // Enumerates the system's channels, then configures from standard input.
@@ -145,7 +144,11 @@ private:
     void reportUnavailable(const WinEventLogChannel& channel, uint64_t limit, uint64_t attempts) const;
     bool armWait(ChannelWork& work);
     bool giveUpOn(ChannelWork& work, const EventRecord& event);
+    // The rules of a channel whose filters wait for the formatted message.
     bool includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch) const;
+    // Whitelist then blacklist rules on one event's text, rule by rule; `fn`
+    // names the caller in the log.
+    static bool rulesAdmit(const ChannelSettings& settings, std::string_view text, const char* fn);
     void postCompletion(ChannelWork& work);
     void workerDone();
     void writeEvent(const ModinputEvent& record);

@@ -320,28 +320,13 @@ bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScra
     return true;
 }
 
-// The rules on message-bearing keys, one key at a time, on the event's own text
-// (the message is formatted by now). A whitelisted key the event lacks excludes
-// it; a blacklisted one it lacks never drops it.
+// The message is part of the event's text by now: the rules are decided as on
+// any other event, rule by rule ("Object Type" is read from the message).
 bool WinEventMon::includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch) const {
+    static const char* const fn = "WinEventMon::includeMessageKeys";
     const ChannelSettings& settings = channel.settings();
-    const std::string& text = scratch.record.data;
-    for (const FilterList* list : {&settings.whitelist, &settings.blacklist}) {
-        const bool white = list == &settings.whitelist;
-        for (const auto& entry : list->messageKeyRules) {
-            const std::string& key = entry.first;
-            // A key on both lists was decided with both when the whitelist went by.
-            if (!white && settings.whitelist.messageKeyRules.count(key)) continue;
-            std::string_view value;
-            if (!lookupEventValue(text, settings.renderXml, key, value)) {
-                if (white) return false;
-                continue;
-            }
-            scratch.value.assign(value.data(), value.size());
-            if (!channel.includeEventWithEvtcodeMessage(key, scratch.value)) return false;
-        }
-    }
-    return true;
+    LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, settings.stanzaName.c_str());
+    return rulesAdmit(settings, scratch.record.data, fn);
 }
 
 void WinEventMon::writeEvent(const ModinputEvent& record) {

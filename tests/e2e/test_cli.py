@@ -40,10 +40,15 @@ def checkpoint_dir(home):
 
 
 def test_rm_checkpoint_of_a_channel_without_one_logs_and_exits_0(home, env):
+    # The reverse-reading bookmark left without its main file goes all the same.
+    reverse = checkpoint_dir(home) / "Security_checkpoint_reverse"
+    reverse.parent.mkdir(parents=True)
+    reverse.write_text("<BookmarkList/>")
     r = run_exe(["-rm-checkpoint", "Security"], env=env)
     assert r.returncode == 0
     want = "Checkpoint location='%s' doesn't exist" % winpath(checkpoint_dir(home) / "Security_checkpoint")
     assert want in log_text(home)
+    assert not reverse.exists()
     assert "runWinEventMon: Using logging configuration at %s" % winpath(home / "etc" / "log-cmdline.cfg") in log_text(home)
 
 
@@ -80,14 +85,21 @@ def test_rm_checkpoint_honours_skorva_db(tmp_path, home, env):
     assert not (d / "Application_checkpoint").exists()
 
 
-def test_run_mode_malformed_configuration_ends_with_255(home, env):
-    doc = b"<input><configuration><stanza name='WinEventLog://Security'><param_list/></stanza></configuration></input>"
+@pytest.mark.parametrize("doc, error", [
+    (b"<input><configuration><stanza name='WinEventLog://Security'><param_list/></stanza></configuration></input>",
+     'Unexpected entity "param_list" found under path "input/configuration/stanza/param_list" '
+     "in the XML configuration input."),
+    # Standard input is read in binary mode: a 0x1A byte is reported where it
+    # stands instead of ending the input there (CR LF is left to the XML reader).
+    (b"<input>\r\n<configuration><stanza name='WinEventLog://Security'><param name='index'>a\x1ab</param>"
+     b"</stanza></configuration>\r\n</input>",
+     "XML parse error at line 2, column 75: not well-formed (invalid token)"),
+], ids=["unexpected-element", "ctrl-z"])
+def test_run_mode_malformed_configuration_ends_with_255(doc, error, home, env):
     r = run_exe([], env=env, stdin=doc)
     assert r.returncode == 255
     assert r.stdout == b""
-    assert ("runWinEventMon:  Failed to run Skorva Windows event log Monitor: "
-            "'Unexpected entity \"param_list\" found under path \"input/configuration/stanza/param_list\" "
-            "in the XML configuration input.'") in log_text(home)
+    assert "runWinEventMon:  Failed to run Skorva Windows event log Monitor: '%s'" % error in log_text(home)
 
 
 def test_run_mode_never_logs_the_session_key(home, env):

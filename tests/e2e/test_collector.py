@@ -260,7 +260,8 @@ def test_current_only_sends_only_what_arrives_after_the_start(store, start, home
     assert record_ids(stream) == list(range(21, 26))
 
 
-FILTER_EVENTS = [(i, "Manual", "message %d%s" % (i, " secret" if i == 2 else ""), "d%d" % i) for i in range(1, 7)]
+FILTER_EVENTS = [(i, "Manual", "message %d%s" % (i, {2: " secret", 3: "\r\n\tObject Type:\tFile"}.get(i, "")), "d%d" % i)
+                 for i in range(1, 7)]
 
 
 @pytest.mark.parametrize("params, expected", [
@@ -269,7 +270,9 @@ FILTER_EVENTS = [(i, "Manual", "message %d%s" % (i, " secret" if i == 2 else "")
     # A rule on the formatted message.
     ({"blacklist": "Message=%secret%"}, [1, 3, 4, 5, 6]),
     ({"whitelist": "Message=%message [45]%"}, [4, 5]),
-], ids=["codes-and-event", "message-blacklist", "message-whitelist"])
+    # Either of two message-bearing rules admits.
+    ({"whitelist": "Message=%message 5%", "whitelist1": "Object Type=%^File$%"}, [3, 5]),
+], ids=["codes-and-event", "message-blacklist", "message-whitelist", "two-message-rules"])
 def test_filters_end_to_end(params, expected, store, start, tmp_path, home):
     store.create("Application")
     store.append("Application", write_events(tmp_path / "e.xml", FILTER_EVENTS))
@@ -386,3 +389,31 @@ def test_parent_ending_while_running_ends_with_99(store, start, helper, home):
     assert code == 99
     assert record_ids(stream) == [1, 2, 3, 4, 5]
     assert not stream.endswith(b"</stream>\n")  # no tear-down
+
+
+class EndsAtStreamClose(Collector):
+    """A daemon that ends the program as soon as it has read the end of the stream."""
+
+    def _read(self):
+        for chunk in iter(lambda: self.proc.stdout.read1(65536), b""):
+            with self.lock:
+                self.out += chunk
+                if self.out.endswith(b"</stream>\n"):
+                    self.proc.kill()
+
+
+def test_ctrl_c_checkpoints_the_last_record_before_the_stream_closes(store, env, home, tmp_path):
+    store.generate("Application", 40, seed=19)
+    e = dict(env, EVTSIM_STORE=winpath(store.root))
+    c = EndsAtStreamClose(e, config(("WinEventLog://Application", {"batch_size": 10, "checkpointInterval": 3600})),
+                          tmp=tmp_path)
+    try:
+        c.wait_events(40)
+        assert not checkpoint_file(home, "Application").exists()  # deferred by the interval
+        c.proc.send_signal(signal.SIGINT)
+        _, stream = c.finish()
+    finally:
+        c.kill()
+    assert stream.endswith(b"</event>\n</stream>\n")
+    assert record_ids(stream)[-1] == 40
+    assert "RecordId='40'" in checkpoint_file(home, "Application").read_text()

@@ -22,6 +22,17 @@ const std::string kLogonMessage =
     "An account was successfully logged on.\n\nSubject:\n\tSecurity ID:\t\tS-1-5-18\n\tAccount Name:\t\tDC01$\n\n"
     "Logon Information:\n\tLogon Type:\t\t3\nDetail=not a field, part of the message";
 
+// Windows prints "Object Type" only as a line of the message.
+const char* const kClassicObjectAccess =
+    "LogName=Security\r\nEventCode=4662\r\nMessage=An operation was performed on an object.\r\n\r\nObject:\r\n"
+    "\tObject Server:\t\tDS\r\n\tObject Type:\t\t%{bf967aba-0de6-11d0-a285-00aa003049e2}\r\n\tObject Name:\t\tx\r\n";
+const char* const kXmlObjectTypeData =
+    "<Event><EventData><Data Name='ObjectType'>File</Data></EventData>"
+    "<RenderingInfo><Message>Object Type: Key</Message></RenderingInfo></Event>";
+const char* const kXmlObjectTypeLine =
+    "<Event><EventData/><RenderingInfo><Message>Object:\r\n\tObject Type:\tFile \r\n\tObject Name:\tC:\\x</Message>"
+    "</RenderingInfo></Event>";
+
 }  // namespace
 
 // Keys the filter tests already read through whole rules are not repeated here.
@@ -45,6 +56,11 @@ TEST(EventTextLookup, FindsKeysInClassicTextAndXml) {
         {kXmlLogCleared, true, "EventCode", true, "1102"},
         {kXmlLogCleared, true, "Sid", false, ""},
         {kXmlLogCleared, true, "Message", false, ""},
+        {kClassicObjectAccess, false, "Object Type", true, "%{bf967aba-0de6-11d0-a285-00aa003049e2}"},
+        {kClassicLogon, false, "Object Type", false, ""},
+        {kXmlObjectTypeData, true, "Object Type", true, "File"},  // the Data element before the message
+        {kXmlObjectTypeLine, true, "Object Type", true, "File"},
+        {kXmlLogon, true, "Object Type", false, ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.key) + (c.xml ? " (xml)" : " (classic)"));

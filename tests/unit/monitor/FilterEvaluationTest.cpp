@@ -37,6 +37,7 @@ TEST(FilterEvaluation, EventCodeRanges) {
         {"several whitelist settings", {{"whitelist", "10"}, {"whitelist9", "20-21"}}, {{10, true}, {21, true}, {15, false}}},
         {"numbers above 9 are not read", {{"whitelist10", "10"}, {"whitelist0", "20"}}, {{5, true}}},
         {"a discarded list filters nothing", {{"whitelist", "10,1x"}}, {{5, true}}},
+        {"a reversed range holds no code", {{"whitelist", "4800-4700,10"}}, {{4750, false}, {4800, false}, {10, true}}},
         {"star whitelists everything", {{"whitelist", "*"}}, {{0, true}, {4294967295u, true}}},
         {"star blacklists everything", {{"blacklist", "*"}}, {{0, false}, {4624, false}}},
     };
@@ -133,10 +134,33 @@ TEST(FilterEvaluation, WhitelistFailureSkipsBlacklistAndLogsEachStep) {
     EXPECT_TRUE(log.has(LogLevel::Debug, fn + "regex failed, not whitelisting")) << log.dump();
 }
 
-TEST(FilterEvaluation, MessageKeysAreCheckedOneByOneAfterFormatting) {
+TEST(FilterEvaluation, OneMessageValueExcludesOnlyWhenItSettlesTheRules) {
+    struct Case {
+        const char* label;
+        Params params;
+        std::vector<std::pair<const char*, bool>> messages;  // message, included
+    };
+    const Case cases[] = {
+        {"any whitelist rule may match",
+         {{"whitelist", "Message=%a%"}, {"whitelist1", "Message=%b%"}, {"whitelist2", "EventCode=%1% Message=%c%"}},
+         {{"b", true}, {"c", true}, {"z", false}}},
+        {"a whitelist rule without the key leaves it open",
+         {{"whitelist", "Message=%a%"}, {"whitelist1", "EventCode=%1%"}}, {{"z", true}}},
+        {"a blacklist rule with other keys leaves it open",
+         {{"blacklist", "EventCode=%1% Message=%d%"}, {"blacklist1", "Message=%e%"}}, {{"d", true}, {"e", false}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.label);
+        Monitor m(c.params);
+        for (auto [message, included] : c.messages)
+            EXPECT_EQ(m.channel().includeEventWithEvtcodeMessage("Message", message), included) << message;
+    }
+}
+
+TEST(FilterEvaluation, MessageKeysWaitForTheFormattedMessage) {
     Monitor m(Params{{"whitelist", "Message=%logged on%"}, {"blacklist", "Message=%secret%"}});
     ASSERT_TRUE(m.channel().settings().filterOnMessage);
-    // The whole-event rules step aside: the reader decides key by key instead.
+    // The whole-event rules step aside: they are decided once the message is formatted.
     EXPECT_TRUE(m.mon.include_event(kClassicFailedLogonCrLf, kStanza));
 
     LogCapture log;

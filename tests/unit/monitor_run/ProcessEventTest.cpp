@@ -116,6 +116,18 @@ TEST(ProcessEvent, FiltersDecideWhatIsWritten) {
         {"message blacklist", {{"blacklist", "Message=%secret%"}}, {{L"top secret", false}, {L"public", true}}},
         {"message on both lists", {{"whitelist", "Message=%logon%"}, {"blacklist", "Message=%failed%"}},
          {{L"logon ok", true}, {L"logon failed", false}, {L"other", false}}},
+        {"either of two message rules admits", {{"whitelist", "Message=%logon%"}, {"whitelist1", "Message=%audit%"}},
+         {{L"logon ok", true}, {L"audit ok", true}, {L"other", false}}},
+        {"every key of a message rule counts",
+         {{"whitelist", "EventCode=%^4625$% Message=%logon%"}, {"whitelist1", "Message=%audit%"}},
+         {{L"logon ok", false}, {L"audit ok", true}}},
+        {"a blacklist rule drops only when all its keys match",
+         {{"blacklist", "EventCode=%^4624$% Message=%secret%"}, {"blacklist1", "EventCode=%^1$% Message=%.%"}},
+         {{L"top secret", false}, {L"public", true}}},
+        {"object type from the message", {{"whitelist", "Object Type=%^File$%"}, {"whitelist1", "Message=%audit%"}},
+         {{L"Object:\r\n\tObject Type:\tFile\r\n", true}, {L"\tObject Type:\tKey", false}, {L"audit", true}}},
+        {"object type on a blacklist", {{"blacklist", "Object Type=%File%"}},
+         {{L"\tObject Type:\tFile", false}, {L"File", true}}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.label);
