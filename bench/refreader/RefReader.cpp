@@ -115,10 +115,13 @@ int wmain(int argc, wchar_t** argv) {
     DWORD lastError = 0;
 
     // Formats one field into `text`, growing it as the service asks.
+    // A too small buffer may also come back "successful" with the text cut and
+    // the full size in `used`.
     auto format = [&](EVT_HANDLE meta, EVT_HANDLE ev, DWORD flag) -> bool {
         DWORD used = 0;
-        if (api.FormatMessage(meta, ev, 0, 0, nullptr, flag, static_cast<DWORD>(text.size()), text.data(), &used)) return true;
-        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;
+        const BOOL ok = api.FormatMessage(meta, ev, 0, 0, nullptr, flag, static_cast<DWORD>(text.size()), text.data(), &used);
+        if (ok && used <= text.size()) return true;
+        if (!ok && GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;
         text.resize(used + 1);
         return api.FormatMessage(meta, ev, 0, 0, nullptr, flag, static_cast<DWORD>(text.size()), text.data(), &used) != 0;
     };

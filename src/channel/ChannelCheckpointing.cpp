@@ -1,5 +1,6 @@
 // The checkpoint side of a channel: when its reading position is written, and
 // the conversion between event log bookmarks and the checkpoint file.
+#include <algorithm>
 #include <new>
 #include <string_view>
 
@@ -176,7 +177,8 @@ bool WinEventLogChannel::writeBookmark(EVT_HANDLE bookmark, const std::wstring& 
         LOG_ERROR("%s: Failed to render Windows Event Log bookmark, channel='%s'", fn, channelName_.c_str());
         return false;
     }
-    const size_t chars = used / sizeof(wchar_t);
+    // Never past the buffer, whatever the service says it used.
+    const size_t chars = std::min<size_t>(used / sizeof(wchar_t), bookmarkRender_.size());
     std::wstring_view text(bookmarkRender_.data(), chars);
     while (!text.empty() && text.back() == L'\0') text.remove_suffix(1);
     narrowInto(text, bookmarkText_);

@@ -1,9 +1,11 @@
 #include "channel/WinEventLogChannelBase.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <cwchar>
+#include <new>
 
 #include "platform/Clock.h"
 #include "platform/Logger.h"
@@ -41,6 +43,17 @@ constexpr DWORD kNoMessageId = static_cast<DWORD>(-1);
 constexpr uint64_t kFileTimeUnixEpoch = 116444736000000000ull;  // 100 ns ticks, 1601 to 1970
 
 bool isString(const EVT_VARIANT& v) { return v.Type == EvtVarTypeString && v.StringVal; }
+
+// Resizes a render buffer to the size the service asked for; false when that much
+// memory cannot be had (a size reported wrongly must not end the process).
+bool growTo(std::vector<uint8_t>& buffer, size_t bytes) {
+    try {
+        buffer.resize(bytes);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
 
 // A number's decimal digits, without allocating.
 class Decimal {
@@ -201,12 +214,22 @@ DWORD WinEventLogChannelBase::renderEvent(EventRecord& record, std::vector<uint8
         // One 16-byte value slot per byte needed: far more than needed, kept so
         // that later events of the read almost never grow the buffer again.
         std::vector<uint8_t>().swap(buffer);
-        buffer.resize(static_cast<size_t>(used) * 16);
-        bufferSize = used;
-        ok = render(renderContext_.get(), record.handle.get(), EvtRenderEventValues, bufferSize, buffer.data(),
-                    &used, &count);
-        error = ok ? 0 : ::GetLastError();
+        bufferSize = 0;
+        if (growTo(buffer, static_cast<size_t>(used) * 16)) {
+            bufferSize = used;
+            ok = render(renderContext_.get(), record.handle.get(), EvtRenderEventValues, bufferSize, buffer.data(),
+                        &used, &count);
+            error = ok ? 0 : ::GetLastError();
+        } else {
+            error = ERROR_NOT_ENOUGH_MEMORY;
+        }
     }
+    // The values are read by position: a short answer leaves the rest missing.
+    if (error == 0 && count < kSystemValueCount && buffer.size() >= kSystemValueCount * sizeof(EVT_VARIANT)) {
+        auto* values = reinterpret_cast<EVT_VARIANT*>(buffer.data());
+        for (DWORD i = count; i < kSystemValueCount; ++i) values[i].Type = EvtVarTypeNull;
+    }
+    if (error == 0 && buffer.size() < kSystemValueCount * sizeof(EVT_VARIANT)) error = ERROR_INVALID_DATA;
     if (error == 0) return 0;
     if (error == ERROR_INVALID_HANDLE) {
         LOG_INFO("%s (%d): Failed to render event from channel='%s', buffer_used=%ld. Error=(0x%x)", kFn, 2530,
@@ -232,14 +255,18 @@ DWORD WinEventLogChannelBase::renderEventAsXml(EventRecord& record) {
     DWORD error = ok ? 0 : ::GetLastError();
     if (error == ERROR_INSUFFICIENT_BUFFER) {
         std::vector<uint8_t>().swap(xmlBuffer_);
-        xmlBuffer_.resize(static_cast<size_t>(used) * 2);
-        size = used;
-        ok = render(nullptr, record.handle.get(), EvtRenderEventXml, size, xmlBuffer_.data(), &used, &count);
-        error = ok ? 0 : ::GetLastError();
+        if (growTo(xmlBuffer_, static_cast<size_t>(used) * 2)) {
+            size = used;
+            ok = render(nullptr, record.handle.get(), EvtRenderEventXml, size, xmlBuffer_.data(), &used, &count);
+            error = ok ? 0 : ::GetLastError();
+        } else {
+            error = ERROR_NOT_ENOUGH_MEMORY;
+        }
     }
     if (error == 0) {
+        // Never past the buffer, whatever the service says it used.
         const auto* text = reinterpret_cast<const wchar_t*>(xmlBuffer_.data());
-        record.xml.assign(text, wcsnlen(text, used / sizeof(wchar_t)));
+        record.xml.assign(text, wcsnlen(text, std::min<size_t>(used, xmlBuffer_.size()) / sizeof(wchar_t)));
         return 0;
     }
     if (error == ERROR_INVALID_HANDLE) {

@@ -14,6 +14,7 @@ WinEventLogChannel::~WinEventLogChannel() {
     LOG_DEBUG("%s destroying instance of WinEventLogChannel", "WinEventLogChannel::~WinEventLogChannel");
     finalCheckpoint();
     if (initialized_) uninit();
+    cleanMetadataHandleCache(true);
 }
 
 }  // namespace skorva

@@ -256,6 +256,7 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
     // Idle channels hold no records.
     reading->release();
     current->release();
+    channel.cleanMetadataHandleCache(false);  // publishers unused for a while are let go
     LOG_DEBUG("%s: Retrieved='%llu' events, total='%llu', empty_msg='%llu' from Windows Event Log='%s'", fn,
               static_cast<unsigned long long>(retrieved), static_cast<unsigned long long>(work.total.load()),
               static_cast<unsigned long long>(work.emptyMsg.load()), name);

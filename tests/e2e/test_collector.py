@@ -151,7 +151,7 @@ def write_events(path, events):
 KNOWN_CLASSIC = (
     b'<event stanza="WinEventLog://Application">\n<time>1706782830</time>\n<data>02/01/2024 10:20:30 AM\n'
     b'LogName=Application\nEventCode=7\nEventType=4\nComputerName=host.example.test\nSourceName=Manual\n'
-    b'RecordNumber=1\nKeywords=None\nTaskCategory=None\nOpCode=None\n'
+    b'Type=Information\nRecordNumber=1\nKeywords=Classic\nTaskCategory=None\nOpCode=Info\n'
     b'Message=Disk &quot;D:&quot; &lt;ok&gt; &amp; done</data>\n<source>WinEventLog:Application</source>\n'
     b'<sourcetype>WinEventLog:Application</sourcetype>\n<index>main</index>\n</event>\n')
 
@@ -417,3 +417,38 @@ def test_ctrl_c_checkpoints_the_last_record_before_the_stream_closes(store, env,
     assert stream.endswith(b"</event>\n</stream>\n")
     assert record_ids(stream)[-1] == 40
     assert "RecordId='40'" in checkpoint_file(home, "Application").read_text()
+
+
+def messages(stream):
+    return [re.search(rb"\nMessage=(.*?)</data>", body, re.S).group(1) for _, body in EVENT_RE.findall(stream)]
+
+
+def test_long_message_arrives_whole(store, start, tmp_path):
+    # Longer than the first format buffer: the service then succeeds with the text cut.
+    text = "".join("part %04d of a long message; " % i for i in range(180))[:5000]
+    store.create("Application")
+    store.append("Application", write_events(tmp_path / "e.xml", [(7, "Manual", text, "x")]))
+    c = start(config(("WinEventLog://Application", {})))
+    c.wait_events(1)
+    code, stream = c.interrupt()
+    assert code == 0
+    assert messages(stream) == [text.encode()]
+
+
+def test_publisher_that_failed_to_open_is_asked_again_once_its_entry_aged_out(store, start, tmp_path, home):
+    provider = tmp_path / "flaky.xml"
+    provider.write_text("<Provider Name='Flaky' Guid='' DisplayName='Flaky' Resources='true'>"
+                        "<Event Id='9'>Formatted: %1</Event></Provider>")
+    store.run("provider", provider)
+    store.faults("EvtOpenPublisherMetadata:Flaky=2,once")
+    store.create("Application")
+    store.append("Application", write_events(tmp_path / "1.xml", [(9, "Flaky", None, "first")]))
+    c = start(config(("WinEventLog://Application", {"thread_wait_time_msec": 300})))
+    c.wait_events(1)
+    # Passes run every 300 ms; the sweep drops the failed entry 10 s after its last use.
+    c.wait_for(lambda s: "Skipping null handle from non-existent publisher Flaky" in log_text(home))
+    store.append("Application", write_events(tmp_path / "2.xml", [(9, "Flaky", None, "second")]))
+    c.wait_events(2)
+    code, stream = c.interrupt()
+    assert code == 0
+    assert messages(stream) == [b"first", b"Formatted: second"]

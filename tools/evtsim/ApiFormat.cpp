@@ -1,6 +1,8 @@
 // Publisher metadata and message formatting.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <map>
 
 #include "Evtsim.h"
 #include "Faults.h"
@@ -14,14 +16,20 @@ namespace {
 struct PublisherObj : Object {
     PublisherObj() : Object(Kind::Publisher) {}
     static bool accepts(Kind k) { return k == Kind::Publisher; }
-    ProviderDef def;
+    std::shared_ptr<const ProviderDef> def;
 };
 
-// Names every publisher shares when it defines none of its own.
+// The names Winmeta.xml defines, which the service formats for every publisher
+// that uses them and for events formatted without a publisher handle (the
+// EvtFormatMessage documentation: "You can also set this parameter to NULL if the
+// event property that you are formatting is defined in the Winmeta.xml file").
+// Display names as providers list them (logman query providers: "win:LogAlways
+// Log Always", "win:EventlogClassic Classic"; beats winlogbeat/sys/wineventlog/winmeta.go).
 const char* standardLevel(uint64_t v) {
-    static const char* names[] = {nullptr, "Critical", "Error", "Warning", "Information", "Verbose"};
+    static const char* names[] = {"Log Always", "Critical", "Error", "Warning", "Information", "Verbose"};
     return v < 6 ? names[v] : nullptr;
 }
+const char* standardTask(uint64_t v) { return v == 0 ? "None" : nullptr; }
 const char* standardOpcode(uint64_t v) {
     switch (v) {
     case 0: return "Info";
@@ -39,10 +47,10 @@ const char* standardOpcode(uint64_t v) {
     }
 }
 const std::pair<uint64_t, const char*> kStandardKeywords[] = {
-    {0x0001000000000000ull, "Response Time"}, {0x0004000000000000ull, "WDI Diag"},
-    {0x0008000000000000ull, "SQM"},           {0x0010000000000000ull, "Audit Failure"},
-    {0x0020000000000000ull, "Audit Success"}, {0x0040000000000000ull, "Correlation Hint"},
-    {0x0080000000000000ull, "Classic"},
+    {0x0001000000000000ull, "Response Time"}, {0x0002000000000000ull, "WDI Context"},
+    {0x0004000000000000ull, "WDI Diag"},      {0x0008000000000000ull, "SQM"},
+    {0x0010000000000000ull, "Audit Failure"}, {0x0020000000000000ull, "Audit Success"},
+    {0x0040000000000000ull, "Correlation Hint"}, {0x0080000000000000ull, "Classic"},
 };
 
 const std::string* systemText(const ParsedEvent& p, const char* element) {
@@ -55,37 +63,82 @@ std::optional<uint64_t> systemNumber(const ParsedEvent& p, const char* element) 
     return t ? parseUnsigned(*t) : std::nullopt;
 }
 
-// The insert strings: the caller's values when given, else the event's data in order.
+// The insert strings: the caller's values when given, else the event's data values
+// in order, typed by the publisher's template when there is one.
 struct Inserts {
-    std::vector<std::string> owned;        // the caller's values as text
+    std::vector<std::string> owned;        // texts made for this call
     std::vector<std::string_view> values;  // one per insert, into `owned` or the event
 };
 
-void insertStrings(const ParsedEvent* p, DWORD count, const EVT_VARIANT* values, Inserts& out) {
+std::string variantText(const EVT_VARIANT& v) {
+    char buf[32];
+    switch (v.Type) {
+    case EvtVarTypeString: return v.StringVal ? toUtf8(v.StringVal) : std::string();
+    case EvtVarTypeSByte: return std::to_string(v.SByteVal);
+    case EvtVarTypeByte: return std::to_string(v.ByteVal);
+    case EvtVarTypeInt16: return std::to_string(v.Int16Val);
+    case EvtVarTypeUInt16: return std::to_string(v.UInt16Val);
+    case EvtVarTypeInt32: return std::to_string(v.Int32Val);
+    case EvtVarTypeUInt32: return std::to_string(v.UInt32Val);
+    case EvtVarTypeInt64: return std::to_string(v.Int64Val);
+    case EvtVarTypeUInt64: return std::to_string(v.UInt64Val);
+    case EvtVarTypeBoolean: return v.BooleanVal ? "true" : "false";
+    case EvtVarTypeHexInt32: std::snprintf(buf, sizeof buf, "0x%X", v.UInt32Val); return buf;
+    case EvtVarTypeHexInt64:
+    case EvtVarTypeSizeT:
+        std::snprintf(buf, sizeof buf, "0x%llX", static_cast<unsigned long long>(v.UInt64Val));
+        return buf;
+    case EvtVarTypeFileTime: return formatSystemTime(v.FileTimeVal);
+    case EvtVarTypeGuid: return v.GuidVal ? formatGuid(*v.GuidVal) : std::string();
+    case EvtVarTypeSid: return v.SidVal ? formatSid(v.SidVal) : std::string();
+    default: return std::string();
+    }
+}
+
+const std::vector<TemplateItem>* templateOf(const ProviderDef* def, const ParsedEvent& p) {
+    auto id = systemNumber(p, "EventID");
+    if (!def || !id) return nullptr;
+    auto it = def->templates.find(static_cast<uint32_t>(*id));
+    return it == def->templates.end() ? nullptr : &it->second;
+}
+
+void insertStrings(const ParsedEvent* p, const ProviderDef* def, DWORD count, const EVT_VARIANT* values, Inserts& out) {
     if (values && count) {
-        for (DWORD i = 0; i < count; ++i) {
-            const EVT_VARIANT& v = values[i];
-            switch (v.Type) {
-            case EvtVarTypeString: out.owned.push_back(v.StringVal ? toUtf8(v.StringVal) : std::string()); break;
-            case EvtVarTypeByte: out.owned.push_back(std::to_string(v.ByteVal)); break;
-            case EvtVarTypeUInt16: out.owned.push_back(std::to_string(v.UInt16Val)); break;
-            case EvtVarTypeUInt32: out.owned.push_back(std::to_string(v.UInt32Val)); break;
-            case EvtVarTypeUInt64: out.owned.push_back(std::to_string(v.UInt64Val)); break;
-            default: out.owned.emplace_back();
-            }
-        }
+        for (DWORD i = 0; i < count; ++i) out.owned.push_back(variantText(values[i]));
         out.values.assign(out.owned.begin(), out.owned.end());
-    } else if (p) {
-        out.values.reserve(p->data.size());
-        for (const XmlNode* d : p->data) out.values.emplace_back(d->text);
+        return;
+    }
+    if (!p) return;
+    std::vector<DataValue> bound;
+    bindTemplate(p->data, templateOf(def, *p), bound);
+    // Strings are used in place; a typed value reads as the formatter writes it,
+    // an array as its elements joined by ", ".
+    out.owned.reserve(bound.size());
+    for (const DataValue& v : bound) {
+        if (v.type == EvtVarTypeString && !v.array) continue;
+        std::string text;
+        for (size_t i = 0; i < v.count; ++i) {
+            if (i) text += ", ";
+            text += insertText(v.type, p->data[v.first + i]->text);
+        }
+        out.owned.push_back(std::move(text));
+    }
+    out.values.reserve(bound.size());
+    size_t next = 0;
+    for (const DataValue& v : bound) {
+        if (v.type == EvtVarTypeString && !v.array) out.values.emplace_back(p->data[v.first]->text);
+        else out.values.emplace_back(out.owned[next++]);
     }
 }
 
 // Expands %1..%99 (with an optional !format!), %n, %t, %r and %%; an insert that is
-// itself "%%<id>" is replaced by the publisher's parameter string <id>. Returns
-// false when an insert had no value (its marker stays in the text).
-bool expand(const std::string& tmpl, const std::vector<std::string_view>& inserts, const ProviderDef* def, std::string& out) {
-    bool complete = true;
+// itself "%%<id>" is replaced by the publisher's parameter string <id>. Returns 0,
+// or the error the service reports with the text: ERROR_EVT_UNRESOLVED_VALUE_INSERT
+// when an insert had no value (its marker stays in the text),
+// ERROR_EVT_UNRESOLVED_PARAMETER_INSERT when a parameter string is missing (the
+// insert stays as it is).
+DWORD expand(const std::string& tmpl, const std::vector<std::string_view>& inserts, const ProviderDef* def, std::string& out) {
+    DWORD error = 0;
     out.clear();
     for (size_t i = 0; i < tmpl.size(); ++i) {
         char c = tmpl[i];
@@ -112,16 +165,17 @@ bool expand(const std::string& tmpl, const std::vector<std::string_view>& insert
                 auto it = def && param ? def->strings.find(static_cast<uint32_t>(*param)) : decltype(def->strings.end()){};
                 if (def && param && it != def->strings.end()) out += it->second;
                 else out += value;
+                if (param && (!def || it == def->strings.end()) && !error) error = ERROR_EVT_UNRESOLVED_PARAMETER_INSERT;
             } else {
                 out.append(tmpl, i, j - i);
-                complete = false;
+                error = ERROR_EVT_UNRESOLVED_VALUE_INSERT;
             }
             i = j - 1;
         } else {
             out += c;
         }
     }
-    return complete;
+    return error;
 }
 
 // Result of one formatting request, before the buffer protocol. The text stays
@@ -164,12 +218,15 @@ Formatted lookupName(const std::map<uint32_t, std::string>& names, std::optional
     return failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND);
 }
 
-std::vector<std::string> keywordNames(const ProviderDef& def, uint64_t mask) {
+// The publisher's names of the bits set in `mask`, then the Winmeta names of the others.
+std::vector<std::string> keywordNames(const ProviderDef* def, uint64_t mask) {
+    static const std::vector<std::pair<uint64_t, std::string>> none;
+    const auto& own = def ? def->keywords : none;
     std::vector<std::string> names;
-    for (const auto& [bits, name] : def.keywords)
+    for (const auto& [bits, name] : own)
         if (bits && (mask & bits) == bits) names.push_back(name);
     for (const auto& [bits, name] : kStandardKeywords)
-        if ((mask & bits) == bits && std::none_of(def.keywords.begin(), def.keywords.end(), [&](const auto& k) { return k.first == bits; }))
+        if ((mask & bits) == bits && std::none_of(own.begin(), own.end(), [&](const auto& k) { return k.first == bits; }))
             names.push_back(name);
     return names;
 }
@@ -190,7 +247,7 @@ std::string renderingInfoXml(const ProviderDef* def, const ParsedEvent& p, const
     }
     out += "<Keywords>";
     if (def)
-        for (const auto& k : keywordNames(*def, systemNumber(p, "Keywords").value_or(0))) {
+        for (const auto& k : keywordNames(def, systemNumber(p, "Keywords").value_or(0))) {
             out += "<Keyword>";
             appendEscaped(out, k, false);
             out += "</Keyword>";
@@ -212,20 +269,20 @@ Formatted eventXml(const EventObj& ev, const ProviderDef* def, const std::vector
 
 Formatted formatWithPublisher(const ProviderDef& def, const ParsedEvent* p, DWORD messageId, DWORD flags,
                               const std::vector<std::string_view>& inserts) {
-    if (!def.resources) return failure(ERROR_EVT_MESSAGE_LOCALE_NOT_FOUND);
+    if (def.missingResources) return failure(def.missingResources);
     switch (flags) {
     case EvtFormatMessageEvent: {
         auto id = systemNumber(*p, "EventID");
         auto it = id ? def.events.find(static_cast<uint32_t>(*id)) : def.events.end();
         if (it == def.events.end()) return failure(ERROR_EVT_MESSAGE_NOT_FOUND);
         Formatted f{0, true, {}, nullptr};
-        if (!expand(it->second, inserts, &def, f.own)) f.error = ERROR_EVT_UNRESOLVED_VALUE_INSERT;
+        f.error = expand(it->second, inserts, &def, f.own);
         return f;
     }
     case EvtFormatMessageLevel: return lookupName(def.levels, systemNumber(*p, "Level"), standardLevel);
-    case EvtFormatMessageTask: return lookupName(def.tasks, systemNumber(*p, "Task"), nullptr);
+    case EvtFormatMessageTask: return lookupName(def.tasks, systemNumber(*p, "Task"), standardTask);
     case EvtFormatMessageOpcode: return lookupName(def.opcodes, systemNumber(*p, "Opcode"), standardOpcode);
-    case EvtFormatMessageKeyword: return keywordList(keywordNames(def, systemNumber(*p, "Keywords").value_or(0)));
+    case EvtFormatMessageKeyword: return keywordList(keywordNames(&def, systemNumber(*p, "Keywords").value_or(0)));
     case EvtFormatMessageChannel: {
         const std::string* ch = systemText(*p, "Channel");
         auto it = ch ? def.channels.find(*ch) : def.channels.end();
@@ -237,28 +294,35 @@ Formatted formatWithPublisher(const ProviderDef& def, const ParsedEvent* p, DWOR
         auto it = def.strings.find(messageId);
         if (it == def.strings.end()) return failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND);
         Formatted f{0, true, {}, nullptr};
-        if (!expand(it->second, inserts, &def, f.own)) f.error = ERROR_EVT_UNRESOLVED_VALUE_INSERT;
+        f.error = expand(it->second, inserts, &def, f.own);
         return f;
     }
     default: return failure(ERROR_INVALID_PARAMETER);
     }
 }
 
-// Formats from the texts a forwarded event carries with it.
-Formatted formatFromRenderingInfo(const ParsedEvent& p, DWORD flags) {
+// Formats without a publisher: from the texts a forwarded event carries with it
+// (RenderingInfo), else the names Winmeta.xml defines.
+Formatted formatWithoutPublisher(const ParsedEvent& p, DWORD flags) {
     const XmlNode* ri = p.rendering;
     DWORD missing = flags == EvtFormatMessageEvent ? ERROR_EVT_MESSAGE_NOT_FOUND : ERROR_EVT_MESSAGE_ID_NOT_FOUND;
-    if (!ri) return failure(missing);
     if (flags == EvtFormatMessageKeyword) {
-        const XmlNode* kws = ri->child("Keywords");
-        if (!kws) return failure(missing);
-        std::vector<std::string> names;
-        for (const auto& k : kws->children) names.push_back(k.text);
-        return keywordList(names);
+        if (const XmlNode* kws = ri ? ri->child("Keywords") : nullptr) {
+            std::vector<std::string> names;
+            for (const auto& k : kws->children) names.push_back(k.text);
+            return keywordList(names);
+        }
+        return keywordList(keywordNames(nullptr, systemNumber(p, "Keywords").value_or(0)));
     }
     static const char* names[] = {nullptr, "Message", "Level", "Task", "Opcode", nullptr, "Channel", "Provider"};
-    const XmlNode* n = flags < 8 && names[flags] ? ri->child(names[flags]) : nullptr;
-    return n ? textOf(n->text) : failure(missing);
+    if (const XmlNode* n = ri && flags < 8 && names[flags] ? ri->child(names[flags]) : nullptr) return textOf(n->text);
+    static const std::map<uint32_t, std::string> none;
+    switch (flags) {
+    case EvtFormatMessageLevel: return lookupName(none, systemNumber(p, "Level"), standardLevel);
+    case EvtFormatMessageTask: return lookupName(none, systemNumber(p, "Task"), standardTask);
+    case EvtFormatMessageOpcode: return lookupName(none, systemNumber(p, "Opcode"), standardOpcode);
+    default: return failure(missing);
+    }
 }
 
 }  // namespace
@@ -272,7 +336,8 @@ EVT_HANDLE WINAPI EvtOpenPublisherMetadata(EVT_HANDLE Session, LPCWSTR Publisher
     if (DWORD f = injectedFault("EvtOpenPublisherMetadata", name)) return failWith<EVT_HANDLE>(f, nullptr);
     auto pub = std::make_unique<PublisherObj>();
     std::wstring root = storeRoot();
-    if (root.empty() || !loadProvider(root, name, pub->def)) return failWith<EVT_HANDLE>(ERROR_FILE_NOT_FOUND, nullptr);
+    if (!root.empty()) pub->def = cachedProvider(root, name);
+    if (!pub->def) return failWith<EVT_HANDLE>(ERROR_FILE_NOT_FOUND, nullptr);
     return registerObject(std::move(pub));
 }
 
@@ -289,9 +354,10 @@ BOOL WINAPI EvtFormatMessage(EVT_HANDLE PublisherMetadata, EVT_HANDLE Event, DWO
     if ((needsEvent && !ev) || (!pub && !ev) || (Flags == EvtFormatMessageId && !pub)) return failWith(ERROR_INVALID_PARAMETER, FALSE);
     const ParsedEvent* p = ev ? &ev->parsed() : nullptr;
     if (p && !p->event) return failWith(ERROR_EVT_INVALID_EVENT_DATA, FALSE);
+    const ProviderDef* def = pub ? pub->def.get() : nullptr;
 
     std::string_view target;
-    if (pub) target = pub->def.name;
+    if (def) target = def->name;
     else if (const XmlNode* prov = p && p->system ? p->system->child("Provider") : nullptr; prov && prov->attr("Name"))
         target = *prov->attr("Name");
     if (DWORD f = injectedFault("EvtFormatMessage", target)) return failWith(f, FALSE);
@@ -300,24 +366,37 @@ BOOL WINAPI EvtFormatMessage(EVT_HANDLE PublisherMetadata, EVT_HANDLE Event, DWO
     // copying an event's data for each of them would dominate the call.
     const bool takesInserts = Flags == EvtFormatMessageEvent || Flags == EvtFormatMessageId || Flags == EvtFormatMessageXml;
     Inserts inserts;
-    if (takesInserts) insertStrings(p, ValueCount, Values, inserts);
+    if (takesInserts) insertStrings(p, def, ValueCount, Values, inserts);
     Formatted result;
     if (Flags == EvtFormatMessageXml) {
-        if (pub && !pub->def.resources) result = failure(ERROR_EVT_MESSAGE_LOCALE_NOT_FOUND);
-        else result = eventXml(*ev, pub ? &pub->def : nullptr, inserts.values);
-    } else if (pub) {
-        result = formatWithPublisher(pub->def, p, MessageId, Flags, inserts.values);
+        if (def && def->missingResources) result = failure(def->missingResources);
+        else result = eventXml(*ev, def, inserts.values);
+    } else if (def) {
+        result = formatWithPublisher(*def, p, MessageId, Flags, inserts.values);
     } else {
-        result = formatFromRenderingInfo(*p, Flags);
+        result = formatWithoutPublisher(*p, Flags);
     }
     if (!result.hasText) return failWith(result.error, FALSE);
     const std::string_view text = result.text();
     const size_t chars = wideLength(text);
-    DWORD need = static_cast<DWORD>(chars + 1);
+    const DWORD need = static_cast<DWORD>(chars + 1);
     *BufferUsed = need;
-    if (BufferSize < need) return failWith(ERROR_INSUFFICIENT_BUFFER, FALSE);
-    toWideInto(text, Buffer, chars);
-    Buffer[chars] = L'\0';
+    // Without a buffer: the size, and the formatting error in place of
+    // ERROR_INSUFFICIENT_BUFFER when there is one (microsoft/windows-container-tools
+    // #64 sizes on ERROR_EVT_UNRESOLVED_VALUE_INSERT as on 122).
+    if (BufferSize == 0) return failWith(result.error ? result.error : ERROR_INSUFFICIENT_BUFFER, FALSE);
+    if (BufferSize >= need) {
+        toWideInto(text, Buffer, chars);
+        Buffer[chars] = L'\0';
+    } else {
+        // A buffer too small is not refused: what fits is copied, terminated, and
+        // the call succeeds with the full size in BufferUsed (beats
+        // winlogbeat/sys/wineventlog/format_message.go).
+        std::wstring whole(chars, L'\0');
+        toWideInto(text, whole.data(), chars);
+        std::memcpy(Buffer, whole.data(), (BufferSize - 1) * sizeof(wchar_t));
+        Buffer[BufferSize - 1] = L'\0';
+    }
     if (result.error) return failWith(result.error, FALSE);
     return TRUE;
 }

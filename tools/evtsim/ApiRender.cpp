@@ -21,6 +21,7 @@ struct ValuePath {
     std::vector<Step> steps;  // below the root element
     std::string attr;         // final @attribute, or empty for the element's text
     EVT_VARIANT_TYPE type = EvtVarTypeString;
+    bool data = false;        // leads into EventData or UserData: typed by the provider's template
 };
 
 // System values and their types, in the order of EVT_SYSTEM_PROPERTY_ID.
@@ -118,6 +119,7 @@ bool parsePath(std::wstring_view wide, ValuePath& out) {
         out.steps.push_back(std::move(step));
     }
     if (out.steps.empty()) return false;
+    out.data = out.steps[0].name == "EventData" || out.steps[0].name == "UserData";
     // Paths of system values carry the type the service gives them.
     if (out.steps.size() == 2 && out.steps[0].name == "System" && out.steps[0].attrName.empty() && out.steps[1].attrName.empty() &&
         out.steps[0].index == 0 && out.steps[1].index == 0) {
@@ -127,8 +129,9 @@ bool parsePath(std::wstring_view wide, ValuePath& out) {
     return true;
 }
 
-// The text a path selects, or null when the event has nothing there.
-const std::string* resolve(const ParsedEvent& ev, const ValuePath& path) {
+// The text a path selects, or null when the event has nothing there; `element`
+// receives the element it is in.
+const std::string* resolve(const ParsedEvent& ev, const ValuePath& path, const XmlNode*& element) {
     const XmlNode* node = ev.event;
     if (!node) return nullptr;
     for (const Step& step : path.steps) {
@@ -147,42 +150,94 @@ const std::string* resolve(const ParsedEvent& ev, const ValuePath& path) {
         if (!found) return nullptr;
         node = found;
     }
+    element = node;
     return path.attr.empty() ? &node->text : node->attr(path.attr);
 }
 
 // One value ready to be laid out: the fixed part and any bytes it points to.
 struct Slot {
-    EVT_VARIANT_TYPE type = EvtVarTypeNull;
-    uint64_t number = 0;
-    std::string blob;      // SID or GUID bytes
-    std::wstring text;     // strings
+    DWORD type = EvtVarTypeNull;  // with EVT_VARIANT_TYPE_ARRAY for an array
+    DWORD count = 0;              // elements of an array, bytes of a binary value
+    uint64_t number = 0;          // fixed-size values, signed ones in two's complement
+    std::string blob;             // SID, GUID or binary bytes; the elements of a fixed-size array
+    std::wstring text;            // a string; the elements of a string array, each ending in NUL
 };
 
-// Slots are reused from event to event: clearing keeps their strings' storage.
-void convert(const std::string* raw, EVT_VARIANT_TYPE type, Slot& slot) {
+// Bytes of a fixed-size value in the variant; 0 for values the variant points to.
+size_t elementSize(DWORD type) {
+    switch (type) {
+    case EvtVarTypeSByte:
+    case EvtVarTypeByte: return 1;
+    case EvtVarTypeInt16:
+    case EvtVarTypeUInt16: return 2;
+    case EvtVarTypeInt32:
+    case EvtVarTypeUInt32:
+    case EvtVarTypeHexInt32:
+    case EvtVarTypeBoolean: return 4;
+    case EvtVarTypeInt64:
+    case EvtVarTypeUInt64:
+    case EvtVarTypeHexInt64:
+    case EvtVarTypeFileTime:
+    case EvtVarTypeSizeT: return 8;
+    default: return 0;
+    }
+}
+
+// The fixed-size value `raw` stands for, as the service writes it in XML (numbers
+// in decimal or 0x hex, "true"/"false", ISO 8601 times); false when it is none.
+bool parseFixed(std::string_view raw, DWORD type, uint64_t& out) {
+    const size_t size = elementSize(type);
+    switch (type) {
+    case EvtVarTypeSByte:
+    case EvtVarTypeInt16:
+    case EvtVarTypeInt32:
+    case EvtVarTypeInt64: {
+        const int64_t max = static_cast<int64_t>((size == 8 ? ~0ull : (1ull << (8 * size))) >> 1) - (size == 8 ? 0 : 1);
+        auto v = parseSigned(raw);
+        if (!v || *v > max || *v < -max - 1) return false;
+        out = static_cast<uint64_t>(*v);
+        return true;
+    }
+    case EvtVarTypeBoolean:
+        if (raw != "true" && raw != "false" && raw != "1" && raw != "0") return false;
+        out = raw == "true" || raw == "1";
+        return true;
+    case EvtVarTypeFileTime: {
+        auto t = parseSystemTime(raw);
+        if (t) out = *t;
+        return t.has_value();
+    }
+    default: {
+        auto v = parseUnsigned(raw);
+        if (!size || !v || (size < 8 && *v >> (8 * size))) return false;
+        out = *v;
+        return true;
+    }
+    }
+}
+
+void appendWide(std::wstring& out, std::string_view utf8) {
+    const size_t at = out.size();
+    out.resize(at + wideLength(utf8));
+    toWideInto(utf8, out.data() + at, out.size() - at);
+}
+
+void reset(Slot& slot) {
     slot.type = EvtVarTypeNull;
+    slot.count = 0;
     slot.number = 0;
     slot.blob.clear();
     slot.text.clear();
+}
+
+// Slots are reused from event to event: clearing keeps their strings' storage.
+void convert(const std::string* raw, DWORD type, Slot& slot) {
+    reset(slot);
     if (!raw) return;
     switch (type) {
     case EvtVarTypeString:
         slot.type = type;
-        slot.text.resize(wideLength(*raw));
-        toWideInto(*raw, slot.text.data(), slot.text.size());
-        return;
-    case EvtVarTypeByte:
-    case EvtVarTypeUInt16:
-    case EvtVarTypeUInt32:
-    case EvtVarTypeUInt64:
-    case EvtVarTypeHexInt64: {
-        auto v = parseUnsigned(*raw);
-        uint64_t max = type == EvtVarTypeByte ? 0xFF : type == EvtVarTypeUInt16 ? 0xFFFF : type == EvtVarTypeUInt32 ? 0xFFFFFFFFull : ~0ull;
-        if (v && *v <= max) slot.type = type, slot.number = *v;
-        return;
-    }
-    case EvtVarTypeFileTime:
-        if (auto t = parseSystemTime(*raw)) slot.type = type, slot.number = *t;
+        appendWide(slot.text, *raw);
         return;
     case EvtVarTypeSid:
         if (parseSid(*raw, slot.blob)) slot.type = type;
@@ -192,20 +247,93 @@ void convert(const std::string* raw, EVT_VARIANT_TYPE type, Slot& slot) {
         if (parseGuid(*raw, g)) slot.type = type, slot.blob.assign(reinterpret_cast<const char*>(&g), sizeof g);
         return;
     }
-    default: return;
+    case EvtVarTypeBinary:
+        if (parseBinary(*raw, slot.blob)) slot.type = type, slot.count = static_cast<DWORD>(slot.blob.size());
+        return;
+    default:
+        if (parseFixed(*raw, type, slot.number)) slot.type = type;
+        return;
     }
+}
+
+// An array value: its elements are a run of data elements. Arrays of strings and
+// of fixed-size values are laid out as the service does; others are given as
+// arrays of strings.
+void convertArray(const ParsedEvent& p, const DataValue& value, Slot& slot) {
+    reset(slot);
+    const size_t size = elementSize(value.type);
+    for (size_t i = 0; i < value.count; ++i) {
+        const std::string& raw = p.data[value.first + i]->text;
+        if (!size) {
+            appendWide(slot.text, raw);
+            slot.text += L'\0';
+            continue;
+        }
+        uint64_t n = 0;
+        if (!parseFixed(raw, value.type, n)) return reset(slot);
+        slot.blob.append(reinterpret_cast<const char*>(&n), size);
+    }
+    slot.type = (size ? value.type : DWORD{EvtVarTypeString}) | EVT_VARIANT_TYPE_ARRAY;
+    slot.count = static_cast<DWORD>(value.count);
 }
 
 size_t alignUp(size_t v, size_t a) { return (v + a - 1) / a * a; }
 
+// Places what a value points to at `at` (aligned as its type needs) and points the
+// variant there; without a buffer it only counts. Returns the end of what it placed.
+size_t placeData(const Slot& s, size_t at, BYTE* base, EVT_VARIANT* v) {
+    const DWORD type = s.type & EVT_VARIANT_TYPE_MASK;
+    if (s.type & EVT_VARIANT_TYPE_ARRAY) {
+        at = alignUp(at, 8);
+        if (type != EvtVarTypeString) {
+            if (base) {
+                std::memcpy(base + at, s.blob.data(), s.blob.size());
+                v->ByteArr = base + at;
+            }
+            return at + s.blob.size();
+        }
+        const size_t strings = at + s.count * sizeof(wchar_t*);
+        if (base) {
+            auto** pointers = reinterpret_cast<wchar_t**>(base + at);
+            auto* text = reinterpret_cast<wchar_t*>(base + strings);
+            std::memcpy(text, s.text.data(), s.text.size() * sizeof(wchar_t));
+            for (DWORD i = 0, pos = 0; i < s.count; ++i) {
+                pointers[i] = text + pos;
+                pos += static_cast<DWORD>(wcslen(text + pos)) + 1;
+            }
+            v->StringArr = pointers;
+        }
+        return strings + s.text.size() * sizeof(wchar_t);
+    }
+    switch (type) {
+    case EvtVarTypeString:
+        at = alignUp(at, sizeof(wchar_t));
+        if (base) {
+            auto* dst = reinterpret_cast<wchar_t*>(base + at);
+            std::memcpy(dst, s.text.c_str(), (s.text.size() + 1) * sizeof(wchar_t));
+            v->StringVal = dst;
+        }
+        return at + (s.text.size() + 1) * sizeof(wchar_t);
+    case EvtVarTypeSid:
+    case EvtVarTypeGuid:
+    case EvtVarTypeBinary:
+        if (type != EvtVarTypeBinary) at = alignUp(at, 4);
+        if (base) {
+            std::memcpy(base + at, s.blob.data(), s.blob.size());
+            if (type == EvtVarTypeSid) v->SidVal = base + at;
+            else if (type == EvtVarTypeGuid) v->GuidVal = reinterpret_cast<GUID*>(base + at);
+            else v->BinaryVal = base + at;
+        }
+        return at + s.blob.size();
+    default: return at;
+    }
+}
+
 // Lays the values out as the service does: the variant array, then the strings,
-// SIDs and GUIDs they point to. Returns the bytes needed.
+// SIDs, GUIDs, binary values and arrays they point to. Returns the bytes needed.
 size_t layout(const std::vector<Slot>& slots, BYTE* buffer, size_t bufferSize) {
     size_t need = slots.size() * sizeof(EVT_VARIANT);
-    for (const Slot& s : slots) {
-        if (s.type == EvtVarTypeString) need += (s.text.size() + 1) * sizeof(wchar_t);
-        else if (s.type == EvtVarTypeSid || s.type == EvtVarTypeGuid) need = alignUp(need, 4) + s.blob.size();
-    }
+    for (const Slot& s : slots) need = placeData(s, need, nullptr, nullptr);
     if (!buffer || bufferSize < need) return need;
     auto* vars = reinterpret_cast<EVT_VARIANT*>(buffer);
     size_t at = slots.size() * sizeof(EVT_VARIANT);
@@ -214,31 +342,10 @@ size_t layout(const std::vector<Slot>& slots, BYTE* buffer, size_t bufferSize) {
         EVT_VARIANT& v = vars[i];
         std::memset(&v, 0, sizeof v);
         v.Type = s.type;
-        v.Count = 0;
-        switch (s.type) {
-        case EvtVarTypeString: {
-            auto* dst = reinterpret_cast<wchar_t*>(buffer + at);
-            std::memcpy(dst, s.text.c_str(), (s.text.size() + 1) * sizeof(wchar_t));
-            v.StringVal = dst;
-            at += (s.text.size() + 1) * sizeof(wchar_t);
-            break;
-        }
-        case EvtVarTypeSid:
-        case EvtVarTypeGuid:
-            at = alignUp(at, 4);
-            std::memcpy(buffer + at, s.blob.data(), s.blob.size());
-            if (s.type == EvtVarTypeSid) v.SidVal = buffer + at;
-            else v.GuidVal = reinterpret_cast<GUID*>(buffer + at);
-            at += s.blob.size();
-            break;
-        case EvtVarTypeByte: v.ByteVal = static_cast<UINT8>(s.number); break;
-        case EvtVarTypeUInt16: v.UInt16Val = static_cast<UINT16>(s.number); break;
-        case EvtVarTypeUInt32: v.UInt32Val = static_cast<UINT32>(s.number); break;
-        case EvtVarTypeUInt64:
-        case EvtVarTypeHexInt64: v.UInt64Val = s.number; break;
-        case EvtVarTypeFileTime: v.FileTimeVal = s.number; break;
-        default: break;
-        }
+        v.Count = s.count;
+        if (!(s.type & EVT_VARIANT_TYPE_ARRAY))  // the value field comes first in the variant
+            std::memcpy(&v, &s.number, elementSize(s.type));
+        at = placeData(s, at, buffer, &v);
     }
     return need;
 }
@@ -249,36 +356,87 @@ BOOL finishRender(size_t need, DWORD bufferSize, PDWORD used) {
     return TRUE;
 }
 
-// The calling thread's reusable slots. Kept in fiber-local storage, whose
-// callback frees them when the thread ends: a thread_local object with a
-// destructor is destroyed after its storage is gone by this toolchain's runtime,
-// which corrupts the heap of a process whose threads come and go.
-void WINAPI freeSlots(void* slots) { delete static_cast<std::vector<Slot>*>(slots); }
+// The calling thread's reusable slots and data values. Kept in fiber-local
+// storage, whose callback frees them when the thread ends: a thread_local object
+// with a destructor is destroyed after its storage is gone by this toolchain's
+// runtime, which corrupts the heap of a process whose threads come and go.
+struct Scratch {
+    std::vector<Slot> slots;
+    std::vector<DataValue> values;
+};
 
-std::vector<Slot>* threadSlots() {
-    static const DWORD index = ::FlsAlloc(&freeSlots);
+void WINAPI freeScratch(void* scratch) { delete static_cast<Scratch*>(scratch); }
+
+Scratch* threadScratch() {
+    static const DWORD index = ::FlsAlloc(&freeScratch);
     if (index == FLS_OUT_OF_INDEXES) return nullptr;
-    auto* slots = static_cast<std::vector<Slot>*>(::FlsGetValue(index));
-    if (!slots) {
-        slots = new std::vector<Slot>;
-        ::FlsSetValue(index, slots);
+    auto* scratch = static_cast<Scratch*>(::FlsGetValue(index));
+    if (!scratch) {
+        scratch = new Scratch;
+        ::FlsSetValue(index, scratch);
     }
-    return slots;
+    return scratch;
+}
+
+// The event's data values as its provider's template for the event declares them:
+// the service renders data with their types (beats winlogbeat/sys/wineventlog/
+// renderer.go reads UInt32, HexInt64, GUID, SID, FileTime, Boolean, binary and
+// arrays from the user context). It keeps the types in the stored event; here they
+// come from the provider file, so the data of a provider without one are strings.
+void bindEventData(const ParsedEvent& p, std::vector<DataValue>& out) {
+    const XmlNode* provider = p.system ? p.system->child("Provider") : nullptr;
+    const std::string* name = provider ? provider->attr("Name") : nullptr;
+    const XmlNode* idNode = p.system ? p.system->child("EventID") : nullptr;
+    auto id = idNode ? parseUnsigned(idNode->text) : std::nullopt;
+    std::shared_ptr<const ProviderDef> def;
+    if (name && id) {
+        const std::wstring root = storeRoot();
+        if (!root.empty()) def = cachedProvider(root, *name);
+    }
+    const std::vector<TemplateItem>* items = nullptr;
+    if (def)
+        if (auto it = def->templates.find(static_cast<uint32_t>(*id)); it != def->templates.end()) items = &it->second;
+    bindTemplate(p.data, items, out);
+}
+
+// The type of the data element `node`: its value's, or its array's element type.
+DWORD dataType(const ParsedEvent& p, const std::vector<DataValue>& values, const XmlNode* node) {
+    auto at = std::find(p.data.begin(), p.data.end(), node);
+    const size_t index = static_cast<size_t>(at - p.data.begin());
+    for (const DataValue& v : values)
+        if (index >= v.first && index < v.first + v.count) return v.type;
+    return EvtVarTypeString;
 }
 
 BOOL renderValues(RenderContextObj& ctx, EventObj& ev, DWORD bufferSize, PVOID buffer, PDWORD used, PDWORD count) {
     const ParsedEvent& p = ev.parsed();
     if (!p.event) return failWith(ERROR_EVT_INVALID_EVENT_DATA, FALSE);
-    std::vector<Slot>* slotsOwner = threadSlots();
-    if (!slotsOwner) return failWith(ERROR_OUTOFMEMORY, FALSE);
-    std::vector<Slot>& slots = *slotsOwner;
+    Scratch* scratch = threadScratch();
+    if (!scratch) return failWith(ERROR_OUTOFMEMORY, FALSE);
+    std::vector<Slot>& slots = scratch->slots;
     slots.clear();
     if (ctx.flags == EvtRenderContextUser) {
-        slots.resize(p.data.size());
-        for (size_t i = 0; i < p.data.size(); ++i) convert(&p.data[i]->text, EvtVarTypeString, slots[i]);
+        bindEventData(p, scratch->values);
+        slots.resize(scratch->values.size());
+        for (size_t i = 0; i < slots.size(); ++i) {
+            const DataValue& v = scratch->values[i];
+            if (v.array) convertArray(p, v, slots[i]);
+            else convert(&p.data[v.first]->text, v.type, slots[i]);
+        }
     } else {
         slots.resize(ctx.paths.size());
-        for (size_t i = 0; i < ctx.paths.size(); ++i) convert(resolve(p, ctx.paths[i]), ctx.paths[i].type, slots[i]);
+        bool bound = false;
+        for (size_t i = 0; i < ctx.paths.size(); ++i) {
+            const ValuePath& path = ctx.paths[i];
+            const XmlNode* element = nullptr;
+            const std::string* raw = resolve(p, path, element);
+            DWORD type = path.type;
+            if (raw && path.data && path.attr.empty()) {
+                if (!bound) bindEventData(p, scratch->values), bound = true;
+                type = dataType(p, scratch->values, element);
+            }
+            convert(raw, type, slots[i]);
+        }
     }
     *count = static_cast<DWORD>(slots.size());
     size_t need = layout(slots, static_cast<BYTE*>(buffer), buffer ? bufferSize : 0);

@@ -1,6 +1,7 @@
 #include "Generator.h"
 
 #include <cstdio>
+#include <initializer_list>
 
 #include "EventBuilder.h"
 #include "Text.h"
@@ -201,6 +202,20 @@ ProviderDef provider(const char* name, const char* guid, const char* display) {
     return d;
 }
 
+// A template from "Name:type" pairs, the type a manifest input type without its
+// "win:" prefix; a name alone is a string.
+std::vector<TemplateItem> typed(std::initializer_list<const char*> items) {
+    std::vector<TemplateItem> out;
+    for (std::string_view item : items) {
+        TemplateItem t;
+        const size_t colon = item.find(':');
+        t.name = std::string(item.substr(0, colon));
+        if (colon != std::string_view::npos) t.type = variantTypeOf("win:" + std::string(item.substr(colon + 1)));
+        out.push_back(std::move(t));
+    }
+    return out;
+}
+
 }  // namespace
 
 std::vector<ProviderDef> generatorProviders() {
@@ -225,6 +240,19 @@ std::vector<ProviderDef> generatorProviders() {
                "%tLogon ID:%t%4%n%nObject:%n%tServer:%t%5%n%tType:%t%6%n%tName:%t%7%n%nOperation:%n%tType:%t%8%n"
                "%tAccess Mask:%t%9%n%tProperties:%t%10"},
     };
+    sec.templates = {
+        {4624, typed({"SubjectUserSid:SID", "SubjectUserName", "SubjectDomainName", "SubjectLogonId:HexInt64",
+                      "TargetUserSid:SID", "TargetUserName", "TargetDomainName", "TargetLogonId:HexInt64",
+                      "LogonType:UInt32", "IpAddress", "ElevatedToken"})},
+        {4625, typed({"SubjectUserSid:SID", "TargetUserName", "TargetDomainName", "Status:HexInt32", "FailureReason",
+                      "LogonType:UInt32", "IpAddress"})},
+        {4688, typed({"SubjectUserSid:SID", "SubjectUserName", "SubjectDomainName", "SubjectLogonId:HexInt64",
+                      "NewProcessId:Pointer", "NewProcessName", "CommandLine"})},
+        {4672, typed({"SubjectUserSid:SID", "SubjectUserName", "SubjectDomainName", "SubjectLogonId:HexInt64",
+                      "PrivilegeList"})},
+        {4662, typed({"SubjectUserSid:SID", "SubjectUserName", "SubjectDomainName", "SubjectLogonId:HexInt64",
+                      "ObjectServer", "ObjectType", "ObjectName", "OperationType", "AccessMask:HexInt32", "Properties"})},
+    };
     out.push_back(sec);
 
     ProviderDef scm = provider(kScm, kScmGuid, "Service Control Manager");
@@ -238,6 +266,8 @@ std::vector<ProviderDef> generatorProviders() {
     kernel.tasks = {{1, "Time"}};
     kernel.channels = {{"System", "System"}};
     kernel.events = {{12, "The system started: version %1.%2.%3 at %4."}, {13, "The system is shutting down at %4."}};
+    const auto bootTemplate = typed({"MajorVersion:UInt32", "MinorVersion:UInt32", "BuildVersion:UInt32", "StartTime:FILETIME"});
+    kernel.templates = {{12, bootTemplate}, {13, bootTemplate}};
     out.push_back(kernel);
 
     ProviderDef eventlog = provider(kEventLog, nullptr, "Event Log");
@@ -252,6 +282,8 @@ std::vector<ProviderDef> generatorProviders() {
 
     ProviderDef restart = provider(kRestart, kRestartGuid, "Restart Manager");
     restart.events = {{10000, "Session %1 started at %2."}, {10001, "Session %1 ended; it started at %2."}};
+    restart.templates = {{10000, typed({"RmSessionId:UInt32", "UTCStartTime:FILETIME"})},
+                         {10001, typed({"RmSessionId:UInt32", "UTCStartTime:FILETIME"})}};
     out.push_back(restart);
 
     ProviderDef hostileDef = provider(kHostile, nullptr, "Hostile \"test\" <provider> & co");
@@ -261,7 +293,7 @@ std::vector<ProviderDef> generatorProviders() {
     out.push_back(hostileDef);
 
     ProviderDef noLocale = provider(kNoLocale, nullptr, "No locale");
-    noLocale.resources = false;
+    noLocale.missingResources = ERROR_EVT_MESSAGE_LOCALE_NOT_FOUND;
     noLocale.events = {{300, "never shown: %1"}};
     out.push_back(noLocale);
     return out;

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+
+#include <winevt.h>
 
 #include "Text.h"
 #include "Xml.h"
@@ -207,6 +210,69 @@ std::vector<std::string> listChannels(const std::wstring& root) {
     return names;
 }
 
+namespace {
+
+struct InType {
+    const char* name;
+    DWORD variant;
+};
+// The manifest's input types and the variant types the service renders them with.
+// ANSI strings are kept as wide strings here.
+constexpr InType kInTypes[] = {
+    {"win:UnicodeString", EvtVarTypeString}, {"win:AnsiString", EvtVarTypeString}, {"win:Int8", EvtVarTypeSByte},
+    {"win:UInt8", EvtVarTypeByte},           {"win:Int16", EvtVarTypeInt16},       {"win:UInt16", EvtVarTypeUInt16},
+    {"win:Int32", EvtVarTypeInt32},          {"win:UInt32", EvtVarTypeUInt32},     {"win:Int64", EvtVarTypeInt64},
+    {"win:UInt64", EvtVarTypeUInt64},        {"win:Boolean", EvtVarTypeBoolean},   {"win:Binary", EvtVarTypeBinary},
+    {"win:GUID", EvtVarTypeGuid},            {"win:Pointer", EvtVarTypeSizeT},     {"win:FILETIME", EvtVarTypeFileTime},
+    {"win:SID", EvtVarTypeSid},              {"win:HexInt32", EvtVarTypeHexInt32}, {"win:HexInt64", EvtVarTypeHexInt64},
+};
+
+// The Resources attribute: what is missing of the provider's message resources.
+constexpr std::pair<const char*, DWORD> kResourceStates[] = {
+    {"true", 0},
+    {"false", ERROR_EVT_MESSAGE_LOCALE_NOT_FOUND},
+    {"no-file", ERROR_MUI_FILE_NOT_FOUND},
+    {"no-language", ERROR_RESOURCE_LANG_NOT_FOUND},
+};
+
+std::string_view dataName(const XmlNode& n) {
+    const std::string* name = n.attr("Name");
+    return name ? std::string_view(*name) : n.localName();
+}
+
+}  // namespace
+
+DWORD variantTypeOf(std::string_view inType) {
+    for (const auto& t : kInTypes)
+        if (inType == t.name) return t.variant;
+    return EvtVarTypeString;
+}
+
+const char* inTypeName(DWORD variantType) {
+    for (const auto& t : kInTypes)
+        if (variantType == t.variant) return t.name;
+    return "win:UnicodeString";
+}
+
+void bindTemplate(const std::vector<const XmlNode*>& data, const std::vector<TemplateItem>* items,
+                  std::vector<DataValue>& out) {
+    out.clear();
+    size_t i = 0;
+    for (size_t item = 0; items && item < items->size(); ++item) {
+        const TemplateItem& t = (*items)[item];
+        if (!t.array) {
+            if (i == data.size()) break;
+            out.push_back({t.type, false, i++, 1});
+            continue;
+        }
+        size_t n = 0;
+        while (i + n < data.size() && dataName(*data[i + n]) == t.name) ++n;
+        out.push_back({t.type, true, i, n});
+        i += n;
+    }
+    for (; i < data.size(); ++i) out.push_back({EvtVarTypeString, false, i, 1});
+}
+
 bool loadProvider(const std::wstring& root, std::string_view name, ProviderDef& def) {
     std::string text;
     if (!readWholeFile(providerPath(root, name), text)) return false;
@@ -217,7 +283,9 @@ bool loadProvider(const std::wstring& root, std::string_view name, ProviderDef& 
     def.name = p.attr("Name") ? *p.attr("Name") : std::string(name);
     if (auto g = p.attr("Guid")) def.guid = *g;
     if (auto d = p.attr("DisplayName")) def.displayName = *d;
-    if (auto r = p.attr("Resources")) def.resources = *r != "false";
+    if (auto r = p.attr("Resources"))
+        for (const auto& [state, error] : kResourceStates)
+            if (*r == state) def.missingResources = error;
     for (const auto& c : p.children) {
         std::string_view kind = c.localName();
         const std::string* message = c.attr("Message");
@@ -230,7 +298,7 @@ bool loadProvider(const std::wstring& root, std::string_view name, ProviderDef& 
             if (auto m = c.attr("Mask"); m && parseUnsigned(*m)) def.keywords.emplace_back(*parseUnsigned(*m), text);
             continue;
         }
-        const std::string* key = c.attr(kind == "Event" || kind == "String" ? "Id" : "Value");
+        const std::string* key = c.attr(kind == "Event" || kind == "String" ? "Id" : kind == "Template" ? "Event" : "Value");
         auto v = key ? parseUnsigned(*key) : std::nullopt;
         if (!v) continue;
         uint32_t id = static_cast<uint32_t>(*v);
@@ -239,6 +307,16 @@ bool loadProvider(const std::wstring& root, std::string_view name, ProviderDef& 
         else if (kind == "Opcode") def.opcodes[id] = text;
         else if (kind == "Event") def.events[id] = text;
         else if (kind == "String") def.strings[id] = text;
+        else if (kind == "Template") {
+            std::vector<TemplateItem>& items = def.templates[id];
+            for (const auto& d : c.children) {
+                TemplateItem item;
+                if (auto n = d.attr("Name")) item.name = *n;
+                if (auto t = d.attr("InType")) item.type = variantTypeOf(*t);
+                if (auto a = d.attr("Array")) item.array = *a == "true";
+                items.push_back(std::move(item));
+            }
+        }
     }
     return true;
 }
@@ -248,7 +326,10 @@ std::string providerXml(const ProviderDef& d) {
     appendEscaped(out, d.name, true);
     out += "' Guid='" + d.guid + "' DisplayName='";
     appendEscaped(out, d.displayName, true);
-    out += std::string("' Resources='") + (d.resources ? "true" : "false") + "'>\n";
+    const char* resources = "true";
+    for (const auto& [state, error] : kResourceStates)
+        if (d.missingResources == error) resources = state;
+    out += std::string("' Resources='") + resources + "'>\n";
     auto item = [&out](const char* kind, const char* keyName, const std::string& key, const std::string& text) {
         out += std::string("  <") + kind + " " + keyName + "='";
         appendEscaped(out, key, true);
@@ -267,50 +348,80 @@ std::string providerXml(const ProviderDef& d) {
     }
     for (const auto& [v, t] : d.strings) item("String", "Id", std::to_string(v), t);
     for (const auto& [v, t] : d.events) item("Event", "Id", std::to_string(v), t);
+    for (const auto& [id, items] : d.templates) {
+        out += "  <Template Event='" + std::to_string(id) + "'>\n";
+        for (const auto& t : items) {
+            out += "    <Data Name='";
+            appendEscaped(out, t.name, true);
+            out += std::string("' InType='") + inTypeName(t.type) + "'" + (t.array ? " Array='true'" : "") + "/>\n";
+        }
+        out += "  </Template>\n";
+    }
     out += "</Provider>\n";
     return out;
+}
+
+std::shared_ptr<const ProviderDef> cachedProvider(const std::wstring& root, std::string_view name) {
+    struct Entry {
+        std::shared_ptr<const ProviderDef> def;
+        FILETIME created, written;
+        uint64_t size;
+    };
+    // Outlive static destruction, as the handle registry does.
+    static std::mutex* mutex = new std::mutex;
+    static auto* cache = new std::map<std::wstring, Entry>;
+    const std::wstring path = providerPath(root, name);
+    std::lock_guard<std::mutex> lock(*mutex);
+    WIN32_FILE_ATTRIBUTE_DATA attr;
+    if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &attr)) {
+        cache->erase(path);
+        return nullptr;
+    }
+    const uint64_t size = (static_cast<uint64_t>(attr.nFileSizeHigh) << 32) | attr.nFileSizeLow;
+    auto same = [](const FILETIME& a, const FILETIME& b) {
+        return a.dwLowDateTime == b.dwLowDateTime && a.dwHighDateTime == b.dwHighDateTime;
+    };
+    auto it = cache->find(path);
+    if (it != cache->end() && it->second.size == size && same(it->second.created, attr.ftCreationTime) &&
+        same(it->second.written, attr.ftLastWriteTime))
+        return it->second.def;
+    auto def = std::make_shared<ProviderDef>();
+    if (!loadProvider(root, name, *def)) {
+        cache->erase(path);
+        return nullptr;
+    }
+    (*cache)[path] = Entry{def, attr.ftCreationTime, attr.ftLastWriteTime, size};
+    return def;
 }
 
 bool prepareEvent(std::string_view xml, uint64_t recordId, std::string_view channel, std::string& out, std::string& error) {
     XmlNode doc;
     if (!parseXml(xml, doc, &error)) return false;
-    const XmlNode& ev = doc.children[0];
-    const XmlNode* sys = ev.child("System");
-    if (ev.localName() != "Event" || doc.children.size() != 1 || !sys) {
+    XmlNode& ev = doc.children[0];
+    auto sys = std::find_if(ev.children.begin(), ev.children.end(), [](const XmlNode& c) { return c.localName() == "System"; });
+    if (ev.localName() != "Event" || doc.children.size() != 1 || sys == ev.children.end()) {
         error = "not one <Event> element with <System>";
         return false;
     }
-    std::string_view text = xml.substr(ev.begin, ev.end - ev.begin);
-    size_t base = ev.begin;
+    auto child = [&](std::string_view name) {
+        return std::find_if(sys->children.begin(), sys->children.end(), [&](const XmlNode& c) { return c.localName() == name; });
+    };
+    auto rid = child("EventRecordID");
+    if (rid == sys->children.end()) {
+        rid = sys->children.emplace(sys->children.end());
+        rid->name = "EventRecordID";
+    }
+    rid->text = std::to_string(recordId);
+    if (child("Channel") == sys->children.end()) {
+        XmlNode& chan = sys->children.emplace_back();
+        chan.name = "Channel";
+        chan.text = std::string(channel);
+    }
+    // The service keeps events in binary form and renders them anew: whatever
+    // layout the text came in, it is stored as the service renders it (events
+    // rendered on Windows, e.g. beats winlogbeat/sys/wineventlog/testdata/ec1.xml).
     out.clear();
-    std::string idElem = "<EventRecordID>" + std::to_string(recordId) + "</EventRecordID>";
-    const XmlNode* rid = sys->child("EventRecordID");
-    const XmlNode* chan = sys->child("Channel");
-    std::string chanElem;
-    if (!chan) {
-        chanElem = "<Channel>";
-        appendEscaped(chanElem, channel, false);
-        chanElem += "</Channel>";
-    }
-    // Insert or replace, in source order, keeping the rest byte for byte.
-    struct Edit { size_t from, to; std::string with; };
-    std::vector<Edit> edits;
-    size_t sysClose = sys->end - base - (std::string_view("</System>").size());
-    if (rid) edits.push_back({rid->begin - base, rid->end - base, idElem});
-    else edits.push_back({sysClose, sysClose, idElem});
-    if (!chanElem.empty()) edits.push_back({sysClose, sysClose, chanElem});
-    if (text.substr(sysClose, 9) != "</System>" && (!rid || !chanElem.empty())) {
-        error = "<System/> must have an end tag";
-        return false;
-    }
-    std::stable_sort(edits.begin(), edits.end(), [](const Edit& a, const Edit& b) { return a.from < b.from; });
-    size_t pos = 0;
-    for (const auto& e : edits) {
-        out.append(text.substr(pos, e.from - pos));
-        out += e.with;
-        pos = e.to;
-    }
-    out.append(text.substr(pos));
+    appendCanonical(out, ev);
     return true;
 }
 

@@ -84,18 +84,49 @@ struct FileCloser {
 
 bool readWholeFile(const std::wstring& path, std::string& out);
 
+// One value of an event's data as the provider's template declares it: its type
+// (an EVT_VARIANT_TYPE) and whether it is an array, which in the event XML is a run
+// of data elements of the same name.
+struct TemplateItem {
+    std::string name;
+    DWORD type = 1;  // EvtVarTypeString
+    bool array = false;
+};
+
 // Provider resources as read from providers/<name>.xml.
 struct ProviderDef {
     std::string name;
     std::string guid;
     std::string displayName;     // empty: no publisher message
-    bool resources = true;       // false: resources missing for the current locale
+    // 0 when the resources are installed; otherwise the error every format request
+    // gives: ERROR_EVT_MESSAGE_LOCALE_NOT_FOUND (none for the current locale),
+    // ERROR_MUI_FILE_NOT_FOUND (resource file missing) or ERROR_RESOURCE_LANG_NOT_FOUND.
+    DWORD missingResources = 0;
     std::map<uint32_t, std::string> levels, opcodes, tasks, events, strings;
     std::vector<std::pair<uint64_t, std::string>> keywords;
     std::map<std::string, std::string> channels;  // channel name -> display text
+    std::map<uint32_t, std::vector<TemplateItem>> templates;  // by event id
 };
 bool loadProvider(const std::wstring& root, std::string_view name, ProviderDef& def);
 std::string providerXml(const ProviderDef& def);
+// The provider as last read from the store, shared by all callers; the file is read
+// again when it changed. Null when the store has no file for it.
+std::shared_ptr<const ProviderDef> cachedProvider(const std::wstring& root, std::string_view name);
+
+// The values of an event's data (EventData/Data or the leaves of UserData, in order)
+// as `items` declares them: each value covers `count` elements from `first`. Without
+// a template, or past its end, every element is one string.
+struct DataValue {
+    DWORD type;
+    bool array;
+    size_t first, count;
+};
+struct XmlNode;
+void bindTemplate(const std::vector<const XmlNode*>& data, const std::vector<TemplateItem>* items,
+                  std::vector<DataValue>& out);
+// The manifest's input type names (win:UInt32 ...) and the variant types they give.
+DWORD variantTypeOf(std::string_view inType);
+const char* inTypeName(DWORD variantType);
 
 // Changes to the store, serialised across processes by <root>\.lock.
 class StoreWriter {
@@ -119,7 +150,8 @@ private:
     std::wstring root_;
 };
 
-// Rewrites EventRecordID (and Channel when absent) in one event's XML.
+// One event as stored: EventRecordID set (and Channel added when absent), in the
+// canonical form of the service's XML rendering.
 bool prepareEvent(std::string_view xml, uint64_t recordId, std::string_view channel, std::string& out,
                   std::string& error);
 

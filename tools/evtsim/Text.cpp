@@ -1,5 +1,7 @@
 #include "Text.h"
 
+#include <winevt.h>
+
 #include <cstdio>
 #include <cwctype>
 
@@ -67,6 +69,32 @@ std::optional<uint64_t> parseUnsigned(std::string_view t) {
         v = v * base + d;
     }
     return v;
+}
+
+std::optional<int64_t> parseSigned(std::string_view t) {
+    const bool negative = !t.empty() && t.front() == '-';
+    if (negative) t.remove_prefix(1);
+    if (t.size() > 1 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X')) return std::nullopt;
+    auto v = parseUnsigned(t);
+    if (!v || *v > (negative ? 0x8000000000000000ull : 0x7FFFFFFFFFFFFFFFull)) return std::nullopt;
+    return negative ? static_cast<int64_t>(0 - *v) : static_cast<int64_t>(*v);
+}
+
+bool parseBinary(std::string_view t, std::string& bytes) {
+    if (t.size() % 2) return false;
+    bytes.clear();
+    auto nibble = [](char c) {
+        if (c >= '0' && c <= '9') return c - '0';
+        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+        return -1;
+    };
+    for (size_t i = 0; i < t.size(); i += 2) {
+        int hi = nibble(t[i]), lo = nibble(t[i + 1]);
+        if (hi < 0 || lo < 0) return false;
+        bytes += static_cast<char>(hi * 16 + lo);
+    }
+    return true;
 }
 
 bool parseSid(std::string_view text, std::string& sid) {
@@ -163,6 +191,41 @@ std::string formatSystemTime(uint64_t v) {
     std::snprintf(buf, sizeof buf, "%04u-%02u-%02uT%02u:%02u:%02u.%07uZ", st.wYear, st.wMonth, st.wDay, st.wHour,
                   st.wMinute, st.wSecond, static_cast<unsigned>(v % 10000000));
     return buf;
+}
+
+std::string formatGuid(const GUID& g) {
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", static_cast<unsigned long>(g.Data1),
+                  g.Data2, g.Data3, g.Data4[0], g.Data4[1], g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6],
+                  g.Data4[7]);
+    return buf;
+}
+
+std::string formatSid(const void* sid) {
+    const auto* b = static_cast<const unsigned char*>(sid);
+    uint64_t authority = 0;
+    for (int i = 0; i < 6; ++i) authority = (authority << 8) | b[2 + i];
+    std::string out = "S-" + std::to_string(b[0]) + "-" + std::to_string(authority);
+    for (unsigned i = 0; i < b[1]; ++i) {
+        const unsigned char* s = b + 8 + 4 * i;
+        out += "-" + std::to_string(static_cast<uint32_t>(s[0]) | (static_cast<uint32_t>(s[1]) << 8) |
+                                    (static_cast<uint32_t>(s[2]) << 16) | (static_cast<uint32_t>(s[3]) << 24));
+    }
+    return out;
+}
+
+std::string insertText(DWORD type, std::string_view xmlText) {
+    if (type == EvtVarTypeHexInt32 || type == EvtVarTypeHexInt64) {
+        if (auto v = parseUnsigned(xmlText)) {
+            char buf[24];
+            std::snprintf(buf, sizeof buf, "0x%llX", static_cast<unsigned long long>(*v));
+            return buf;
+        }
+    } else if (type == EvtVarTypeGuid) {
+        GUID g;
+        if (parseGuid(xmlText, g)) return formatGuid(g);
+    }
+    return std::string(xmlText);
 }
 
 std::wstring encodeName(std::string_view name) {

@@ -1,7 +1,9 @@
 #include "Xml.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 
 namespace evtsim {
 
@@ -272,6 +274,35 @@ static void escapeAppend(Str& out, View text, bool attribute) {
 }
 
 void appendEscaped(std::string& out, std::string_view text, bool attribute) { escapeAppend(out, text, attribute); }
+
+void appendCanonical(std::string& out, const XmlNode& e) {
+    out += '<';
+    out += e.name;
+    for (const auto& a : e.attrs) {
+        out += ' ';
+        out += a.name;
+        out += "='";
+        appendEscaped(out, a.value, true);
+        out += '\'';
+    }
+    // White space beside child elements, or inside an element of the schema that
+    // only ever holds elements, is layout.
+    static const std::string_view kContainers[] = {"Event", "System", "EventData", "UserData", "RenderingInfo", "Keywords"};
+    const bool blank = e.text.find_first_not_of(" \t\r\n") == std::string::npos;
+    const bool layout = blank && (!e.children.empty() || std::find(std::begin(kContainers), std::end(kContainers),
+                                                                    e.localName()) != std::end(kContainers));
+    if (e.children.empty() && (e.text.empty() || layout)) {
+        out += "/>";
+        return;
+    }
+    out += '>';
+    if (!layout) appendEscaped(out, e.text, false);
+    for (const auto& c : e.children) appendCanonical(out, c);
+    out += "</";
+    out += e.name;
+    out += '>';
+}
+
 void appendEscaped(std::wstring& out, std::wstring_view text, bool attribute) { escapeAppend(out, text, attribute); }
 
 }  // namespace evtsim

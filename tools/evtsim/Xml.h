@@ -33,6 +33,11 @@ struct XmlNode {
 // Returns false with a short reason on malformed input.
 bool parseXml(std::string_view text, XmlNode& doc, std::string* error = nullptr);
 
+// Writes an element as the event log service renders XML: attributes in single
+// quotes, no white space between elements, no comments, CDATA sections or
+// processing instructions, and an element without content closed in its start tag.
+void appendCanonical(std::string& out, const XmlNode& element);
+
 // Escapes &, <, > (and ' and " when `attribute` is set).
 void appendEscaped(std::string& out, std::string_view text, bool attribute);
 void appendEscaped(std::wstring& out, std::wstring_view text, bool attribute);

@@ -96,7 +96,7 @@ TEST_F(RenderTest, SystemContextGivesEighteenValuesMissingOnesNull) {
     EXPECT_EQ(EvtVarTypeSid, v[EvtSystemUserID].Type);
 }
 
-TEST_F(RenderTest, UserContextAndDataPathsAreStrings) {
+TEST_F(RenderTest, DataOfAProviderWithoutTemplateAreStrings) {
     UniqueEvtHandle user(evtsim::EvtCreateRenderContext(0, nullptr, EvtRenderContextUser));
     EVT_VARIANT v[16];
     DWORD used = 0, count = 0;
@@ -112,6 +112,113 @@ TEST_F(RenderTest, UserContextAndDataPathsAreStrings) {
     EXPECT_STREQ(L"jürgen", v[0].StringVal);
     EXPECT_STREQ(L"S-1-5-18", v[1].StringVal);
     EXPECT_EQ(EvtVarTypeNull, v[2].Type);
+}
+
+// Event data render with the types of the provider's template, as the service
+// renders them (beats winlogbeat/sys/wineventlog/renderer.go reads UInt32,
+// HexInt64, GUID, SID, FileTime, Boolean, binary and array values from the user
+// context); an array is a run of data elements of one name.
+TEST_F(RenderTest, DataRenderWithTheirTemplateTypes) {
+    evtsim::ProviderDef def;
+    def.name = "Typed-Provider";
+    def.templates = {{20,
+                      {{"Count", EvtVarTypeUInt32, false},
+                       {"LogonId", EvtVarTypeHexInt64, false},
+                       {"Guid", EvtVarTypeGuid, false},
+                       {"Sid", EvtVarTypeSid, false},
+                       {"When", EvtVarTypeFileTime, false},
+                       {"Ok", EvtVarTypeBoolean, false},
+                       {"Blob", EvtVarTypeBinary, false},
+                       {"Port", EvtVarTypeUInt16, true},
+                       {"Name", EvtVarTypeString, true},
+                       {"Delta", EvtVarTypeInt32, false},
+                       {"Bad", EvtVarTypeUInt32, false}}}};
+    store.addProvider(def);
+    evtsim::EventSpec e = sampleEvent(20, {{"Count", "42"},
+                                           {"LogonId", "0x3e7"},
+                                           {"Guid", "{bf967aba-0de6-11d0-a285-00aa003049e2}"},
+                                           {"Sid", "S-1-5-32-544"},
+                                           {"When", "2024-01-31T21:05:07.1234567Z"},
+                                           {"Ok", "true"},
+                                           {"Blob", "0A1BFF"},
+                                           {"Port", "80"},
+                                           {"Port", "443"},
+                                           {"Name", "a"},
+                                           {"Name", "bc"},
+                                           {"Delta", "-5"},
+                                           {"Bad", "not a number"},
+                                           {"Extra", "beyond the template"}});
+    e.provider = "Typed-Provider";
+    store.append("Security", e);
+    UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"Security", nullptr, EvtQueryChannelPath));
+    auto events = readAll(q.get());
+    ASSERT_EQ(2u, events.size());
+    EVT_HANDLE typed = events[1].get();
+
+    UniqueEvtHandle user(evtsim::EvtCreateRenderContext(0, nullptr, EvtRenderContextUser));
+    DWORD used = 0, count = 0;
+    EXPECT_FALSE(evtsim::EvtRender(user.get(), typed, EvtRenderEventValues, 0, nullptr, &used, &count));
+    std::vector<BYTE> buf(used);
+    ASSERT_TRUE(evtsim::EvtRender(user.get(), typed, EvtRenderEventValues, used, buf.data(), &used, &count));
+    ASSERT_EQ(12u, count);
+    auto* v = reinterpret_cast<EVT_VARIANT*>(buf.data());
+    const DWORD types[] = {EvtVarTypeUInt32,  EvtVarTypeHexInt64, EvtVarTypeGuid,
+                           EvtVarTypeSid,     EvtVarTypeFileTime, EvtVarTypeBoolean,
+                           EvtVarTypeBinary,  EvtVarTypeUInt16 | EVT_VARIANT_TYPE_ARRAY,
+                           EvtVarTypeString | EVT_VARIANT_TYPE_ARRAY, EvtVarTypeInt32,
+                           EvtVarTypeNull,    EvtVarTypeString};
+    for (int i = 0; i < 12; ++i) EXPECT_EQ(types[i], v[i].Type) << i;
+    EXPECT_EQ(42u, v[0].UInt32Val);
+    EXPECT_EQ(0x3e7u, v[1].UInt64Val);
+    EXPECT_EQ(0xbf967abau, v[2].GuidVal->Data1);
+    wchar_t* sidText = nullptr;
+    ASSERT_TRUE(ConvertSidToStringSidW(v[3].SidVal, &sidText));
+    EXPECT_STREQ(L"S-1-5-32-544", sidText);
+    LocalFree(sidText);
+    EXPECT_EQ(133512087071234567ull, v[4].FileTimeVal);
+    EXPECT_TRUE(v[5].BooleanVal);
+    ASSERT_EQ(3u, v[6].Count);
+    EXPECT_EQ(0, std::memcmp(v[6].BinaryVal, "\x0A\x1B\xFF", 3));
+    ASSERT_EQ(2u, v[7].Count);
+    EXPECT_EQ(80, v[7].UInt16Arr[0]);
+    EXPECT_EQ(443, v[7].UInt16Arr[1]);
+    ASSERT_EQ(2u, v[8].Count);
+    EXPECT_STREQ(L"a", v[8].StringArr[0]);
+    EXPECT_STREQ(L"bc", v[8].StringArr[1]);
+    EXPECT_EQ(-5, v[9].Int32Val);
+    EXPECT_STREQ(L"beyond the template", v[11].StringVal);
+    // Everything pointed to lies in the caller's buffer, after the variants.
+    auto inBuffer = [&](const void* p) { return p >= buf.data() + 12 * 16 && p < buf.data() + buf.size(); };
+    for (int i : {2, 3, 6, 7, 8, 11}) EXPECT_TRUE(inBuffer(v[i].GuidVal)) << i;
+    EXPECT_TRUE(inBuffer(v[8].StringArr[1]));
+
+    // A path into the data selects a typed value too; an array's element has the element type.
+    LPCWSTR paths[] = {L"Event/EventData/Data[@Name='LogonId']", L"Event/EventData/Data[9]"};
+    UniqueEvtHandle ctx(evtsim::EvtCreateRenderContext(2, paths, EvtRenderContextValues));
+    EVT_VARIANT pv[8];
+    ASSERT_TRUE(evtsim::EvtRender(ctx.get(), typed, EvtRenderEventValues, sizeof pv, pv, &used, &count));
+    EXPECT_EQ(static_cast<DWORD>(EvtVarTypeHexInt64), pv[0].Type);
+    EXPECT_EQ(static_cast<DWORD>(EvtVarTypeUInt16), pv[1].Type);
+    EXPECT_EQ(443, pv[1].UInt16Val);
+}
+
+// Whatever the store was given, the XML renders in the service's form: attributes
+// in single quotes, no layout white space, no comments or CDATA sections.
+TEST_F(RenderTest, XmlRendersInTheServicesFormWhateverItWasGiven) {
+    store.appendXml("Security",
+                    "<?xml version=\"1.0\"?>\n<Event xmlns=\"http://schemas.microsoft.com/win/2004/08/events/event\">\n"
+                    "  <System>\n    <Provider Name=\"P\" />\n    <!-- a comment -->\n    <EventID>7</EventID>\n"
+                    "    <Security UserID=\"S-1-5-18\"></Security>\n  </System>\n  <EventData>\n"
+                    "    <Data Name=\"A\"><![CDATA[x < y & \"z\"]]></Data>\n    <Data Name='B'> </Data>\n"
+                    "  </EventData>\n</Event>\n");
+    UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"Security", nullptr, EvtQueryChannelPath));
+    auto events = readAll(q.get());
+    ASSERT_EQ(2u, events.size());
+    EXPECT_EQ(L"<Event xmlns='http://schemas.microsoft.com/win/2004/08/events/event'><System><Provider Name='P'/>"
+              L"<EventID>7</EventID><Security UserID='S-1-5-18'/><EventRecordID>2</EventRecordID>"
+              L"<Channel>Security</Channel></System><EventData><Data Name='A'>x &lt; y &amp; \"z\"</Data>"
+              L"<Data Name='B'> </Data></EventData></Event>",
+              renderXml(events[1].get()));
 }
 
 TEST_F(RenderTest, XmlIsTerminatedUtf16SizedInBytes) {

@@ -147,15 +147,48 @@ TEST_F(FormattingTest, ShorterKeywordListShowsNothingOfTheLastOne) {
     EXPECT_EQ(second, L"");
 }
 
-TEST_F(FormattingTest, ErrorWithTextStillGivesTheText) {
+TEST_F(FormattingTest, ErrorWithTextStillGivesTheWholeText) {
     evtsim::EventSpec e = logonEvent();
-    e.data = {{"TargetUserName", "bob"}};  // the template's %2 has no value
+    const std::string name(3000, 'b');  // longer than the first buffer
+    e.data = {{"TargetUserName", name}};  // the template's %2 has no value
     store_.append("Security", e);
     records_ = readAll("Security");
     ASSERT_EQ(records_.size(), 2u);
-    EXPECT_EQ(records_[1].message, L"An account logged on.\r\n\tAccount Name:\tbob\r\n\tLogon Type:\t%2");
+    EXPECT_EQ(records_[1].message, L"An account logged on.\r\n\tAccount Name:\t" + widen(name) + L"\r\n\tLogon Type:\t%2");
     EXPECT_TRUE(log_.contains("EvtFormatMessage failed, but Skorva stored some kind of message: "
                               "flag='(1)EvtFormatMessageEvent', channel='Security', Error=(0x3ab5)"));
+}
+
+// A service that claims ever more room, or an implausible amount, is not followed
+// without end, and nothing is read past the buffer on the strength of the claim.
+struct GreedyFormatter {
+    static inline int calls = 0;
+    static inline DWORD extra = 0;
+    static BOOL WINAPI call(EVT_HANDLE, EVT_HANDLE, DWORD, DWORD, PEVT_VARIANT, DWORD, DWORD size, LPWSTR buf,
+                            PDWORD used) {
+        ++calls;
+        wmemset(buf, L'g', size);  // no terminator
+        *used = extra ? size + extra : 0xFFFFFFF0u;
+        return TRUE;
+    }
+};
+
+TEST_F(FormattingTest, ClaimsOfMoreRoomAreFollowedOnlySoFar) {
+    auto saved = apiTable().evt.EvtFormatMessage;
+    apiTable().evt.EvtFormatMessage = &GreedyFormatter::call;
+    for (DWORD extra : {1000u, 0u}) {
+        GreedyFormatter::calls = 0;
+        GreedyFormatter::extra = extra;
+        log_.clear();
+        std::wstring out;
+        EXPECT_TRUE(format(EvtFormatMessageLevel, out)) << extra;
+        EXPECT_LE(GreedyFormatter::calls, extra ? 5 : 1) << extra;
+        EXPECT_GE(out.size(), 2048u);
+        EXPECT_EQ(out, std::wstring(out.size(), L'g'));
+        EXPECT_TRUE(log_.contains("which is not given: flag='(2)EvtFormatMessageLevel', channel='Security'; only "
+                                  "what fits is kept"));
+    }
+    apiTable().evt.EvtFormatMessage = saved;
 }
 
 TEST_F(FormattingTest, UnformattableMessageCarriesTheErrorText) {

@@ -121,7 +121,7 @@ TEST_F(RenderingTest, OpcodeFallsBackToTheMessageIdThenToNone) {
               1u);
 }
 
-TEST_F(RenderingTest, ProviderWithoutMetadataUsesRawNamesAndPlaceholderData) {
+TEST_F(RenderingTest, ProviderWithoutMetadataGetsWinmetaNamesAndPlaceholderData) {
     evtsim::EventSpec e = logonEvent();
     e.provider = "Not-Registered";
     e.task = 5;
@@ -130,11 +130,13 @@ TEST_F(RenderingTest, ProviderWithoutMetadataUsesRawNamesAndPlaceholderData) {
     auto records = readAll("Security");
     ASSERT_EQ(records.size(), 2u);
     const Fields tail = fieldsOf(records[1], 8);
+    // Level 0, opcode 0 and the audit keyword have Winmeta names; task 5 has none.
     const Fields expected = {{L"SourceName", L"Not-Registered"},
+                             {L"Type", L"Log Always"},
                              {L"RecordNumber", L"2"},
-                             {L"Keywords", L"None"},
+                             {L"Keywords", L"Audit Success"},
                              {L"TaskCategory", L"5"},
-                             {L"OpCode", L"None"}};
+                             {L"OpCode", L"Info"}};
     EXPECT_EQ(tail, expected);
     EXPECT_EQ(records[1].message, L"alice\n2\n");
     EXPECT_EQ(log_.count(LogLevel::Info, "WinEventLogChannelBase::getPublisherMetadata: Failed to open publisher "
@@ -142,6 +144,36 @@ TEST_F(RenderingTest, ProviderWithoutMetadataUsesRawNamesAndPlaceholderData) {
               1u)
         << "the failed open is remembered";
     EXPECT_TRUE(log_.contains("The event is not pre-rendered and there is an invalid or non-existent provider"));
+}
+
+// With no message to format, the message is the event's data: every value with
+// something to show, as text, typed ones as the event's XML writes them.
+TEST_F(RenderingTest, PlaceholderMessageShowsEveryDataValueAsText) {
+    evtsim::ProviderDef def = auditProvider();
+    def.name = "Typed-Auditing";
+    def.events.clear();
+    def.templates = {{4624,
+                      {{"Count", EvtVarTypeUInt32, false},
+                       {"LogonId", EvtVarTypeHexInt64, false},
+                       {"Guid", EvtVarTypeGuid, false},
+                       {"Sid", EvtVarTypeSid, false},
+                       {"When", EvtVarTypeFileTime, false},
+                       {"Ok", EvtVarTypeBoolean, false},
+                       {"Blob", EvtVarTypeBinary, false},
+                       {"Port", EvtVarTypeUInt16, true},
+                       {"Delta", EvtVarTypeInt32, false},
+                       {"Empty", EvtVarTypeString, false},
+                       {"Name", EvtVarTypeString, false}}}};
+    store_.addProvider(def);
+    evtsim::EventSpec e = logonEvent();
+    e.provider = "Typed-Auditing";
+    e.data = {{"Count", "42"},   {"LogonId", "0x3e7"}, {"Guid", "{bf967aba-0de6-11d0-a285-00aa003049e2}"},
+              {"Sid", "S-1-5-32-544"}, {"When", "2024-01-31T21:05:07.1234567Z"}, {"Ok", "false"},
+              {"Blob", "0a1bff"}, {"Port", "80"}, {"Port", "443"}, {"Delta", "-5"}, {"Empty", ""}, {"Name", "alice"}};
+    store_.append("Security", e);
+    EventRecord r = readOne("Security");
+    EXPECT_EQ(r.message, L"42\n0x3e7\n{BF967ABA-0DE6-11D0-A285-00AA003049E2}\nS-1-5-32-544\n"
+                         L"2024-01-31T21:05:07.1234567Z\nfalse\n0A1BFF\n80, 443\n-5\nalice\n");
 }
 
 TEST_F(RenderingTest, ForwardedEventIsFormattedFromItsRenderingInformation) {
@@ -169,21 +201,30 @@ TEST_F(RenderingTest, ForwardedEventIsFormattedFromItsRenderingInformation) {
     EXPECT_EQ(r.message, L"Remote text of the event.");
 }
 
-TEST_F(RenderingTest, MissingLocaleFallsBackToTheEventsRenderingInformation) {
-    evtsim::ProviderDef def = auditProvider();
-    def.name = "No-Locale";
-    def.resources = false;
-    store_.addProvider(def);
-    evtsim::EventSpec e = logonEvent();
-    e.provider = "No-Locale";
-    e.rendering = true;
-    e.renderMessage = "Embedded message.";
-    store_.append("Security", e);
-    EventRecord r = readOne("Security");
-    EXPECT_EQ(r.message, L"Embedded message.");
-    EXPECT_TRUE(log_.contains("EvtFormatMessage failed because the locale specific resource for the desired "
-                              "message is not present - trying to render event using embedded renderInfo: "
-                              "error=15033, channel='Security', dataCount='2'"));
+// Resources missing for the locale (15033), or a provider registered without its
+// resource file (15100) or its language (1815): no text from the publisher, so the
+// text the event carries is used.
+TEST_F(RenderingTest, MissingResourcesFallBackToTheEventsRenderingInformation) {
+    for (DWORD missing : {15033u, 15100u, 1815u}) {
+        evtsim::ProviderDef def = auditProvider();
+        def.name = "No-Resources";
+        def.missingResources = missing;
+        store_.addProvider(def);
+        store_.clearChannel("Security");
+        evtsim::EventSpec e = logonEvent();
+        e.provider = "No-Resources";
+        e.rendering = true;
+        e.renderMessage = "Embedded message.";
+        e.renderLevel = "Embedded level";
+        store_.append("Security", e);
+        log_.clear();
+        EventRecord r = readOne("Security");
+        EXPECT_EQ(r.message, L"Embedded message.") << missing;
+        EXPECT_EQ(fieldsOf(r)[9], (std::pair<std::wstring, std::wstring>(L"Type", L"Embedded level"))) << missing;
+        EXPECT_TRUE(log_.contains("EvtFormatMessage failed because the locale specific resource for the desired "
+                                  "message is not present - trying to render event using embedded renderInfo: "
+                                  "error=" + std::to_string(missing) + ", channel='Security', dataCount='2'"));
+    }
 }
 
 TEST_F(RenderingTest, LargeMessageGrowsTheFormatBufferOnce) {
