@@ -2,7 +2,14 @@
 // render each event and write it out. Its rate is the yardstick for the product's
 // own benchmark, and shows the simulated event log is not the limit.
 //
-//   refreader --channel NAME [--mode xml|values] [--batch N] [--count N]
+//   refreader --channel NAME [--mode xml|values|xmlvalues] [--batch N] [--count N]
+//
+// The modes make the event log calls a collector must make per event:
+//   values     the eleven system values, the publisher's metadata (cached) and
+//              the formatted fields and message: classic text;
+//   xmlvalues  the eleven system values (record number, time, event code) and the
+//              XML: XML rendering;
+//   xml        the XML alone: the floor of any reader.
 //
 // Loads wevtapi.dll from the system directory by full path, as the product does.
 // Writes the events to stdout and one summary line to stderr.
@@ -105,7 +112,10 @@ int wmain(int argc, wchar_t** argv) {
         std::fprintf(stderr, "refreader: EvtSubscribe failed (%lu)\n", GetLastError());
         return 1;
     }
-    EVT_HANDLE ctx = mode == L"values" ? api.CreateRenderContext(11, const_cast<LPCWSTR*>(kPaths), EvtRenderContextValues) : nullptr;
+    const bool withValues = mode == L"values" || mode == L"xmlvalues";
+    const bool asXml = mode != L"values";
+    EVT_HANDLE ctx = withValues ? api.CreateRenderContext(11, const_cast<LPCWSTR*>(kPaths), EvtRenderContextValues) : nullptr;
+    std::vector<BYTE> values(1 << 12);
     std::map<std::wstring, EVT_HANDLE> publishers;
     std::vector<EVT_HANDLE> events(batch);
     std::vector<BYTE> buffer(1 << 16);
@@ -142,14 +152,16 @@ int wmain(int argc, wchar_t** argv) {
         }
         for (DWORD i = 0; i < got; ++i) {
             DWORD used = 0, count = 0;
-            DWORD flags = ctx ? EvtRenderEventValues : EvtRenderEventXml;
-            if (!api.Render(ctx, events[i], flags, static_cast<DWORD>(buffer.size()), buffer.data(), &used, &count)) {
-                if (GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
-                    buffer.resize(used);
-                    api.Render(ctx, events[i], flags, static_cast<DWORD>(buffer.size()), buffer.data(), &used, &count);
-                }
-            }
-            if (!ctx) {
+            // Renders into `into`, growing it once to the size the service asks for.
+            auto render = [&](EVT_HANDLE context, DWORD flags, std::vector<BYTE>& into) {
+                if (api.Render(context, events[i], flags, static_cast<DWORD>(into.size()), into.data(), &used, &count)) return;
+                if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) return;
+                into.resize(used);
+                api.Render(context, events[i], flags, static_cast<DWORD>(into.size()), into.data(), &used, &count);
+            };
+            if (asXml && withValues) render(ctx, EvtRenderEventValues, values);
+            render(asXml ? nullptr : ctx, asXml ? EvtRenderEventXml : EvtRenderEventValues, buffer);
+            if (asXml) {
                 const auto* xml = reinterpret_cast<const wchar_t*>(buffer.data());
                 out.put(xml, used / sizeof(wchar_t) - 1);
                 out.put(L"\n", 1);

@@ -1,5 +1,7 @@
 // Rendering events (values through a render context, XML) and bookmarks.
 #include <algorithm>
+#include <array>
+#include <iterator>
 #include <cstring>
 
 #include "Evtsim.h"
@@ -22,6 +24,7 @@ struct ValuePath {
     std::string attr;         // final @attribute, or empty for the element's text
     EVT_VARIANT_TYPE type = EvtVarTypeString;
     bool data = false;        // leads into EventData or UserData: typed by the provider's template
+    int system = -1;          // a system value: its place in kSystemValues
 };
 
 // System values and their types, in the order of EVT_SYSTEM_PROPERTY_ID.
@@ -57,7 +60,64 @@ struct RenderContextObj : Object {
     static bool accepts(Kind k) { return k == Kind::RenderContext; }
     DWORD flags = 0;
     std::vector<ValuePath> paths;
+    bool allSystem = false;  // every path is a system value
 };
+
+// One system value's text in a record, as the System element holds it.
+struct SystemField {
+    std::string_view text;
+    bool present = false;
+};
+using SystemFields = std::array<SystemField, EvtSystemPropertyIdEND>;
+
+// Finds every system value of a record by one pass over its System element
+// alone. The service keeps events in binary form, so rendering their system
+// values never parses the whole event and costs a fraction of rendering its
+// XML; this keeps that proportion. False for a record it cannot read this way
+// (an entity in a value, a layout other than the service's), which then goes
+// through the full parse.
+bool scanSystem(std::string_view xml, SystemFields& out) {
+    out.fill(SystemField{});
+    const size_t open = xml.find("<System>");
+    const size_t close = open == std::string_view::npos ? open : xml.find("</System>", open);
+    if (close == std::string_view::npos) return false;
+    const std::string_view sys = xml.substr(open + 8, close - open - 8);
+    const auto put = [&](std::string_view element, std::string_view attr, std::string_view value) {
+        if (value.find('&') != std::string_view::npos) return false;
+        for (size_t k = 0; k < out.size(); ++k)
+            if (element == kSystemValues[k].element && attr == kSystemValues[k].attr) out[k] = {value, true};
+        return true;
+    };
+    size_t pos = 0;
+    while (pos < sys.size()) {
+        if (sys[pos] != '<') return false;
+        const size_t nameEnd = sys.find_first_of(" />", pos + 1);
+        if (nameEnd == std::string_view::npos) return false;
+        const std::string_view element = sys.substr(pos + 1, nameEnd - pos - 1);
+        pos = nameEnd;
+        while (pos < sys.size() && sys[pos] == ' ') {
+            const size_t eq = sys.find('=', pos + 1);
+            if (eq == std::string_view::npos || eq + 1 >= sys.size() || (sys[eq + 1] != '\'' && sys[eq + 1] != '"'))
+                return false;
+            const size_t end = sys.find(sys[eq + 1], eq + 2);
+            if (end == std::string_view::npos || !put(element, sys.substr(pos + 1, eq - pos - 1), sys.substr(eq + 2, end - eq - 2)))
+                return false;
+            pos = end + 1;
+        }
+        if (sys.substr(pos, 2) == "/>") {
+            pos += 2;
+            continue;
+        }
+        if (pos >= sys.size() || sys[pos] != '>') return false;
+        const size_t textEnd = sys.find('<', pos + 1);
+        if (textEnd == std::string_view::npos || sys.substr(textEnd, 2) != "</" || !put(element, {}, sys.substr(pos + 1, textEnd - pos - 1)))
+            return false;
+        const size_t endTag = sys.find('>', textEnd);
+        if (endTag == std::string_view::npos) return false;
+        pos = endTag + 1;
+    }
+    return true;
+}
 
 ValuePath systemPath(const SystemValue& v) {
     ValuePath p;
@@ -123,8 +183,11 @@ bool parsePath(std::wstring_view wide, ValuePath& out) {
     // Paths of system values carry the type the service gives them.
     if (out.steps.size() == 2 && out.steps[0].name == "System" && out.steps[0].attrName.empty() && out.steps[1].attrName.empty() &&
         out.steps[0].index == 0 && out.steps[1].index == 0) {
-        for (const auto& v : kSystemValues)
-            if (out.steps[1].name == v.element && out.attr == v.attr) out.type = v.type;
+        for (size_t k = 0; k < std::size(kSystemValues); ++k)
+            if (out.steps[1].name == kSystemValues[k].element && out.attr == kSystemValues[k].attr) {
+                out.type = kSystemValues[k].type;
+                out.system = static_cast<int>(k);
+            }
     }
     return true;
 }
@@ -231,7 +294,7 @@ void reset(Slot& slot) {
 }
 
 // Slots are reused from event to event: clearing keeps their strings' storage.
-void convert(const std::string* raw, DWORD type, Slot& slot) {
+void convert(const std::string_view* raw, DWORD type, Slot& slot) {
     reset(slot);
     if (!raw) return;
     switch (type) {
@@ -408,11 +471,27 @@ DWORD dataType(const ParsedEvent& p, const std::vector<DataValue>& values, const
     return EvtVarTypeString;
 }
 
+// System values only: the record's System element is all that is read.
+bool renderSystemValues(const RenderContextObj& ctx, const EventObj& ev, std::vector<Slot>& slots) {
+    SystemFields fields;
+    if (!scanSystem(ev.xml(), fields)) return false;
+    slots.resize(ctx.paths.size());
+    for (size_t i = 0; i < ctx.paths.size(); ++i) {
+        const SystemField& f = fields[static_cast<size_t>(ctx.paths[i].system)];
+        convert(f.present ? &f.text : nullptr, ctx.paths[i].type, slots[i]);
+    }
+    return true;
+}
+
 BOOL renderValues(RenderContextObj& ctx, EventObj& ev, DWORD bufferSize, PVOID buffer, PDWORD used, PDWORD count) {
-    const ParsedEvent& p = ev.parsed();
-    if (!p.event) return failWith(ERROR_EVT_INVALID_EVENT_DATA, FALSE);
     Scratch* scratch = threadScratch();
     if (!scratch) return failWith(ERROR_OUTOFMEMORY, FALSE);
+    if (ctx.allSystem && renderSystemValues(ctx, ev, scratch->slots)) {
+        *count = static_cast<DWORD>(scratch->slots.size());
+        return finishRender(layout(scratch->slots, static_cast<BYTE*>(buffer), buffer ? bufferSize : 0), bufferSize, used);
+    }
+    const ParsedEvent& p = ev.parsed();
+    if (!p.event) return failWith(ERROR_EVT_INVALID_EVENT_DATA, FALSE);
     std::vector<Slot>& slots = scratch->slots;
     slots.clear();
     if (ctx.flags == EvtRenderContextUser) {
@@ -421,7 +500,10 @@ BOOL renderValues(RenderContextObj& ctx, EventObj& ev, DWORD bufferSize, PVOID b
         for (size_t i = 0; i < slots.size(); ++i) {
             const DataValue& v = scratch->values[i];
             if (v.array) convertArray(p, v, slots[i]);
-            else convert(&p.data[v.first]->text, v.type, slots[i]);
+            else {
+                const std::string_view text = p.data[v.first]->text;
+                convert(&text, v.type, slots[i]);
+            }
         }
     } else {
         slots.resize(ctx.paths.size());
@@ -435,7 +517,8 @@ BOOL renderValues(RenderContextObj& ctx, EventObj& ev, DWORD bufferSize, PVOID b
                 if (!bound) bindEventData(p, scratch->values), bound = true;
                 type = dataType(p, scratch->values, element);
             }
-            convert(raw, type, slots[i]);
+            const std::string_view text = raw ? std::string_view(*raw) : std::string_view();
+            convert(raw ? &text : nullptr, type, slots[i]);
         }
     }
     *count = static_cast<DWORD>(slots.size());
@@ -488,10 +571,15 @@ EVT_HANDLE WINAPI EvtCreateRenderContext(DWORD ValuePathsCount, LPCWSTR* ValuePa
             if (!ValuePaths[i] || !parsePath(ValuePaths[i], p)) return failWith<EVT_HANDLE>(ERROR_EVT_INVALID_QUERY, nullptr);
             ctx->paths.push_back(std::move(p));
         }
+        ctx->allSystem = std::all_of(ctx->paths.begin(), ctx->paths.end(), [](const ValuePath& p) { return p.system >= 0; });
         break;
     case EvtRenderContextSystem:
         if (ValuePathsCount != 0) return failWith<EVT_HANDLE>(ERROR_INVALID_PARAMETER, nullptr);
-        for (const auto& v : kSystemValues) ctx->paths.push_back(systemPath(v));
+        for (size_t k = 0; k < std::size(kSystemValues); ++k) {
+            ctx->paths.push_back(systemPath(kSystemValues[k]));
+            ctx->paths.back().system = static_cast<int>(k);
+        }
+        ctx->allSystem = true;
         break;
     case EvtRenderContextUser:
         if (ValuePathsCount != 0) return failWith<EVT_HANDLE>(ERROR_INVALID_PARAMETER, nullptr);
