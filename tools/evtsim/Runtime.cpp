@@ -221,6 +221,10 @@ bool newRecordsWritten(QueryObj& q) {
     return grew;
 }
 
+// How often the watcher looks at the files: Windows signals a subscriber within a
+// moment of the write, and a reader's latency must not be the stand-in's.
+constexpr DWORD kWatchPeriodMs = 2;
+
 DWORD WINAPI watchLoop(void*) {
     Watcher& w = watcher();
     while (true) {
@@ -233,7 +237,7 @@ DWORD WINAPI watchLoop(void*) {
                 if (ql.owns_lock() && newRecordsWritten(*q)) SetEvent(q->signal);
             }
         }
-        WaitForSingleObject(w.wake, any ? 15 : INFINITE);
+        WaitForSingleObject(w.wake, any ? kWatchPeriodMs : INFINITE);
     }
 }
 

@@ -26,6 +26,9 @@ const char* kUsage =
     "  append CHANNEL FILE...         append the <Event> elements of each file ('-' = stdin)\n"
     "  generate CHANNEL COUNT [--seed N] [--first I] [--batch B] [--hold-last MS]\n"
     "                                 append COUNT generated events (channel made if missing)\n"
+    "  stream CHANNEL COUNT RATE [--seed N]\n"
+    "                                 append COUNT generated events one per commit, RATE a second,\n"
+    "                                 printing each one's record id and commit time (FILETIME, UTC)\n"
     "  providers                      write the generator's providers\n"
     "  provider FILE                  install a provider file\n"
     "  faults TEXT                    write the fault rules (empty text clears them)\n"
@@ -134,6 +137,41 @@ int wmain(int argc, wchar_t** argv) {
             auto events = generateEvents(channel, static_cast<size_t>(n), seed, firstIndex + done);
             bool last = done + n >= *count;
             if (!store.append(channel, events, error, nullptr, last ? static_cast<DWORD>(holdMs) : 0)) return fail(error);
+        }
+        return 0;
+    }
+    if (cmd == L"stream" && need(4)) {
+        auto count = parseUnsigned(toUtf8(args[2]));
+        auto rate = parseUnsigned(toUtf8(args[3]));
+        if (!count || !rate || *rate == 0) return fail("bad COUNT or RATE");
+        uint64_t seed = 1;
+        if (args.size() == 6 && args[4] == L"--seed") {
+            auto v = parseUnsigned(toUtf8(args[5]));
+            if (!v) return fail("bad value for --seed");
+            seed = *v;
+        }
+        ChannelMeta meta;
+        if (!readChannelMeta(channelDir(root, channel), meta) && !store.createChannel(channel, error)) return fail(error);
+        for (const auto& p : generatorProviders())
+            if (!store.writeProvider(p, error)) return fail(error);
+        const auto events = generateEvents(channel, static_cast<size_t>(*count), seed, 0);
+        LARGE_INTEGER freq, start, now;
+        QueryPerformanceFrequency(&freq);
+        QueryPerformanceCounter(&start);
+        for (uint64_t i = 0; i < *count; ++i) {
+            // Paced against the start, so a slow commit does not slow the rate.
+            const LONGLONG due = start.QuadPart + static_cast<LONGLONG>(i * freq.QuadPart / *rate);
+            for (QueryPerformanceCounter(&now); now.QuadPart < due; QueryPerformanceCounter(&now)) {
+                const LONGLONG ms = (due - now.QuadPart) * 1000 / freq.QuadPart;
+                Sleep(ms > 1 ? static_cast<DWORD>(ms - 1) : 0);
+            }
+            uint64_t id = 0;
+            if (!store.append(channel, {events[i]}, error, &id)) return fail(error);
+            FILETIME committed;
+            GetSystemTimePreciseAsFileTime(&committed);
+            std::printf("%llu %llu\n", static_cast<unsigned long long>(id),
+                        (static_cast<unsigned long long>(committed.dwHighDateTime) << 32) | committed.dwLowDateTime);
+            std::fflush(stdout);
         }
         return 0;
     }
