@@ -46,7 +46,40 @@ RootState& rootState() {
 
 }  // namespace
 
+namespace {
+
+// EVTSIM_STATS names a file that gets "handles=<open handles>" once a second,
+// for long runs that watch a reader's handles from outside (Wine counts no
+// process's handles).
+DWORD WINAPI statsLoop(void* path) {
+    const std::wstring file(static_cast<const wchar_t*>(path));
+    for (;;) {
+        const std::string line = "handles=" + std::to_string(openHandleCount()) + "\n";
+        const HANDLE h = CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                     CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (h != INVALID_HANDLE_VALUE) {
+            DWORD written = 0;
+            WriteFile(h, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+            CloseHandle(h);
+        }
+        Sleep(1000);
+    }
+}
+
+void startStatsOnce() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        static wchar_t path[MAX_PATH];
+        const DWORD n = GetEnvironmentVariableW(L"EVTSIM_STATS", path, MAX_PATH);
+        if (n == 0 || n >= MAX_PATH) return;
+        if (HANDLE t = CreateThread(nullptr, 0, statsLoop, path, 0, nullptr)) CloseHandle(t);
+    });
+}
+
+}  // namespace
+
 EVT_HANDLE registerObject(std::unique_ptr<Object> obj) {
+    startStatsOnce();
     Registry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
     return r.add(obj.release());
