@@ -1,6 +1,5 @@
 #include "Faults.h"
 
-#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -132,19 +131,8 @@ void refreshLocked(FaultState& s) {
     s.fileTime = attr.ftLastWriteTime;
     std::vector<Rule> rules;
     parseRules(environmentRules(), rules, nullptr);
-    if (exists) {
-        HANDLE f = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                               nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-        if (f != INVALID_HANDLE_VALUE) {
-            std::string text(static_cast<size_t>(std::min<uint64_t>(size, 1 << 20)), '\0');
-            DWORD got = 0;
-            if (ReadFile(f, text.data(), static_cast<DWORD>(text.size()), &got, nullptr)) {
-                text.resize(got);
-                parseRules(text, rules, nullptr);
-            }
-            CloseHandle(f);
-        }
-    }
+    std::string text;
+    if (exists && readWholeFile(path, text) == 0) parseRules(text, rules, nullptr);
     s.rules = std::move(rules);
 }
 

@@ -150,7 +150,13 @@ struct FileCloser {
     }
 };
 
-// 0, ERROR_FILE_NOT_FOUND, or another failure of reading.
+std::mutex& saveMutex() {
+    static std::mutex* m = new std::mutex;
+    return *m;
+}
+
+}  // namespace
+
 DWORD readWholeFile(const std::wstring& path, std::string& out) {
     FileCloser f{CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)};
@@ -167,13 +173,6 @@ DWORD readWholeFile(const std::wstring& path, std::string& out) {
     out.resize(got);
     return 0;
 }
-
-std::mutex& saveMutex() {
-    static std::mutex* m = new std::mutex;
-    return *m;
-}
-
-}  // namespace
 
 const PropertyDef* findProperty(EC_SUBSCRIPTION_PROPERTY_ID id) {
     for (const PropertyDef& d : kKept)
@@ -329,19 +328,17 @@ DWORD saveSubscriptions(const std::vector<Subscription>& subs) {
     const std::wstring path = collectorDir() + L"\\subscriptions.txt";
     const std::wstring temp = path + L".new";
     const std::string text = formatSubscriptions(subs);
+    DWORD e = 0;
     {
         FileCloser f{CreateFileW(temp.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)};
         if (f.h == INVALID_HANDLE_VALUE) return GetLastError();
         DWORD written = 0;
-        if (!WriteFile(f.h, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) || written != text.size())
-            return GetLastError() ? GetLastError() : ERROR_WRITE_FAULT;
+        if (!WriteFile(f.h, text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) e = GetLastError();
+        else if (written != text.size()) e = ERROR_WRITE_FAULT;
     }
-    if (!MoveFileExW(temp.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) {
-        DWORD e = GetLastError();
-        DeleteFileW(temp.c_str());
-        return e;
-    }
-    return 0;
+    if (!e && !MoveFileExW(temp.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) e = GetLastError();
+    if (e) DeleteFileW(temp.c_str());
+    return e;
 }
 
 bool sameName(std::wstring_view a, std::wstring_view b) {

@@ -65,6 +65,9 @@ DWORD saveSubscriptions(const std::vector<Subscription>& subs);
 bool sameName(std::wstring_view a, std::wstring_view b);
 Subscription* findSubscription(std::vector<Subscription>& subs, std::wstring_view name);
 
+// 0, ERROR_FILE_NOT_FOUND, or another failure of reading.
+DWORD readWholeFile(const std::wstring& path, std::string& out);
+
 std::wstring toWide(std::string_view utf8);
 std::string toUtf8(std::wstring_view wide);
 
