@@ -1,7 +1,8 @@
 #!/bin/sh
-# wine-fixture.sh start PREFIX EVTSIM_DLL | stop PREFIX
+# wine-fixture.sh start PREFIX EVTSIM_DLL [DLL...] | stop PREFIX
 # start: creates the test prefix when missing, installs the simulated event log
-# as System32\wevtapi.dll, and leaves one persistent wineserver running.
+# as System32\wevtapi.dll and the further DLLs (message files) in System32 under
+# their own names, and leaves one persistent wineserver running.
 set -u
 cmd=$1 prefix=$2
 export WINEPREFIX="$prefix" WINEARCH=win64 WINEDEBUG=-all
@@ -16,6 +17,8 @@ start)
     "$server" -w
   fi
   cp "$dll" "$prefix/drive_c/windows/system32/wevtapi.dll" || exit 1
+  shift 3
+  for extra in "$@"; do cp "$extra" "$prefix/drive_c/windows/system32/" || exit 1; done
   # Non-zero when a server is already up; the warm-up below proves Wine works.
   "$server" -p </dev/null >/dev/null 2>&1
   if [ ! -f "$prefix/.no-crash-debugger" ]; then
@@ -32,5 +35,5 @@ stop)
   "$server" -k >/dev/null 2>&1
   exit 0 ;;
 esac
-echo "usage: wine-fixture.sh start PREFIX DLL | stop PREFIX" >&2
+echo "usage: wine-fixture.sh start PREFIX DLL [DLL...] | stop PREFIX" >&2
 exit 2
