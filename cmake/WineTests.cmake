@@ -15,7 +15,7 @@ if(CMAKE_CROSSCOMPILING)
 
   add_test(NAME wine_server_start
            COMMAND "${CMAKE_CURRENT_LIST_DIR}/wine-fixture.sh" start "${SKORVA_WINEPREFIX}" "$<TARGET_FILE:evtsim>"
-                   "$<TARGET_FILE:ecsim>")
+                   "$<TARGET_FILE:ecsim>" "$<TARGET_FILE:evtsim_events>" "$<TARGET_FILE:evtsim_more>")
   set_tests_properties(wine_server_start PROPERTIES FIXTURES_SETUP wine)
   add_test(NAME wine_server_stop COMMAND "${CMAKE_CURRENT_LIST_DIR}/wine-fixture.sh" stop "${SKORVA_WINEPREFIX}")
   set_tests_properties(wine_server_stop PROPERTIES FIXTURES_CLEANUP wine)

@@ -1,9 +1,9 @@
 #!/bin/sh
-# wine-fixture.sh start PREFIX EVTSIM_DLL [STAND_IN_DLL...] | stop PREFIX
+# wine-fixture.sh start PREFIX EVTSIM_DLL [DLL...] | stop PREFIX
 # start: creates the test prefix when missing, installs the simulated event log
-# as System32\wevtapi.dll, and leaves one persistent wineserver running.
-# Further stand-in DLLs (the event collector's Wecapi.dll) go into System32 under
-# their own file names.
+# as System32\wevtapi.dll and the further DLLs (the other stand-ins, message
+# files) in System32 under their own names, and leaves one persistent wineserver
+# running.
 set -u
 cmd=$1 prefix=$2
 export WINEPREFIX="$prefix" WINEARCH=win64 WINEDEBUG=-all
@@ -19,9 +19,7 @@ start)
   fi
   cp "$dll" "$prefix/drive_c/windows/system32/wevtapi.dll" || exit 1
   shift 3
-  for stand_in in "$@"; do
-    cp "$stand_in" "$prefix/drive_c/windows/system32/" || exit 1
-  done
+  for extra in "$@"; do cp "$extra" "$prefix/drive_c/windows/system32/" || exit 1; done
   # Non-zero when a server is already up; the warm-up below proves Wine works.
   "$server" -p </dev/null >/dev/null 2>&1
   if [ ! -f "$prefix/.no-crash-debugger" ]; then

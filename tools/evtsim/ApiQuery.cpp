@@ -28,17 +28,6 @@ struct ChannelEnumObj : Object {
     size_t next = 0;
 };
 
-// Indexes the whole file (queries read from the end, seeks from the last); the log
-// keeps only the last slices' bytes.
-void loadAll(ChannelLog& log) {
-    bool partial = false;
-    uint64_t before;
-    do {
-        before = log.loadedBytes();
-        if (!log.refresh(partial)) return;
-    } while (log.loadedBytes() != before);
-}
-
 uint64_t firstRecordId(const ChannelLog& log) {
     Record first{};
     if (log.size() > 0 && log.copy(0, 1, false, &first) == 1) return first.id;

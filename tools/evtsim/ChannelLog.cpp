@@ -136,6 +136,15 @@ bool ChannelLog::refresh(bool& partial) {
     return true;
 }
 
+void loadAll(ChannelLog& log) {
+    bool partial = false;
+    uint64_t before;
+    do {
+        before = log.loadedBytes();
+        if (!log.refresh(partial)) return;
+    } while (log.loadedBytes() != before);
+}
+
 size_t ChannelLog::size() const {
     Lock lock(mutex_);
     return records_;

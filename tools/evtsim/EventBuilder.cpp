@@ -44,7 +44,7 @@ std::string buildEventXml(const EventSpec& s) {
         out += "<UserData><EventXML xmlns='Event_NS'>";
         for (const auto& [name, value] : s.data) element(out, name.empty() ? "Data" : name.c_str(), value);
         out += "</EventXML></UserData>";
-    } else if (!s.data.empty()) {
+    } else if (!s.data.empty() || !s.binary.empty()) {
         out += "<EventData>";
         for (const auto& [name, value] : s.data) {
             out += "<Data";
@@ -57,6 +57,7 @@ std::string buildEventXml(const EventSpec& s) {
             appendEscaped(out, value, false);
             out += "</Data>";
         }
+        if (!s.binary.empty()) element(out, "Binary", s.binary);
         out += "</EventData>";
     } else {
         out += "<EventData/>";

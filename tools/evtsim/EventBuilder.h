@@ -23,6 +23,7 @@ struct EventSpec {
     std::string userSid;  // empty: <Security/>
     bool userData = false;  // data as <UserData><EventXML>...</EventXML></UserData>
     std::vector<std::pair<std::string, std::string>> data;  // name (may be empty), value
+    std::string binary;  // hexadecimal bytes of EventData/Binary, as classic sources log data
     // Forwarded events carry their texts.
     bool rendering = false;
     std::string renderMessage, renderLevel, renderTask, renderOpcode, renderChannel, renderProvider;

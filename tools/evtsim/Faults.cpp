@@ -21,6 +21,13 @@ struct Rule {
     uint64_t calls = 0;
 };
 
+// The classic event log functions of the legacy face (Legacy.h).
+bool isLegacyEntryPoint(std::string_view name) {
+    for (const char* f : {"OpenEventLogW", "ReadEventLogW", "GetNumberOfEventLogRecords", "GetOldestEventLogRecord"})
+        if (name == f) return true;
+    return false;
+}
+
 bool parseRules(std::string_view text, std::vector<Rule>& out, std::string* error) {
     size_t pos = 0;
     while (pos <= text.size()) {
@@ -43,7 +50,7 @@ bool parseRules(std::string_view text, std::vector<Rule>& out, std::string* erro
         size_t colon = lhs.find(':');
         r.function = std::string(lhs.substr(0, colon));
         if (colon != std::string_view::npos) r.target = std::string(lhs.substr(colon + 1));
-        if (r.function.rfind("Evt", 0) != 0) return bad("unknown entry point");
+        if (r.function.rfind("Evt", 0) != 0 && !isLegacyEntryPoint(r.function)) return bad("unknown entry point");
         size_t comma = rhs.find(',');
         auto code = parseUnsigned(rhs.substr(0, comma));
         if (!code || *code == 0 || *code > 0xFFFFFFFFull) return bad("bad error code");

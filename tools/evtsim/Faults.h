@@ -2,6 +2,7 @@
 // Injected failures. A rule names an entry point, optionally a channel or provider,
 // an error code and when it applies:
 //   EvtNext:Security=15007,once      EvtRender=6,from=3      EvtFormatMessage=1717,times=2
+//   ReadEventLogW:Application=87,once   (the legacy face's functions take rules too)
 // Rules come from EVTSIM_FAULTS (';' or newlines between rules) together with
 // <store>\faults.txt (re-read when it changes), unless a process sets them itself.
 

@@ -23,6 +23,9 @@ constexpr const char* kRestartGuid = "{0888e5ef-9b98-4695-979d-e92ce4247224}";
 constexpr const char* kHostile = "Evtsim-Hostile";
 constexpr const char* kNoLocale = "Evtsim-NoLocale";
 constexpr const char* kUnregistered = "Evtsim-Unregistered";
+// A classic source whose message files the test build makes (messages/*.mc) and
+// the legacy face registers (sampleLegacySources).
+constexpr const char* kClassic = "Evtsim-Classic";
 
 struct Rng {
     uint64_t s;
@@ -149,8 +152,45 @@ EventSpec hostile(Rng& r, uint64_t index) {
     return e;
 }
 
+// Events as ReportEvent writes them: unnamed strings, qualifiers, categories,
+// binary data, %%n parameters.
+EventSpec classicSource(Rng& r) {
+    EventSpec e;
+    e.provider = kClassic;
+    e.classic = true;
+    e.keywords = 0x80000000000000ull;
+    e.userSid = r.below(2) ? "S-1-5-18" : "";
+    switch (r.below(5)) {
+    case 0:
+        e.eventId = 100, e.qualifiers = 0x4000, e.task = 1;
+        e.data = {{"", r.pick(kServices)}, {"", r.below(2) ? "%%7001" : "%%7002"}};
+        break;
+    case 1:
+        e.eventId = 101, e.qualifiers = 0x8000, e.level = 3, e.task = 2;
+        e.data = {{"", "D:"}, {"", std::to_string(90 + r.below(10))}, {"", std::to_string(100000 + r.below(900000))}};
+        e.binary = "0000000002003000040000C0";
+        break;
+    case 2:  // every other time the source logs fewer strings than its message inserts
+        e.eventId = 102, e.qualifiers = 0x4000, e.task = 2;
+        e.data = {{"", "C:\\Data"}, {"", "\\\\backup\\share"}, {"", std::to_string(r.below(600))}};
+        if (r.below(2)) e.data.emplace_back("", std::to_string(r.below(100000)));
+        break;
+    case 3:
+        e.eventId = 200, e.qualifiers = 0xC000, e.level = 2, e.task = 3;
+        e.data = {{"", r.pick(kHosts)}, {"", "%%7003"}};
+        e.binary = "4D0000000A0000";
+        break;
+    default:  // described by no message file of the source
+        e.eventId = 999;
+        e.data = {{"", "an event without a description"}};
+        break;
+    }
+    return e;
+}
+
 EventSpec application(Rng& r, uint64_t index) {
     if (index % 50 == 7) return hostile(r, index / 50);
+    if (index % 50 == 23) return classicSource(r);
     EventSpec e;
     switch (r.below(4)) {
     case 0:
@@ -291,6 +331,18 @@ std::vector<ProviderDef> generatorProviders() {
                          {902, "Control characters: [%1] (sid %2)"}, {903, "Bell \x07 and escape \x1B[31m red \x1B[0m: %1"}};
     hostileDef.levels = {{3, "Warning"}};
     out.push_back(hostileDef);
+
+    // The texts of the source's message files (messages/evtsim-*.mc), which end
+    // each message with a line break.
+    ProviderDef classic = provider(kClassic, nullptr, "Evtsim classic source");
+    classic.channels = {{"Application", "Application"}};
+    classic.tasks = {{1, "Startup"}, {2, "Storage"}, {3, "Network"}};
+    classic.strings = {{7001, "running"}, {7002, "stopped"}, {7003, "the remote host refused it"}};
+    classic.events = {{100, "Service %1 entered the %2 state.%n"},
+                      {101, "Disk %1 is %2%% full; %3 bytes are free.%n"},
+                      {102, "Backup of %1 to %2 finished in %3 seconds.%nFiles copied: %4.%n"},
+                      {200, "Connection to %1 failed: %2.%n"}};
+    out.push_back(classic);
 
     ProviderDef noLocale = provider(kNoLocale, nullptr, "No locale");
     noLocale.missingResources = ERROR_EVT_MESSAGE_LOCALE_NOT_FOUND;

@@ -132,6 +132,10 @@ private:
     std::atomic<uint64_t> loadedBytes_{0};
 };
 
+// Indexes the whole file (reading from the end, seeking to a record); the log keeps
+// only the last slices' bytes.
+void loadAll(ChannelLog& log);
+
 // The process's view of a channel by name: null with ERROR_EVT_CHANNEL_NOT_FOUND
 // when the store has no such channel.
 std::shared_ptr<ChannelLog> openChannelLog(const std::wstring& root, const std::wstring& name, DWORD& error);
