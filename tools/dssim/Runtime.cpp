@@ -1,5 +1,6 @@
 #include <atomic>
 #include <cstdio>
+#include <cwctype>
 #include <map>
 #include <mutex>
 #include <unordered_map>
@@ -107,6 +108,7 @@ std::wstring countersStem() {
     std::wstring module = path;
     module = module.substr(module.find_last_of(L"\\/") + 1);
     module = module.substr(0, module.rfind(L'.'));
+    for (wchar_t& ch : module) ch = static_cast<wchar_t>(towlower(ch));  // loaded by any spelling of its name
     wchar_t stem[64];
     std::swprintf(stem, 64, L"%lu-%08lx%08lx-", GetCurrentProcessId(), created.dwHighDateTime, created.dwLowDateTime);
     return stem + module;
