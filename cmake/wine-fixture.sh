@@ -41,12 +41,8 @@ start)
       printf '[HKEY_CURRENT_USER\\Software\\Wine\\AppDefaults\\%s\\DllOverrides]\n' "$app"
       printf '"netapi32"="native"\n"ntdsapi"="native"\n\n'
     done
-  } > "$overrides.new"
-  if ! cmp -s "$overrides.new" "$overrides"; then
-    "$wine" regedit /S "Z:$(printf '%s' "$overrides.new" | tr / '\\')" </dev/null >/dev/null 2>&1 &&
-    mv "$overrides.new" "$overrides" || exit 1
-  fi
-  rm -f "$overrides.new"
+  } > "$overrides"
+  "$wine" regedit /S "Z:$(printf '%s' "$overrides" | tr / '\\')" </dev/null >/dev/null 2>&1 || exit 1
   WINEDLLOVERRIDES="wevtapi=n" "$wine" cmd /c exit </dev/null >/dev/null 2>&1
   exit $? ;;
 stop)
