@@ -85,6 +85,7 @@ DOMAIN_CONTROLLER_INFOW* controllerInfo(const DomainController& dc, ULONG flags)
                    StringArena::bytes(domain) + StringArena::bytes(dc.forest) + StringArena::bytes(dc.site) +
                    StringArena::bytes(dc.clientSite);
     auto* info = static_cast<DOMAIN_CONTROLLER_INFOW*>(allocateBuffer(bytes, BufferKind::NetApi));
+    if (!info) return nullptr;
     StringArena strings(info + 1);
     info->DomainControllerName = strings.put(name);
     info->DomainControllerAddress = strings.put(address);
@@ -117,7 +118,9 @@ DWORD WINAPI DsGetDcNameW(LPCWSTR ComputerName, LPCWSTR DomainName, GUID* Domain
     // No controller: ERROR_NO_SUCH_DOMAIN (DsGetDcNameW return values; "Getting DC name
     // failed: Status = 1355 0x54b ERROR_NO_SUCH_DOMAIN", Orange-Cyberdefense/GOAD #365).
     if (found.empty()) return ERROR_NO_SUCH_DOMAIN;
-    *DomainControllerInfo = controllerInfo(*found.front(), Flags);
+    DOMAIN_CONTROLLER_INFOW* info = controllerInfo(*found.front(), Flags);
+    if (!info) return ERROR_NOT_ENOUGH_MEMORY;
+    *DomainControllerInfo = info;
     return ERROR_SUCCESS;
 }
 

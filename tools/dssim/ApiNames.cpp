@@ -17,7 +17,7 @@ namespace {
 // (ERROR_INVALID_HANDLE, as IDL_DRSCrackNames throws it, [MS-DRSR] 4.1.4), one that
 // went bad (StaleHandle: it stays bad until unbound), a controller that no longer
 // answers (RPC_S_SERVER_UNAVAILABLE), or a fault of this call.
-DWORD boundController(std::wstring_view function, HANDLE h, const Directory& dir, Binding& binding) {
+DWORD boundController(std::string_view function, HANDLE h, const Directory& dir, Binding& binding) {
     if (DWORD code = useBinding(h, binding)) return code;
     const DomainController* dc = dir.controllerNamed(binding.dc);
     if (!dc || !dc->available) return RPC_S_SERVER_UNAVAILABLE;
@@ -25,7 +25,7 @@ DWORD boundController(std::wstring_view function, HANDLE h, const Directory& dir
         markStale(h, code);
         return code;
     }
-    return injectedFault(utf8(function), binding.dc);
+    return injectedFault(function, binding.dc);
 }
 
 std::wstring guidText(const GUID& g) {
@@ -134,7 +134,7 @@ DWORD WINAPI DsMapSchemaGuidsW(HANDLE hDs, DWORD cGuids, GUID* rGuids, DS_SCHEMA
     auto dir = currentDirectory(error);
     if (!dir) return error;
     Binding binding;
-    if (DWORD code = boundController(L"DsMapSchemaGuidsW", hDs, *dir, binding)) return code;
+    if (DWORD code = boundController("DsMapSchemaGuidsW", hDs, *dir, binding)) return code;
     // A GUID the schema does not know is no failure: DS_SCHEMA_GUID_NOT_FOUND with a
     // null name (DS_SCHEMA_GUID_MAP).
     std::vector<const SchemaEntry*> entries(cGuids);
@@ -142,6 +142,7 @@ DWORD WINAPI DsMapSchemaGuidsW(HANDLE hDs, DWORD cGuids, GUID* rGuids, DS_SCHEMA
     for (DWORD i = 0; i < cGuids; ++i)
         if ((entries[i] = dir->schemaEntry(rGuids[i]))) bytes += StringArena::bytes(entries[i]->name);
     auto* map = static_cast<DS_SCHEMA_GUID_MAPW*>(allocateBuffer(bytes, BufferKind::SchemaGuidMap));
+    if (!map) return ERROR_NOT_ENOUGH_MEMORY;
     StringArena strings(map + cGuids);
     for (DWORD i = 0; i < cGuids; ++i) {
         map[i].guid = rGuids[i];
@@ -171,7 +172,7 @@ DWORD WINAPI DsCrackNamesW(HANDLE hDS, DS_NAME_FLAGS flags, DS_NAME_FORMAT forma
         auto dir = currentDirectory(error);
         if (!dir) return error;
         Binding binding;
-        if (DWORD code = boundController(L"DsCrackNamesW", hDS, *dir, binding)) return code;
+        if (DWORD code = boundController("DsCrackNamesW", hDS, *dir, binding)) return code;
         // Each name's trouble is its item's status; the call itself succeeds
         // (DsCrackNamesW remarks).
         for (DWORD i = 0; i < cNames; ++i) items.push_back(crack(*dir, binding, formatOffered, formatDesired, rpNames[i]));
@@ -182,6 +183,7 @@ DWORD WINAPI DsCrackNamesW(HANDLE hDS, DS_NAME_FLAGS flags, DS_NAME_FORMAT forma
         if (!item.name.empty()) bytes += StringArena::bytes(item.name);
     }
     auto* result = static_cast<DS_NAME_RESULTW*>(allocateBuffer(bytes, BufferKind::NameResult));
+    if (!result) return ERROR_NOT_ENOUGH_MEMORY;
     result->cItems = cNames;
     result->rItems = reinterpret_cast<DS_NAME_RESULT_ITEMW*>(result + 1);
     StringArena strings(result->rItems + cNames);

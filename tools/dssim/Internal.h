@@ -24,6 +24,7 @@ public:
 
 // The code an injected fault gives `function` (an entry point or Delay, NameStatus,
 // StaleHandle) on `target`, or 0.
+DWORD injectedFault(std::string_view function, std::string_view target);
 DWORD injectedFault(std::string_view function, std::wstring_view target);
 
 // The directory as the folder holds it now: an empty one when there is no file;
@@ -32,6 +33,7 @@ std::shared_ptr<const Directory> currentDirectory(DWORD& error);
 
 // Buffers go back only through the free function of their kind.
 enum class BufferKind { NetApi, NameResult, SchemaGuidMap };
+// Zeroed; null when memory is short (the call then answers ERROR_NOT_ENOUGH_MEMORY).
 void* allocateBuffer(size_t bytes, BufferKind kind);
 // False when `p` is not a live buffer of that kind (counted as misuse; the buffer,
 // if it is one of another kind, stays allocated). Null is nothing to free.
@@ -48,7 +50,11 @@ HANDLE addBinding(Binding binding);
 DWORD useBinding(HANDLE h, Binding& out);
 void markStale(HANDLE h, DWORD code);
 bool removeBinding(HANDLE h);
+
+// Kept by the registries as buffers and bindings come and go.
 void countMisuse();
+void countLiveBuffers(int delta);
+void countLiveBindings(int delta);
 
 // Lays out strings after the fixed part of a buffer: one free releases them all.
 class StringArena {

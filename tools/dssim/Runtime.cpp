@@ -1,8 +1,7 @@
-#include <atomic>
-#include <cstdio>
-#include <cwctype>
+// The process's directory, bound handles, buffers handed out and fault rules.
 #include <map>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 
 #include "FaultRules.h"  // evtsim's rule syntax, shared by the stand-ins
@@ -13,22 +12,6 @@
 namespace dssim {
 
 namespace {
-
-const char* const kEntryNames[kEntryCount] = {"DsGetDcNameW",      "NetApiBufferFree", "DsBindW",
-                                              "DsUnBindW",         "DsMapSchemaGuidsW", "DsCrackNamesW",
-                                              "DsFreeNameResultW", "DsFreeSchemaGuidMapW"};
-
-struct CounterState {
-    std::atomic<uint64_t> calls[kEntryCount] = {};
-    std::atomic<uint64_t> misuse{0};
-    std::atomic<uint64_t> liveBuffers{0};
-    std::atomic<uint64_t> liveBindings{0};
-};
-
-CounterState& counterState() {
-    static CounterState* s = new CounterState;  // outlives static destruction: late frees still count
-    return *s;
-}
 
 struct RootState {
     std::mutex mutex;
@@ -95,51 +78,7 @@ Registry& registry() {
     return *r;
 }
 
-// <pid>-<process start>-<module>: unique per process and per DLL (each stand-in DLL
-// keeps its own counts).
-std::wstring countersStem() {
-    FILETIME created{}, ignored{};
-    GetProcessTimes(GetCurrentProcess(), &created, &ignored, &ignored, &ignored);
-    HMODULE self = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<LPCWSTR>(&countersStem), &self);
-    wchar_t path[MAX_PATH] = L"";
-    GetModuleFileNameW(self, path, MAX_PATH);
-    std::wstring module = path;
-    module = module.substr(module.find_last_of(L"\\/") + 1);
-    module = module.substr(0, module.rfind(L'.'));
-    for (wchar_t& ch : module) ch = static_cast<wchar_t>(towlower(ch));  // loaded by any spelling of its name
-    wchar_t stem[64];
-    std::swprintf(stem, 64, L"%lu-%08lx%08lx-", GetCurrentProcessId(), created.dwHighDateTime, created.dwLowDateTime);
-    return stem + module;
-}
-
-// Replaced whole (write, then rename), so a reader never sees half a file.
-void writeCountersFile() {
-    static std::mutex* fileMutex = new std::mutex;  // both outlive static destruction, as the calls may
-    static const std::wstring* stem = new std::wstring(countersStem());
-    const std::wstring root = directoryRoot();
-    if (root.empty()) return;
-    std::lock_guard<std::mutex> lock(*fileMutex);
-    const Counters c = counters();
-    std::string text;
-    for (int e = 0; e < kEntryCount; ++e) text += std::string(kEntryNames[e]) + "=" + std::to_string(c.calls[e]) + "\n";
-    text += "misuse=" + std::to_string(c.misuse) + "\nlive_buffers=" + std::to_string(c.liveBuffers) +
-            "\nlive_bindings=" + std::to_string(c.liveBindings) + "\n";
-    const std::wstring dir = root + L"\\calls";
-    CreateDirectoryW(dir.c_str(), nullptr);
-    const std::wstring tmp = dir + L"\\" + *stem + L".tmp", final = dir + L"\\" + *stem + L".txt";
-    HANDLE f = CreateFileW(tmp.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (f == INVALID_HANDLE_VALUE) return;
-    DWORD written = 0;
-    const bool ok = WriteFile(f, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) && written == text.size();
-    CloseHandle(f);
-    if (!ok || !MoveFileExW(tmp.c_str(), final.c_str(), MOVEFILE_REPLACE_EXISTING)) DeleteFileW(tmp.c_str());
-}
-
 }  // namespace
-
-const char* entryName(Entry e) { return e >= 0 && e < kEntryCount ? kEntryNames[e] : "?"; }
 
 std::string utf8(std::wstring_view s) { return evtsim::toUtf8(s); }
 
@@ -189,6 +128,8 @@ std::shared_ptr<const Directory> currentDirectory(DWORD& error) {
     return c.directory;
 }
 
+DWORD injectedFault(std::string_view function, std::string_view target) { return faultRules().match(function, target); }
+
 DWORD injectedFault(std::string_view function, std::wstring_view target) {
     return faultRules().match(function, utf8(target));
 }
@@ -197,38 +138,14 @@ bool setFaults(std::string_view rules, std::string* error) { return faultRules()
 
 void clearFaults() { faultRules().clear(); }
 
-CallScope::CallScope(Entry entry) {
-    ++counterState().calls[entry];
-    if (DWORD ms = injectedFault("Delay", evtsim::toWide(kEntryNames[entry]))) Sleep(ms);
-}
-
-CallScope::~CallScope() { writeCountersFile(); }
-
-Counters counters() {
-    CounterState& s = counterState();
-    Counters c;
-    for (int e = 0; e < kEntryCount; ++e) c.calls[e] = s.calls[e];
-    c.misuse = s.misuse;
-    c.liveBuffers = s.liveBuffers;
-    c.liveBindings = s.liveBindings;
-    return c;
-}
-
-void resetCounters() {
-    CounterState& s = counterState();
-    for (auto& n : s.calls) n = 0;
-    s.misuse = 0;
-}
-
-void countMisuse() { ++counterState().misuse; }
-
 void* allocateBuffer(size_t bytes, BufferKind kind) {
-    void* p = ::operator new(bytes);
+    void* p = ::operator new(bytes, std::nothrow);
+    if (!p) return nullptr;
     std::memset(p, 0, bytes);
     Registry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
     r.buffers.emplace(p, kind);
-    ++counterState().liveBuffers;
+    countLiveBuffers(+1);
     return p;
 }
 
@@ -239,12 +156,12 @@ bool freeBuffer(void* p, BufferKind kind) {
         std::lock_guard<std::mutex> lock(r.mutex);
         auto it = r.buffers.find(p);
         if (it == r.buffers.end() || it->second != kind) {
-            ++counterState().misuse;
+            countMisuse();
             return false;
         }
         r.buffers.erase(it);
     }
-    --counterState().liveBuffers;
+    countLiveBuffers(-1);
     ::operator delete(p);
     return true;
 }
@@ -254,7 +171,7 @@ HANDLE addBinding(Binding binding) {
     std::lock_guard<std::mutex> lock(r.mutex);
     r.nextHandle += 4;
     r.bindings.emplace(r.nextHandle, std::move(binding));
-    ++counterState().liveBindings;
+    countLiveBindings(+1);
     return reinterpret_cast<HANDLE>(r.nextHandle);
 }
 
@@ -263,7 +180,7 @@ DWORD useBinding(HANDLE h, Binding& out) {
     std::lock_guard<std::mutex> lock(r.mutex);
     auto it = r.bindings.find(reinterpret_cast<uintptr_t>(h));
     if (it == r.bindings.end()) {
-        if (h) ++counterState().misuse;
+        if (h) countMisuse();
         return ERROR_INVALID_HANDLE;
     }
     out = it->second;
@@ -281,7 +198,7 @@ bool removeBinding(HANDLE h) {
     Registry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
     if (r.bindings.erase(reinterpret_cast<uintptr_t>(h)) == 0) return false;
-    --counterState().liveBindings;
+    countLiveBindings(-1);
     return true;
 }
 
