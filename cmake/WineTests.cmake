@@ -15,7 +15,8 @@ if(CMAKE_CROSSCOMPILING)
 
   add_test(NAME wine_server_start
            COMMAND "${CMAKE_CURRENT_LIST_DIR}/wine-fixture.sh" start "${SKORVA_WINEPREFIX}" "$<TARGET_FILE:evtsim>"
-                   "$<TARGET_FILE:ecsim>" "$<TARGET_FILE:evtsim_events>" "$<TARGET_FILE:evtsim_more>")
+                   "$<TARGET_FILE:ecsim>" "$<TARGET_FILE:evtsim_events>" "$<TARGET_FILE:evtsim_more>"
+                   "$<TARGET_FILE:dssim_netapi32>" "$<TARGET_FILE:dssim_ntdsapi>")
   set_tests_properties(wine_server_start PROPERTIES FIXTURES_SETUP wine)
   add_test(NAME wine_server_stop COMMAND "${CMAKE_CURRENT_LIST_DIR}/wine-fixture.sh" stop "${SKORVA_WINEPREFIX}")
   set_tests_properties(wine_server_stop PROPERTIES FIXTURES_CLEANUP wine)
@@ -38,7 +39,7 @@ function(skorva_add_pytest name file)
            COMMAND ${SKORVA_PYTHON} -m pytest -q -p no:cacheprovider "${file}"
            WORKING_DIRECTORY "${CMAKE_SOURCE_DIR}/tests/e2e")
   set_tests_properties(${name} PROPERTIES TIMEOUT 900
-    ENVIRONMENT "SKORVA_EXE=$<TARGET_FILE:skorva-winevtlog>;EVTSIM_TOOL=$<TARGET_FILE:evtsim-store>;SKORVA_WINE_RUN=${SKORVA_WINE_RUN};SKORVA_BUILD_DIR=${CMAKE_BINARY_DIR};SKORVA_SOURCE_DIR=${CMAKE_SOURCE_DIR};WINEPREFIX=${SKORVA_WINEPREFIX}")
+    ENVIRONMENT "SKORVA_EXE=$<TARGET_FILE:skorva-winevtlog>;EVTSIM_TOOL=$<TARGET_FILE:evtsim-store>;DSSIM_PROBE=$<TARGET_FILE:dssim-probe>;SKORVA_WINE_RUN=${SKORVA_WINE_RUN};SKORVA_BUILD_DIR=${CMAKE_BINARY_DIR};SKORVA_SOURCE_DIR=${CMAKE_SOURCE_DIR};WINEPREFIX=${SKORVA_WINEPREFIX}")
   if(CMAKE_CROSSCOMPILING)
     set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED wine)
   endif()

@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <stdexcept>
 
 #include "Faults.h"
@@ -15,22 +14,6 @@ namespace {
 
 void check(bool ok, const std::string& what, const std::string& error) {
     if (!ok) throw std::runtime_error("evtsim: " + what + ": " + error);
-}
-
-void removeTree(const std::wstring& dir) {
-    WIN32_FIND_DATAW fd;
-    HANDLE find = FindFirstFileW((dir + L"\\*").c_str(), &fd);
-    if (find != INVALID_HANDLE_VALUE) {
-        do {
-            std::wstring name = fd.cFileName;
-            if (name == L"." || name == L"..") continue;
-            std::wstring path = dir + L"\\" + name;
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) removeTree(path);
-            else DeleteFileW(path.c_str());
-        } while (FindNextFileW(find, &fd));
-        FindClose(find);
-    }
-    RemoveDirectoryW(dir.c_str());
 }
 
 }  // namespace
@@ -52,14 +35,7 @@ void installEvtsimApi() {
     api.EvtSeek = &evtsim::EvtSeek;
 }
 
-EvtsimStore::EvtsimStore() {
-    static std::atomic<unsigned> counter{0};
-    wchar_t temp[MAX_PATH];
-    DWORD n = GetTempPathW(MAX_PATH, temp);
-    check(n > 0 && n < MAX_PATH, "temporary folder", std::to_string(GetLastError()));
-    root_ = std::wstring(temp, n) + L"evtsim-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-            std::to_wstring(GetTickCount64()) + L"-" + std::to_wstring(counter++);
-    check(CreateDirectoryW(root_.c_str(), nullptr) != 0, "creating the store", std::to_string(GetLastError()));
+EvtsimStore::EvtsimStore() : folder_(L"evtsim"), root_(folder_.path()) {
     evtsim::setStoreRoot(root_);
     evtsim::clearFaults();
     installEvtsimApi();
@@ -69,7 +45,6 @@ EvtsimStore::~EvtsimStore() {
     evtsim::setFaults("");
     evtsim::clearFaults();
     evtsim::setStoreRoot(L"");
-    removeTree(root_);
 }
 
 void EvtsimStore::createChannel(const std::string& name) {

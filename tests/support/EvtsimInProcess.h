@@ -16,6 +16,7 @@
 #include "EventBuilder.h"  // evtsim::EventSpec, evtsim::buildEventXml
 #include "Evtsim.h"
 #include "Store.h"         // evtsim::ProviderDef
+#include "TempFolder.h"
 
 namespace skorva::test {
 
@@ -47,6 +48,7 @@ public:
     void setFaults(const std::string& rules);
 
 private:
+    TempFolder folder_;
     std::wstring root_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <initializer_list>
+#include <vector>
 
 #include "EventBuilder.h"
 #include "Text.h"
@@ -46,8 +47,37 @@ const char* kProcesses[] = {"C:\\Windows\\System32\\svchost.exe", "C:\\Windows\\
                             "C:\\Program Files\\Tool\\tool.exe", "C:\\Windows\\System32\\cmd.exe"};
 const char* kServices[] = {"Windows Update", "Print Spooler", "Background Intelligent Transfer Service", "Remote Registry"};
 const char* kStates[] = {"running", "stopped"};
-const char* kObjectGuids[] = {"{bf967aba-0de6-11d0-a285-00aa003049e2}", "{19195a5b-6da0-11d0-afd3-00c04fd930c9}",
-                              "{1131f6aa-9c07-11d1-f79f-00c04fc2dcd2}", "{00299570-246d-11d0-a768-00aa006e0529}"};
+// Directory objects of the sample directory (examples/store/directory): per schema
+// class, its GUID and the objectGUIDs of objects of that class; then the attributes,
+// property sets and extended rights a directory-service access lists.
+struct DsClass {
+    const char* guid;
+    std::vector<const char*> objects;
+};
+const DsClass kDsClasses[] = {
+    {"{bf967aba-0de6-11d0-a285-00aa003049e2}",  // user
+     {"{20983438-8bbc-45b7-9563-9a5fc0cc48ec}", "{45b246b9-1813-4f42-b065-ae90152c57ea}",
+      "{3c291d17-431e-4724-93c4-97bf3637bbf7}", "{73188e3b-be50-4530-a743-35234ba2dd99}"}},
+    {"{bf967a86-0de6-11d0-a285-00aa003049e2}",  // computer
+     {"{2e393813-222b-4514-9caa-71b0840e5899}", "{6a4c3bad-313f-4e05-b94d-911488855fc8}"}},
+    {"{bf967a9c-0de6-11d0-a285-00aa003049e2}",  // group
+     {"{ea4c05dc-98e4-49b7-895d-eae2ab94270a}", "{85974b51-859c-438f-9ec9-c7fdf9ec2cdf}"}},
+    {"{bf967aa5-0de6-11d0-a285-00aa003049e2}",  // organizationalUnit
+     {"{ca9de656-954e-43d4-94a2-fae8684b124d}", "{b8c604f3-7917-48c9-812e-ab069aa49655}"}},
+    {"{19195a5b-6da0-11d0-afd3-00c04fd930c9}", {"{e2974f72-8b87-4545-8eda-194a4ed274a8}"}},  // domainDNS
+    {"{f30e3bc2-9ff0-11d1-b603-0000f80367c1}", {"{98ad88ce-b771-4573-9e21-0f50e414fef2}"}},  // groupPolicyContainer
+};
+const char* kDsProperties[] = {
+    "{bf9679c0-0de6-11d0-a285-00aa003049e2}",  // member
+    "{bf967a68-0de6-11d0-a285-00aa003049e2}",  // userAccountControl
+    "{f3a64788-5306-11d1-a9c5-0000f80367c1}",  // servicePrincipalName
+    "{f30e3bbe-9ff0-11d1-b603-0000f80367c1}",  // gPLink
+    "{77b5b886-944a-11d1-aebd-0000f80367c1}",  // Personal Information
+    "{1131f6aa-9c07-11d1-f79f-00c04fc2dcd2}",  // Replicating Directory Changes
+    "{1131f6ad-9c07-11d1-f79f-00c04fc2dcd2}",  // Replicating Directory Changes All
+    "{00299570-246d-11d0-a768-00aa006e0529}",  // Reset Password
+    "{ab721a53-1e2f-11d0-9819-00aa0040529b}",  // Change Password
+};
 
 std::string userSid(Rng& r) { return "S-1-5-21-3623811015-3361044348-30300820-" + std::to_string(1000 + r.below(200)); }
 
@@ -90,13 +120,17 @@ EventSpec security(Rng& r) {
         e.data = {{"SubjectUserSid", sid}, {"SubjectUserName", user}, {"SubjectDomainName", "CORP"},
                   {"SubjectLogonId", logonId}, {"PrivilegeList", "SeSecurityPrivilege\r\n\t\t\tSeBackupPrivilege\r\n\t\t\tSeDebugPrivilege"}};
         break;
-    default:
+    default: {
+        // Four draws, as ever, so the events' other values stay as they were.
+        const DsClass& type = r.pick(kDsClasses);
+        const char* object = type.objects[r.below(static_cast<unsigned>(type.objects.size()))];
         e.eventId = 4662, e.task = 14080;
         e.data = {{"SubjectUserSid", sid}, {"SubjectUserName", user}, {"SubjectDomainName", "CORP"},
-                  {"SubjectLogonId", logonId}, {"ObjectServer", "DS"}, {"ObjectType", std::string("%") + r.pick(kObjectGuids)},
-                  {"ObjectName", std::string("%") + r.pick(kObjectGuids)}, {"OperationType", "Object Access"},
-                  {"AccessMask", "0x100"}, {"Properties", std::string("%%7688\r\n\t\t") + r.pick(kObjectGuids) + "\r\n\t" + r.pick(kObjectGuids)}};
+                  {"SubjectLogonId", logonId}, {"ObjectServer", "DS"}, {"ObjectType", std::string("%") + type.guid},
+                  {"ObjectName", std::string("%") + object}, {"OperationType", "Object Access"},
+                  {"AccessMask", "0x100"}, {"Properties", std::string("%%7688\r\n\t\t") + r.pick(kDsProperties) + "\r\n\t" + r.pick(kDsProperties)}};
         break;
+    }
     }
     return e;
 }

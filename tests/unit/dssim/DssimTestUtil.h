@@ -1,0 +1,56 @@
+#pragma once
+// Shared helpers for the directory service stand-in's fidelity tests.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "DssimInProcess.h"
+
+namespace dssim_test {
+
+struct NetApiFree {
+    void operator()(void* p) const { dssim::NetApiBufferFree(p); }
+};
+struct NameResultFree {
+    void operator()(DS_NAME_RESULTW* p) const { dssim::DsFreeNameResultW(p); }
+};
+struct GuidMapFree {
+    void operator()(DS_SCHEMA_GUID_MAPW* p) const { dssim::DsFreeSchemaGuidMapW(p); }
+};
+using ControllerInfo = std::unique_ptr<DOMAIN_CONTROLLER_INFOW, NetApiFree>;
+using NameResult = std::unique_ptr<DS_NAME_RESULTW, NameResultFree>;
+using GuidMap = std::unique_ptr<DS_SCHEMA_GUID_MAPW, GuidMapFree>;
+
+// A bound handle, unbound at the end of its scope.
+class Binding {
+public:
+    explicit Binding(LPCWSTR dc = nullptr, LPCWSTR domain = nullptr) { status_ = dssim::DsBindW(dc, domain, &h_); }
+    ~Binding() {
+        if (h_) dssim::DsUnBindW(&h_);
+    }
+    Binding(const Binding&) = delete;
+    Binding& operator=(const Binding&) = delete;
+    DWORD status() const { return status_; }
+    HANDLE get() const { return h_; }
+
+private:
+    HANDLE h_ = nullptr;
+    DWORD status_ = 0;
+};
+
+inline std::wstring text(const wchar_t* s) { return s ? s : L"(null)"; }
+
+// One name through DsCrackNamesW with the product's flag.
+inline DWORD crack(HANDLE h, DS_NAME_FORMAT offered, DS_NAME_FORMAT desired, const wchar_t* name, NameResult& out) {
+    DS_NAME_RESULTW* result = nullptr;
+    DWORD rc = dssim::DsCrackNamesW(h, DS_NAME_FLAG_EVAL_AT_DC, offered, desired, 1, &name, &result);
+    out.reset(result);
+    return rc;
+}
+
+constexpr const wchar_t* kAlice = L"{20983438-8bbc-45b7-9563-9a5fc0cc48ec}";
+constexpr const wchar_t* kAliceDn = L"CN=Alice Martin,OU=Staff,DC=corp,DC=example,DC=test";
+
+}  // namespace dssim_test

@@ -1,0 +1,125 @@
+// DsGetDcNameW, DsBindW and DsUnBindW against the sample directory: DC01 (closest,
+// PDC, site Default-First-Site-Name) and DC02 (site Branch-East) of corp.example.test.
+#include "DssimTestUtil.h"
+
+using namespace dssim_test;
+using skorva::test::DssimDirectory;
+
+namespace {
+
+TEST(LocatorTest, FindsTheControllerTheRequestAsksFor) {
+    DssimDirectory dir;
+    dir.useSample();
+    struct Case {
+        const wchar_t* computer;
+        const wchar_t* domain;
+        const wchar_t* site;
+        ULONG flags;
+        DWORD status;
+        const wchar_t* dc = nullptr;  // DomainControllerName
+        const wchar_t* domainName = nullptr;
+        ULONG dcFlags = 0;
+    } cases[] = {
+        // The product's request: the closest controller, flagged as a closest writable
+        // global catalog of Windows Server 2016 is (0xe000f1fc,
+        // plooploops/windows-containers-AD #7), here also the PDC.
+        {nullptr, nullptr, nullptr, DS_DIRECTORY_SERVICE_PREFERRED, 0, L"\\\\DC01.corp.example.test", L"corp.example.test",
+         0xE000F1FD},
+        {nullptr, nullptr, nullptr, DS_PDC_REQUIRED | DS_DIRECTORY_SERVICE_PREFERRED, 0, L"\\\\DC01.corp.example.test",
+         L"corp.example.test", 0xE000F1FD},
+        // DomainName: DNS name with or without its trailing period, or the flat name.
+        {nullptr, L"corp.example.test.", nullptr, 0, 0, L"\\\\DC01.corp.example.test", L"corp.example.test",
+         0xE000F1FD},
+        {nullptr, L"corp", nullptr, 0, 0, L"\\\\DC01.corp.example.test", L"corp.example.test",
+         0xE000F1FD},
+        // SiteName: a controller of that site, which is not the closest.
+        {nullptr, nullptr, L"Branch-East", 0, 0, L"\\\\DC02.corp.example.test", L"corp.example.test", 0xE000F17C},
+        {nullptr, nullptr, nullptr, DS_RETURN_FLAT_NAME, 0, L"\\\\DC01", L"CORP", 0x8000F1FD},
+        // "No domain controller is available for the specified domain or the domain does
+        // not exist" (DsGetDcNameW return values).
+        {nullptr, L"other.test", nullptr, 0, ERROR_NO_SUCH_DOMAIN},
+        {nullptr, nullptr, L"Branch-East", DS_PDC_REQUIRED, ERROR_NO_SUCH_DOMAIN},
+        // Flags the documentation says cannot be combined, and bits it does not define.
+        {nullptr, nullptr, nullptr, DS_PDC_REQUIRED | DS_GC_SERVER_REQUIRED, ERROR_INVALID_FLAGS},
+        {nullptr, nullptr, nullptr, DS_PDC_REQUIRED | DS_KDC_REQUIRED, ERROR_INVALID_FLAGS},
+        {nullptr, nullptr, nullptr, DS_IS_DNS_NAME | DS_IS_FLAT_NAME, ERROR_INVALID_FLAGS},
+        {nullptr, nullptr, nullptr, DS_RETURN_DNS_NAME | DS_RETURN_FLAT_NAME, ERROR_INVALID_FLAGS},
+        {nullptr, nullptr, L"Branch-East", 0x00040000 /* DS_TRY_NEXTCLOSEST_SITE */, ERROR_INVALID_FLAGS},
+        {nullptr, nullptr, nullptr, 0x00000002, ERROR_INVALID_FLAGS},
+        // A server to process the call that cannot be reached fails at the RPC layer.
+        {L"WS-9999", nullptr, nullptr, 0, RPC_S_SERVER_UNAVAILABLE},
+        {L"\\\\DC02", nullptr, nullptr, 0, 0, L"\\\\DC01.corp.example.test", L"corp.example.test",
+         0xE000F1FD},
+    };
+    for (const auto& c : cases) {
+        DOMAIN_CONTROLLER_INFOW* raw = nullptr;
+        DWORD rc = dssim::DsGetDcNameW(c.computer, c.domain, nullptr, c.site, c.flags, &raw);
+        ControllerInfo info(raw);
+        SCOPED_TRACE(std::to_string(&c - cases));
+        ASSERT_EQ(c.status, rc);
+        if (rc != 0) {
+            EXPECT_EQ(nullptr, raw);  // not written on failure
+            continue;
+        }
+        EXPECT_EQ(std::wstring(c.dc), info->DomainControllerName);
+        EXPECT_EQ(std::wstring(c.domainName), info->DomainName);
+        EXPECT_EQ(c.dcFlags, info->Flags);
+    }
+    EXPECT_EQ(0u, dssim::counters().liveBuffers);
+}
+
+TEST(LocatorTest, UnavailableControllerIsFoundButNotBound) {
+    // The locator does not check that the controller answers; a rediscovery does
+    // (DsGetDcNameW remarks).
+    DssimDirectory dir;
+    dir.write("[dc]\nname = DC01.corp.example.test\ndomain = corp.example.test\navailable = no\n"
+              "[dc]\nname = DC02.corp.example.test\ndomain = corp.example.test\n");
+    DOMAIN_CONTROLLER_INFOW* raw = nullptr;
+    ASSERT_EQ(0u, dssim::DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, 0, &raw));
+    EXPECT_EQ(std::wstring(L"\\\\DC01.corp.example.test"), ControllerInfo(raw)->DomainControllerName);
+    ASSERT_EQ(0u, dssim::DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, DS_FORCE_REDISCOVERY, &raw));
+    EXPECT_EQ(std::wstring(L"\\\\DC02.corp.example.test"), ControllerInfo(raw)->DomainControllerName);
+    EXPECT_EQ(static_cast<DWORD>(RPC_S_SERVER_UNAVAILABLE), Binding(L"DC01.corp.example.test").status());
+    EXPECT_EQ(0u, Binding().status());  // binding locates a controller that answers
+}
+
+TEST(LocatorTest, BindResolvesTheControllerAsDocumented) {
+    DssimDirectory dir;
+    dir.useSample();
+    struct Case {
+        const wchar_t* dc;
+        const wchar_t* domain;
+        DWORD status;
+        const char* boundTo = nullptr;  // seen through a fault aimed at that controller
+    } cases[] = {
+        // A named controller takes precedence, with or without leading backslashes,
+        // by DNS or flat name (DsBindW, DomainControllerName and remarks).
+        {L"\\\\DC02.corp.example.test", L"corp.example.test", 0, "DC02.corp.example.test"},
+        {L"dc02", nullptr, 0, "DC02.corp.example.test"},
+        {nullptr, L"corp.example.test", 0, "DC01.corp.example.test"},
+        {nullptr, nullptr, 0, "DC01.corp.example.test"},  // a global catalog of the forest
+        {L"DC99.corp.example.test", nullptr, RPC_S_SERVER_UNAVAILABLE},
+        {nullptr, L"other.test", ERROR_NO_SUCH_DOMAIN},
+    };
+    for (const auto& c : cases) {
+        Binding b(c.dc, c.domain);
+        SCOPED_TRACE(std::to_string(&c - cases));
+        ASSERT_EQ(c.status, b.status());
+        if (b.status() != 0) continue;
+        dir.setFaults(std::string("DsCrackNamesW:") + c.boundTo + "=1722");
+        NameResult result;
+        EXPECT_EQ(static_cast<DWORD>(RPC_S_SERVER_UNAVAILABLE), crack(b.get(), DS_UNIQUE_ID_NAME, DS_FQDN_1779_NAME, kAlice, result));
+        dir.setFaults("");
+    }
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), dssim::DsBindW(nullptr, nullptr, nullptr));
+    EXPECT_EQ(0u, dssim::counters().liveBindings);
+}
+
+TEST(LocatorTest, WithoutDirectoryNoControllerIsFound) {
+    DssimDirectory dir;  // a machine in no domain, as Wine's own
+    DOMAIN_CONTROLLER_INFOW* raw = nullptr;
+    EXPECT_EQ(static_cast<DWORD>(ERROR_NO_SUCH_DOMAIN), dssim::DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, 0, &raw));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_NO_SUCH_DOMAIN), Binding().status());
+}
+
+}  // namespace
