@@ -18,7 +18,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "channel/WinEventLogAPIInitializer.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 #include "channel/WinEventLogChannel.h"
 #include "checkpoint/WELCheckPointBase.h"
 #include "platform/Clock.h"

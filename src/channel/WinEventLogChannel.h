@@ -169,7 +169,11 @@ protected:
     void ensureCheckpointDirectory(const char* fn) const;
 
     // Directory-object cache state (settings from the stanza the channel is made with)
-    WinLookupAdObjCache adObjCache_{*this, settings_.adCache};
+    WinLookupAdObjCache adObjCache_{
+        [this](const std::wstring& object, std::wstring& out, DWORD offered, DWORD wanted) {
+            return transADObject(object, out, offered, wanted);
+        },
+        settings_.adCache};
     AdObjBlacklistMemo adObjBlacklistMemo_;
 };
 

@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "channel/EventRecord.h"
-#include "channel/EvtApi.h"
+#include "eventlog/EvtApi.h"
 #include "channel/WinEventMetadataHandle.h"
 #include "directory/SidProps.h"
-#include "monitor/ChannelSettings.h"
+#include "config/ChannelSettings.h"
 
 namespace skorva {
 

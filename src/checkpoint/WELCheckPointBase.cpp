@@ -1,6 +1,6 @@
 #include "checkpoint/WELCheckPointBase.h"
 
-#include "channel/EvtApi.h"
+#include "eventlog/EvtApi.h"
 #include "platform/Logger.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "monitor/ChannelSettings.h"
+#include "config/ChannelSettings.h"
 #include "platform/Handles.h"
 
 namespace skorva {

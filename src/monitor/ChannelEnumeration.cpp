@@ -1,7 +1,7 @@
 #include <new>
 #include <vector>
 
-#include "channel/WinEventLogAPIInitializer.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 #include "monitor/WinEventMon.h"
 #include "platform/Handles.h"
 #include "platform/Logger.h"

@@ -22,7 +22,7 @@
 #include "channel/WinEventLogChannel.h"
 #include "modinput/EventStreamWriter.h"
 #include "modinput/InputConfig.h"
-#include "monitor/ChannelSettings.h"
+#include "config/ChannelSettings.h"
 #include "platform/Handles.h"
 
 namespace skorva {

@@ -2,8 +2,8 @@
 #include <string>
 
 #include "directory/SidLookupCache.h"
-#include "monitor/FilterParser.h"
-#include "monitor/StanzaValues.h"
+#include "filter/FilterParser.h"
+#include "config/StanzaValues.h"
 #include "monitor/WinEventMon.h"
 #include "platform/LoaderInfo.h"
 #include "platform/Logger.h"

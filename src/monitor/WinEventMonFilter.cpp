@@ -1,6 +1,6 @@
 #include <string_view>
 
-#include "monitor/EventTextLookup.h"
+#include "filter/EventTextLookup.h"
 #include "monitor/WinEventMon.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"

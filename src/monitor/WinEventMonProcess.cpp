@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <mutex>
 
-#include "monitor/EventTextLookup.h"
+#include "filter/EventTextLookup.h"
 #include "monitor/WinEventMon.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"

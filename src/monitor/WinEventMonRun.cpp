@@ -1,7 +1,7 @@
 // The monitor's run: first passes on the system thread pool, then one-shot
 // waits on each channel's notification event, re-armed by the dispatch loop
 // only, so that a channel never has two passes at once and needs no lock.
-#include "channel/WinEventLogAPIInitializer.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 #include "modinput/ConfigXmlStreamingParser.h"
 #include "monitor/WinEventMon.h"
 #include "platform/Clock.h"

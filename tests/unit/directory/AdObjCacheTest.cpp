@@ -10,18 +10,18 @@
 namespace skorva {
 namespace {
 
-// A channel whose directory translation is scripted: names starting with "bad"
-// fail, others translate to "T:" + name.
-class ScriptedChannel : public WinEventLogChannelBase {
-public:
-    ScriptedChannel() : WinEventLogChannelBase("Security", ChannelSettings()) {}
-    bool transADObject(const std::wstring& object, std::wstring& out, DWORD, DWORD) override {
-        ++calls;
-        if (object.rfind(L"bad", 0) == 0) return false;
-        out = L"T:" + object;
-        return true;
-    }
+// A scripted directory translation: names starting with "bad" fail, others
+// translate to "T:" + name.
+struct ScriptedTranslation {
     int calls = 0;
+    WinLookupAdObjCache::Translate function() {
+        return [this](const std::wstring& object, std::wstring& out, DWORD, DWORD) {
+            ++calls;
+            if (object.rfind(L"bad", 0) == 0) return false;
+            out = L"T:" + object;
+            return true;
+        };
+    }
 };
 
 AdCacheSettings withExpiry(uint64_t seconds, uint32_t maxEntries = 1000) {
@@ -42,8 +42,8 @@ protected:
     }
     ManualClock clock_;
     ScopedClock scoped_;
-    ScriptedChannel channel_;
-    WinLookupAdObjCache cache_{channel_, withExpiry(3600)};
+    ScriptedTranslation directory_;
+    WinLookupAdObjCache cache_{directory_.function(), withExpiry(3600)};
     test::LogCapture log_;
 };
 
@@ -53,11 +53,11 @@ TEST_F(AdObjCacheTest, HitsAreServedUntilExpiryAndFormatPairsAreSeparateKeys) {
     EXPECT_EQ(out, L"T:{guid-1}");
     ASSERT_TRUE(lookup(L"{guid-1}", 1, &out));
     EXPECT_EQ(out, L"T:{guid-1}");
-    EXPECT_EQ(channel_.calls, 1);
+    EXPECT_EQ(directory_.calls, 1);
     EXPECT_TRUE(log_.has(LogLevel::Info, "WinEventLogChannel::WinLookupAdObjCache::lookupAdObj: Cached ad object is "
                                          "adObj='{guid-1}' expiry_in=3600 sec hits=1"));
     ASSERT_TRUE(lookup(L"{guid-1}", 7));
-    EXPECT_EQ(channel_.calls, 2);
+    EXPECT_EQ(directory_.calls, 2);
     EXPECT_EQ(cache_.size(), 2u);
 }
 
@@ -65,23 +65,23 @@ TEST_F(AdObjCacheTest, ExpiredFailureIsRetried) {
     EXPECT_FALSE(lookup(L"bad-object"));
     clock_.advance(10000);
     EXPECT_FALSE(lookup(L"bad-object"));
-    EXPECT_EQ(channel_.calls, 1);
+    EXPECT_EQ(directory_.calls, 1);
     clock_.advance(1);
     EXPECT_FALSE(lookup(L"bad-object"));
-    EXPECT_EQ(channel_.calls, 2);
+    EXPECT_EQ(directory_.calls, 2);
 }
 
 TEST_F(AdObjCacheTest, ExpiredSuccessIsRefreshedUnlessPopular) {
     lookup(L"rare");
     for (int i = 0; i < 400; ++i) lookup(L"popular");  // hits reach the threshold of 360
-    ASSERT_EQ(channel_.calls, 2);
+    ASSERT_EQ(directory_.calls, 2);
     clock_.advance(3600001);
     std::wstring out;
     ASSERT_TRUE(lookup(L"popular", 1, &out));
     EXPECT_EQ(out, L"T:popular");
-    EXPECT_EQ(channel_.calls, 2) << "a popular success is kept past its expiry";
+    EXPECT_EQ(directory_.calls, 2) << "a popular success is kept past its expiry";
     ASSERT_TRUE(lookup(L"rare"));
-    EXPECT_EQ(channel_.calls, 3);
+    EXPECT_EQ(directory_.calls, 3);
 }
 
 TEST_F(AdObjCacheTest, OverfullCacheDropsATenthOfTheMaximumOldestFirstSkippingPopularKeys) {
@@ -92,12 +92,12 @@ TEST_F(AdObjCacheTest, OverfullCacheDropsATenthOfTheMaximumOldestFirstSkippingPo
     ASSERT_EQ(cache_.size(), 21u);
     lookup(L"k21");  // finds 21 > 20: removes k01 and k02
     EXPECT_EQ(cache_.size(), 20u);
-    const int before = channel_.calls;
+    const int before = directory_.calls;
     lookup(L"k00");
     lookup(L"k03");
-    EXPECT_EQ(channel_.calls, before);
+    EXPECT_EQ(directory_.calls, before);
     lookup(L"k01");
-    EXPECT_EQ(channel_.calls, before + 1);
+    EXPECT_EQ(directory_.calls, before + 1);
     EXPECT_TRUE(log_.has(LogLevel::Info, "WinEventLogChannel::WinLookupAdObjCache::removeOldestKey: Removed ad "
                                          "object is adObj='k02', hits=1"));
 }
@@ -133,7 +133,7 @@ TEST_F(AdObjCacheTest, DisabledCacheAlwaysTranslates) {
     cache_.configure(s);
     lookup(L"x");
     lookup(L"x");
-    EXPECT_EQ(channel_.calls, 2);
+    EXPECT_EQ(directory_.calls, 2);
     EXPECT_EQ(cache_.size(), 0u);
 }
 

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "LogCapture.h"
-#include "channel/EvtApi.h"
-#include "channel/WinEventLogAPIInitializer.h"
+#include "eventlog/EvtApi.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 
 using namespace skorva;
 using skorva::test::LogCapture;

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "channel/WinEventLogAPIInitializer.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 #include "platform/Strings.h"
 
 using namespace skorva;

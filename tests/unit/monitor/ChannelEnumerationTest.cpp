@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "LogCapture.h"
-#include "channel/EvtApi.h"
-#include "channel/WinEventLogAPIInitializer.h"
+#include "eventlog/EvtApi.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 #include "monitor/WinEventMon.h"
 
 using namespace skorva;

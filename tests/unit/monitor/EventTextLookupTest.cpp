@@ -3,7 +3,7 @@
 #include <string>
 
 #include "SampleEvents.h"
-#include "monitor/EventTextLookup.h"
+#include "filter/EventTextLookup.h"
 
 using namespace skorva;
 using namespace skorva::test;

@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "LogCapture.h"
-#include "monitor/FilterParser.h"
+#include "filter/FilterParser.h"
 
 using namespace skorva;
 using skorva::test::LogCapture;

@@ -16,7 +16,7 @@
 #include "EvtsimInProcess.h"
 #include "LogCapture.h"
 #include "RunTestSupport.h"
-#include "channel/WinEventLogAPIInitializer.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 #include "main/Run.h"
 #include "platform/Clock.h"
 #include "platform/Paths.h"

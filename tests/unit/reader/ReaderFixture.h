@@ -11,7 +11,7 @@
 
 #include "EvtsimInProcess.h"
 #include "LogCapture.h"
-#include "channel/WinEventLogAPIInitializer.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 #include "channel/WinEventLogChannel.h"
 #include "platform/Clock.h"
 

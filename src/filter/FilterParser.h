@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "monitor/FilterRules.h"
+#include "filter/FilterRules.h"
 
 namespace skorva {
 

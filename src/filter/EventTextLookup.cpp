@@ -1,4 +1,4 @@
-#include "monitor/EventTextLookup.h"
+#include "filter/EventTextLookup.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "monitor/StanzaValues.h"
+#include "config/StanzaValues.h"
 
 #include <limits>
 

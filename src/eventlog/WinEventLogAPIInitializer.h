@@ -1,7 +1,7 @@
 #pragma once
 // Resolves the event log (wevtapi.dll), event collector (Wecapi.dll) and
 // directory (Netapi32.dll, Ntdsapi.dll) entry points into the process-wide
-// table (channel/EvtApi.h). Libraries are taken from the system directory only,
+// table (eventlog/EvtApi.h). Libraries are taken from the system directory only,
 // by full path, so a DLL of the same name beside the executable is never used.
 //
 // The event log and directory groups are tried once per process (the first

@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "monitor/FilterRules.h"
+#include "filter/FilterRules.h"
 
 namespace skorva {
 

@@ -1,11 +1,11 @@
-#include "channel/WinEventLogAPIInitializer.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 
 #include <atomic>
 #include <cstdio>
 #include <cwchar>
 #include <mutex>
 
-#include "channel/EvtApi.h"
+#include "eventlog/EvtApi.h"
 #include "platform/Handles.h"
 #include "platform/Logger.h"
 

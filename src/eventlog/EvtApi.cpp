@@ -1,4 +1,4 @@
-#include "channel/EvtApi.h"
+#include "eventlog/EvtApi.h"
 
 namespace skorva {
 

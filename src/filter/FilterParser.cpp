@@ -1,4 +1,4 @@
-#include "monitor/FilterParser.h"
+#include "filter/FilterParser.h"
 
 #include <algorithm>
 #include <cstdint>
