@@ -171,10 +171,8 @@ bool WinEventLogChannel::queryEvtChannel(const std::wstring& name, bool forward,
                         (forward ? EvtQueryForwardDirection : EvtQueryReverseDirection);
     resultHandle_.reset(evtApi().EvtQuery(nullptr, name.c_str(), L"*", flags));
     if (!resultHandle_) {
-        const DWORD error = ::GetLastError();
-        channelMissing_ = error == ERROR_EVT_CHANNEL_NOT_FOUND;
+        channelMissing_ = ::GetLastError() == ERROR_EVT_CHANNEL_NOT_FOUND;
         LOG_ERROR("%s: Failed to query Windows Event Log channel=%S", fn, name.c_str());
-        ::SetLastError(error);
         return false;
     }
     setReversePhase(!forward && !fromFile);
@@ -221,11 +219,9 @@ bool WinEventLogChannel::subscribeToEvtChannel(const std::wstring& name) {
         ok = subscribe(nullptr, EvtSubscribeStartAtOldestRecord);
     }
     if (!ok) {
-        const DWORD error = ::GetLastError();
-        channelMissing_ = error == ERROR_EVT_CHANNEL_NOT_FOUND;
+        channelMissing_ = ::GetLastError() == ERROR_EVT_CHANNEL_NOT_FOUND;
         subscribed_ = false;
         LOG_ERROR("%s: Could not subscribe to Windows Event Log channel '%s'", fn, narrowName.c_str());
-        ::SetLastError(error);
         return false;
     }
     subscribed_ = true;

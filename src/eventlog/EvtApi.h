@@ -78,16 +78,12 @@ struct ApiTable {
 ApiTable& apiTable();
 inline const EvtApi& evtApi() { return apiTable().evt; }
 
-// Owner of an EVT_HANDLE (query, subscription, event, bookmark, render context,
-// publisher metadata, channel enumeration), closed through the table.
-struct EvtHandleTraits {
-    using handle_type = EVT_HANDLE;
-    static EVT_HANDLE invalid() noexcept { return nullptr; }
-    static bool isValid(EVT_HANDLE h) noexcept { return h != nullptr; }
-    static void close(EVT_HANDLE h) noexcept {
-        if (auto fn = apiTable().evt.EvtClose) fn(h);
-    }
-};
-using UniqueEvtHandle = UniqueResource<EvtHandleTraits>;
+// Closes through the table: an EVT_HANDLE (query, subscription, event, bookmark,
+// render context, publisher metadata, channel enumeration) belongs to the
+// library that made it.
+inline void closeEvtHandle(EVT_HANDLE h) noexcept {
+    if (auto fn = apiTable().evt.EvtClose) fn(h);
+}
+using UniqueEvtHandle = UniqueAny<EVT_HANDLE, &closeEvtHandle>;
 
 }  // namespace skorva
