@@ -41,6 +41,7 @@ TEST(ShutdownWatcher, ParentFromTheEnvironment) {
         {std::to_wstring(pi.dwProcessId), 97},
         {L"not-a-pid", 98},
         {L"", -1},  // empty: nothing to watch
+        {std::to_wstring(GetCurrentProcessId()), -1},  // alive: the watch is woken and joined at the end
     };
     for (const auto& c : cases) {
         SetEnvironmentVariableW(L"SKORVAD_PROCESSID", c.value.c_str());
