@@ -16,9 +16,6 @@ namespace skorva {
 
 namespace {
 
-// An interval of all-ones means "never": the sum must not wrap to the past.
-uint64_t addSaturated(uint64_t a, uint64_t b) { return b > UINT64_MAX - a ? UINT64_MAX : a + b; }
-
 // The record a bookmark names ("... RecordId='386038' IsCurrent='true'/>"), the
 // current one when it holds several; 0 when it names none.
 uint64_t bookmarkRecordId(std::string_view text) {
@@ -41,7 +38,7 @@ uint64_t bookmarkRecordId(std::string_view text) {
 void WinEventLogChannel::initCheckpointState() {
     if (!settings_.checkpointDir.empty())
         checkpointFilePath_ = skorva::checkpointFilePath(settings_.checkpointDir, channelNameW_);
-    nextCheckpointDue_ = addSaturated(tickNow(), settings_.checkpointIntervalMs);
+    nextCheckpointDue_ = addSaturating(tickNow(), settings_.checkpointIntervalMs);
     checkpointMap_ = {{"record_id", "0"}, {"channel", channelName_}};
 }
 
@@ -95,7 +92,7 @@ bool WinEventLogChannel::checkPoint(EVT_HANDLE event, uint64_t recordNumber, boo
                   channelName_.c_str(), static_cast<unsigned long long>(recId));
         return false;
     }
-    nextCheckpointDue_ = addSaturated(now, settings_.checkpointIntervalMs);
+    nextCheckpointDue_ = addSaturating(now, settings_.checkpointIntervalMs);
     pendingBookmark_.reset();
     return true;
 }
@@ -125,7 +122,7 @@ bool WinEventLogChannel::legacyCheckPoint(uint64_t recordNumber, bool force) {
     if (!WELCheckPoint::saveCheckpointStr(checkpointPathFor(reversePhase_ ? L"reverse" : L""), str,
                                           settings_.checkpointSync))
         return false;
-    nextCheckpointDue_ = addSaturated(now, settings_.checkpointIntervalMs);
+    nextCheckpointDue_ = addSaturating(now, settings_.checkpointIntervalMs);
     pendingLegacy_ = false;
     return true;
 }

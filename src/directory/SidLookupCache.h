@@ -72,9 +72,4 @@ private:
 // the SID cannot be converted.
 bool sidToString(PSID sid, std::wstring& out);
 
-// Saturating: an expiry never wraps around to the past.
-inline uint64_t addSaturating(uint64_t a, uint64_t b) {
-    return a > UINT64_MAX - b ? UINT64_MAX : a + b;
-}
-
 }  // namespace skorva

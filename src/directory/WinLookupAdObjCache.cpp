@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "directory/SidLookupCache.h"
 #include "platform/Clock.h"
 #include "platform/Logger.h"
 
