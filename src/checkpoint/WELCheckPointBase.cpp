@@ -1,6 +1,6 @@
 #include "checkpoint/WELCheckPointBase.h"
 
-#include "eventlog/EvtApi.h"
+#include "eventlog/Bookmark.h"
 #include "platform/Logger.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
@@ -19,12 +19,7 @@ ReadResult readJoined(const std::wstring& path, std::string& out) {
     return out.empty() ? ReadResult::Empty : ReadResult::Ok;
 }
 
-bool acceptedAsBookmark(const std::string& content) {
-    const auto create = evtApi().EvtCreateBookmark;
-    if (!create) return false;
-    UniqueEvtHandle bookmark(create(widen(content).c_str()));
-    return bookmark.valid();
-}
+bool acceptedAsBookmark(const std::string& content) { return Bookmark().createFrom(content); }
 
 }  // namespace
 

@@ -6,27 +6,10 @@
 #include <set>
 #include <string>
 
-#include "filter/FilterRules.h"
+#include "config/CacheSettings.h"
+#include "filter/FilterSet.h"
 
 namespace skorva {
-
-// Settings of a channel's directory-object cache.
-struct AdCacheSettings {
-    bool disabled = false;
-    bool derived = false;          // hit threshold computed
-    uint64_t expiryMs = 3600000;
-    uint64_t negativeExpiryMs = 10000;
-    uint32_t maxEntries = 1000;
-    uint32_t hitThreshold = 0;
-};
-
-// The process-wide SID cache settings (taken from the first configured stanza).
-struct SidCacheSettings {
-    bool disabled = false;
-    uint64_t expiryMs = 3600000;
-    uint64_t negativeExpiryMs = 10000;
-    uint64_t maxEntries = 1000;
-};
 
 enum class DcKind : int { Automatic = 1, Primary = 2 };
 
@@ -58,11 +41,7 @@ struct ChannelSettings {
     std::wstring dnsName;
     DcKind dcKind = DcKind::Automatic;
     EventCodeRanges guidSkipCodes;
-    FilterList whitelist;
-    FilterList blacklist;
-    // Some rule needs the formatted message: the whole-event rules are then
-    // skipped and the message-bearing keys are checked one by one instead.
-    bool filterOnMessage = false;
+    FilterSet filters;  // whitelist and blacklist
     std::set<std::wstring, std::less<>> excludedFields;  // looked up by string_view
     AdCacheSettings adCache;
     uint64_t channelWaitSeconds = 0;

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "config/ChannelSettings.h"
+#include "config/CacheSettings.h"
 #include "platform/Handles.h"
 
 namespace skorva {

@@ -11,7 +11,7 @@
 #include <map>
 #include <string>
 
-#include "config/ChannelSettings.h"
+#include "config/CacheSettings.h"
 
 namespace skorva {
 

@@ -86,4 +86,13 @@ inline void closeEvtHandle(EVT_HANDLE h) noexcept {
 }
 using UniqueEvtHandle = UniqueAny<EVT_HANDLE, &closeEvtHandle>;
 
+// Closes `handle` now, for a caller that reports a failed close; the error of
+// a failed EvtClose, else 0.
+inline DWORD closeEvtHandleNow(UniqueEvtHandle& handle) {
+    const EVT_HANDLE raw = handle.release();
+    const auto close = apiTable().evt.EvtClose;
+    if (!raw || !close || close(raw)) return 0;
+    return ::GetLastError();
+}
+
 }  // namespace skorva

@@ -37,6 +37,18 @@ std::string WinEventMon::channelFromStanza(const std::string& stanzaName) {
     return stanzaName;
 }
 
+bool WinEventMon::include_event(const std::string& text, const std::string& stanzaName) const {
+    static const char* const fn = "WinEventMon::include_event";
+    LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, stanzaName.c_str());
+    auto it = stanzaChannels_.find(stanzaName);
+    const WinEventLogChannel* channel =
+        it != stanzaChannels_.end() ? it->second : findChannel(channelFromStanza(stanzaName));
+    if (!channel) return true;
+    const ChannelSettings& s = channel->settings();
+    if (s.filters.onMessage) return true;  // decided by includeMessageKeys once the message is formatted
+    return s.filters.admitsText(text, s.renderXml, fn);
+}
+
 bool WinEventMon::systemIsVistaOrLater() const {
     OSVERSIONINFOEXW info = {};
     info.dwOSVersionInfoSize = sizeof info;

@@ -4,7 +4,6 @@
 // Members by concern, each implemented in its own source file:
 //   ChannelEnumeration.cpp   enumEvtLogChannels
 //   WinEventMonConfigure.cpp configure
-//   WinEventMonFilter.cpp    include_event and the rule evaluation it shares
 //   WinEventMonRun.cpp       init, start, stop and the channel workers
 //   WinEventMonProcess.cpp   processLogChannel, processEvent
 
@@ -146,9 +145,6 @@ private:
     bool giveUpOn(ChannelWork& work, const EventRecord& event);
     // The rules of a channel whose filters wait for the formatted message.
     bool includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch) const;
-    // Whitelist then blacklist rules on one event's text, rule by rule; `fn`
-    // names the caller in the log.
-    static bool rulesAdmit(const ChannelSettings& settings, std::string_view text, const char* fn);
     void postCompletion(ChannelWork& work);
     void workerDone();
     void writeEvent(const ModinputEvent& record);

@@ -204,7 +204,7 @@ void WinEventMon::readSettings(const Stanza& stanza, const std::string& channel,
             if (value.empty()) continue;
             FilterRuleMap rule;
             if (parseFilterValue(key, value, s.renderXml, rule))
-                addFilterRule(key, rule, white, white ? s.whitelist : s.blacklist, s.filterOnMessage);
+                addFilterRule(key, rule, white, white ? s.filters.whitelist : s.filters.blacklist, s.filters.onMessage);
         }
     }
 
@@ -215,7 +215,7 @@ void WinEventMon::readSettings(const Stanza& stanza, const std::string& channel,
             if (field.empty()) continue;
             s.excludedFields.insert(widen(field));
             LOG_DEBUG("Excluding field: '%s' from event", field.c_str());
-            checkExcludedField(field, s.whitelist, s.blacklist);
+            checkExcludedField(field, s.filters.whitelist, s.filters.blacklist);
         }
     }
 }

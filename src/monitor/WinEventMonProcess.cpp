@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <mutex>
 
-#include "filter/EventTextLookup.h"
 #include "monitor/WinEventMon.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"
@@ -308,7 +307,7 @@ bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScra
         classicText(event.fields, record.data);
 
     if (!include_event(record.data, settings.stanzaName)) return false;
-    if (settings.filterOnMessage && !includeMessageKeys(channel, scratch)) return false;
+    if (settings.filters.onMessage && !includeMessageKeys(channel, scratch)) return false;
 
     char time[24];
     snprintf(time, sizeof time, "%llu", static_cast<unsigned long long>(event.time));
@@ -327,7 +326,7 @@ bool WinEventMon::includeMessageKeys(const WinEventLogChannel& channel, OutputSc
     static const char* const fn = "WinEventMon::includeMessageKeys";
     const ChannelSettings& settings = channel.settings();
     LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, settings.stanzaName.c_str());
-    return rulesAdmit(settings, scratch.record.data, fn);
+    return settings.filters.admitsText(scratch.record.data, settings.renderXml, fn);
 }
 
 void WinEventMon::writeEvent(const ModinputEvent& record) {

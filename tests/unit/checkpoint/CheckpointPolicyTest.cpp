@@ -160,7 +160,7 @@ TEST_F(CheckpointPolicy, RestoredBookmarkResumesAfterTheSavedEvent) {
         EXPECT_TRUE(log.has(LogLevel::Info, "WinEventLogChannel::getBookMark: No checkpoint file available"));
     }
     for (uint64_t rec = 1; rec <= 3; ++rec) ASSERT_TRUE(send(*ch, rec));
-    UniqueEvtHandle bookmark = ch->getBookMark();
+    Bookmark bookmark = ch->getBookMark();
     ASSERT_TRUE(bookmark.valid());
     open(EvtQueryForwardDirection);
     ASSERT_TRUE(evtApi().EvtSeek(results_.get(), 1, bookmark.get(), 0, EvtSeekRelativeToBookmark));

@@ -159,7 +159,7 @@ TEST(FilterEvaluation, OneMessageValueExcludesOnlyWhenItSettlesTheRules) {
 
 TEST(FilterEvaluation, MessageKeysWaitForTheFormattedMessage) {
     Monitor m(Params{{"whitelist", "Message=%logged on%"}, {"blacklist", "Message=%secret%"}});
-    ASSERT_TRUE(m.channel().settings().filterOnMessage);
+    ASSERT_TRUE(m.channel().settings().filters.onMessage);
     // The whole-event rules step aside: they are decided once the message is formatted.
     EXPECT_TRUE(m.mon.include_event(kClassicFailedLogonCrLf, kStanza));
 

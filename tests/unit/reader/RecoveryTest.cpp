@@ -137,8 +137,8 @@ TEST_F(Recovery, EventCodeFilterDropsEventsBeforeTheyAreFormatted) {
     for (const auto& c : cases) {
         log_.clear();
         ChannelSettings s = settings();
-        if (!c.white.empty()) s.whitelist.codeLists.push_back(c.white);
-        if (!c.black.empty()) s.blacklist.codeLists.push_back(c.black);
+        if (!c.white.empty()) s.filters.whitelist.codeLists.push_back(c.white);
+        if (!c.black.empty()) s.filters.blacklist.codeLists.push_back(c.black);
         WinEventLogChannel& ch = open(s);
         EventBatch records;
         ch.getEventsNew(records);

@@ -15,15 +15,13 @@
 // the channel subscribes after the anchor: records that arrived meanwhile are
 // read forward once. A later run knows the phase is over from a main
 // checkpoint without a "reverse" one.
+#include "channel/ModernReader.h"
+
 #include <algorithm>
 #include <utility>
 
-#include "eventlog/WinEventLogAPIInitializer.h"
-#include "channel/WinEventLogChannel.h"
-#include "checkpoint/WELCheckPointBase.h"
 #include "platform/Clock.h"
 #include "platform/Logger.h"
-#include "platform/Paths.h"
 #include "platform/Strings.h"
 
 namespace skorva {
@@ -32,38 +30,27 @@ namespace {
 
 constexpr DWORD kMissingChannelPauseMs = 20000;  // a removed channel is not polled in a tight loop
 constexpr uint64_t kSlowTranslationMs = 10;
-constexpr size_t kRecordIdValue = 0;  // positions in the render context
-constexpr size_t kEventIdValue = 4;
-
-// Closes `handle` now; the error of a failed EvtClose, else 0.
-DWORD closeNow(UniqueEvtHandle& handle) {
-    const EVT_HANDLE raw = handle.release();
-    const auto close = evtApi().EvtClose;
-    if (!raw || !close || close(raw)) return 0;
-    return ::GetLastError();
-}
 
 }  // namespace
 
-bool WinEventLogChannel::init() {
-    static const char* const fn = "WinEventLogChannel::init";
-    LOG_DEBUG("%s: Initialize Event Log channel '%S'.", fn, channelNameW_.c_str());
-    LOG_DEBUG("%s: eventFormat = %s", fn, settings_.wecEventFormat.c_str());
+ModernReader::ModernReader(const std::string& channelName, const std::wstring& channelNameW,
+                           const ChannelSettings& settings, EventRenderer& renderer, SidTextTranslator& sids,
+                           CheckpointPolicy& checkpoints)
+    : channelName_(channelName),
+      channelNameW_(channelNameW),
+      settings_(settings),
+      renderer_(renderer),
+      sids_(sids),
+      checkpoints_(checkpoints) {}
 
-    if (WinEventLogAPIInitializer::isEcApiAvailable() && !collectorSubscriptionsAccepted()) {
-        LOG_ERROR("%s: Invalid config or enumLocalWECSubscriptions failure for channel = %s", fn,
-                  channelName_.c_str());
-        uninit();
-        return false;
-    }
-    renderContext_.reset();
+bool ModernReader::prepare(const char* fn) {
+    renderer_.closeRenderContext();
     // Binding to a domain controller for evt_resolve_ad_obj comes with the
     // directory translation (a later stage); SIDs are translated locally.
 
     notifyEvent_.reset(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
     if (!notifyEvent_) {
         LOG_ERROR("%s: Failed to create notify event handler: (%lu)", fn, ::GetLastError());
-        uninit();
         return false;
     }
     LOG_DEBUG("%s: Creating notify event handler: (%lu)", fn, ::GetLastError());
@@ -74,69 +61,26 @@ bool WinEventLogChannel::init() {
     eventSlots_.assign(batchSize_, nullptr);
     startFromNewest_ = settings_.startFrom == "newest";
     if (!positionLoaded_) loadPosition();
-
-    if (settings_.useOldApi || !WinEventLogAPIInitializer::isEvtApiAvailable()) {
-        LOG_INFO("%s: Initializing Windows Event Log Api for XP", fn);
-        LOG_ERROR("%s: The legacy event log reader is not available in this build; channel '%s' is not read", fn,
-                  channelName_.c_str());
-        uninit();
-        return false;
-    }
-    if (!openModern(fn)) {
-        uninit();
-        return false;
-    }
-
-    channelMissing_ = false;
-    channelState_ = true;
-    initialized_ = true;
-    LOG_INFO("%s: Successfully Initialized channel %s", fn, channelName_.c_str());
     return true;
 }
 
 // The checkpoint files as the last run left them. Done once: afterwards the
 // position in memory is newer than any file.
-void WinEventLogChannel::loadPosition() {
-    static const char* const fn = "WinEventLogChannel::init";
+void ModernReader::loadPosition() {
     positionLoaded_ = true;
-    if (checkpointFilePath_.empty()) return;
-    for (const wchar_t* suffix : {L"", L"reverse"}) {
-        const std::wstring path = checkpointPathFor(suffix);
-        if (!pathExists(path) || WELCheckPointBase::validateCheckpointStr(path)) continue;
-        LOG_ERROR("%s: Failed to checkpoint for channel='%s'", fn, channelName_.c_str());
-        quarantineUnreadable(path);
-    }
-    if (startFromNewest_) {
-        reverseState_ = reversePhaseEndedEarlier() ? ReverseState::Done : ReverseState::Open;
-        if (reverseState_ == ReverseState::Open) {
-            anchor_ = getBookMark(L"reverse", &anchorId_);
-            anchorSaved_ = anchor_.valid();
-        }
-    }
-    if (!settings_.currentOnly || reverseState_ == ReverseState::Open) position_ = getBookMark(std::wstring(), &positionId_);
+    if (checkpoints_.checkpointFilePath().empty()) return;
+    checkpoints_.loadFiles(startFromNewest_);
+    if (!settings_.currentOnly || checkpoints_.phaseOpen())
+        position_ = checkpoints_.getBookMark(std::wstring(), &positionId_);
 }
 
-// A file that is neither a bookmark nor a checkpoint string is set aside, not
-// deleted: the operator may still want what it holds.
-void WinEventLogChannel::quarantineUnreadable(const std::wstring& path) {
-    static const char* const fn = "WinEventLogChannel::init";
-    const std::wstring kept = path + L".unreadable";
-    if (::MoveFileExW(longPath(path).c_str(), longPath(kept).c_str(), MOVEFILE_REPLACE_EXISTING)) {
-        LOG_ERROR("%s: Checkpoint file='%s' of channel='%s' cannot be read and is kept as '%s'; the channel starts as "
-                  "its settings say, so events may be sent again",
-                  fn, narrow(path).c_str(), channelName_.c_str(), narrow(kept).c_str());
-    } else {
-        LOG_ERROR("%s: Checkpoint file='%s' of channel='%s' cannot be read nor moved aside (error=%lu); the channel "
-                  "starts as its settings say, so events may be sent again",
-                  fn, narrow(path).c_str(), channelName_.c_str(), ::GetLastError());
-    }
+void ModernReader::opened() {
+    channelMissing_ = false;
+    channelState_ = true;
+    initialized_ = true;
 }
 
-// The event collector subscription check is built by a later stage; until
-// then every channel passes it.
-bool WinEventLogChannel::collectorSubscriptionsAccepted() const { return true; }
-
-bool WinEventLogChannel::openModern(const char* fn) {
+bool ModernReader::open(const char* fn) {
     channelMissing_ = false;
     if (reversePhaseOpen()) {
         if (!queryEvtChannel(channelNameW_, false, false)) {
@@ -148,7 +92,7 @@ bool WinEventLogChannel::openModern(const char* fn) {
                   channelName_.c_str(), ::GetLastError());
         return false;
     }
-    if (!setRenderContext()) {
+    if (!renderer_.setRenderContext()) {
         LOG_ERROR("%s: Init failed, unable to set render context for Windows Event Log channel'%s'.", fn,
                   channelName_.c_str());
         return false;
@@ -156,12 +100,7 @@ bool WinEventLogChannel::openModern(const char* fn) {
     return true;
 }
 
-bool WinEventLogChannel::reversePhaseEndedEarlier() const {
-    return !checkpointFilePath_.empty() && pathExists(checkpointFilePath_) &&
-           !pathExists(checkpointPathFor(L"reverse"));
-}
-
-bool WinEventLogChannel::queryEvtChannel(const std::wstring& name, bool forward, bool fromFile) {
+bool ModernReader::queryEvtChannel(const std::wstring& name, bool forward, bool fromFile) {
     static const char* const fn = "WinEventLogChannel::queryEvtChannel";
     LOG_DEBUG("%s Query channel %S", fn, name.c_str());
     subscribed_ = false;
@@ -177,7 +116,7 @@ bool WinEventLogChannel::queryEvtChannel(const std::wstring& name, bool forward,
     }
     setReversePhase(!forward && !fromFile);
     if (fromFile) {
-        const UniqueEvtHandle bookmark = getBookMark();
+        const Bookmark bookmark = checkpoints_.getBookMark();
         if (bookmark) evtApi().EvtSeek(resultHandle_.get(), 0, bookmark.get(), 0, EvtSeekRelativeToBookmark);
         return true;
     }
@@ -186,17 +125,17 @@ bool WinEventLogChannel::queryEvtChannel(const std::wstring& name, bool forward,
     // lands on, records already sent are skipped by their id: a seek past the
     // end lands on the last record rather than nowhere.
     const bool afterPosition = position_.valid();
-    EVT_HANDLE from = afterPosition ? position_.get() : anchor_.get();
+    EVT_HANDLE from = afterPosition ? position_.get() : checkpoints_.anchor();
     if (!from) return true;
     guardActive_ = true;
-    guardId_ = afterPosition ? positionId_ : anchorId_;
+    guardId_ = afterPosition ? positionId_ : checkpoints_.anchorId();
     guardInclusive_ = !afterPosition;
     if (!evtApi().EvtSeek(resultHandle_.get(), afterPosition ? 1 : 0, from, 0, EvtSeekRelativeToBookmark))
         LOG_ERROR("%s: Unable to set seek position to the given bookmark", fn);
     return true;
 }
 
-bool WinEventLogChannel::subscribeToEvtChannel(const std::wstring& name) {
+bool ModernReader::subscribeToEvtChannel(const std::wstring& name) {
     static const char* const fn = "WinEventLogChannel::subscribeToEvtChannel";
     LOG_DEBUG("%s: Subscribe to channel %S", fn, name.c_str());
     // current_only skips what the last run left; within a run nothing is skipped.
@@ -233,37 +172,24 @@ bool WinEventLogChannel::subscribeToEvtChannel(const std::wstring& name) {
     return true;
 }
 
-void WinEventLogChannel::endReversePhase() {
-    static const char* const fn = "WinEventLogChannel::endReversePhase";
+void ModernReader::endReversePhase() {
     setReversePhase(false);
-    reverseState_ = ReverseState::Done;
     guardActive_ = false;
-    // The oldest record read backwards must not reach the file after this.
-    pendingBookmark_.reset();
-    if (anchor_ && !checkpointFilePath_.empty() && !settings_.suppressCheckpoint) {
-        if (!writeBookmark(anchor_.get(), std::wstring())) {
-            // The "reverse" file stays, so a restart finishes the phase rather than skip it.
-            LOG_ERROR("%s: Failed to checkpoint for channel='%s'", fn, channelName_.c_str());
-        } else {
-            const std::wstring reversePath = checkpointPathFor(L"reverse");
-            if (pathExists(reversePath) && !::DeleteFileW(longPath(reversePath).c_str()))
-                LOG_WARN("%s: Failed to remove checkpoint_file='%s' for channel='%s', error=%lu", fn,
-                         narrow(reversePath).c_str(), channelName_.c_str(), ::GetLastError());
-        }
-    }
-    if (anchor_) {
-        position_ = std::move(anchor_);
-        positionId_ = anchorId_;
+    uint64_t anchorId = 0;
+    Bookmark anchor = checkpoints_.endPhase(anchorId);
+    if (anchor) {
+        position_ = std::move(anchor);
+        positionId_ = anchorId;
         positionFromRun_ = true;
     }
     uninit();
 }
 
-void WinEventLogChannel::markWritten(EVT_HANDLE event, uint64_t recordNumber) {
+void ModernReader::markWritten(EVT_HANDLE event, uint64_t recordNumber) {
     const EvtApi& api = evtApi();
     if (!event || !api.EvtCreateBookmark || !api.EvtUpdateBookmark) return;
-    if (!position_) position_.reset(api.EvtCreateBookmark(nullptr));
-    if (!position_ || !api.EvtUpdateBookmark(position_.get(), event)) {
+    if (!position_) position_.create();
+    if (!position_.update(event)) {
         LOG_ERROR("%s: Failed to update Windows Event Log bookmark, channel='%s'", "WinEventLogChannel::markWritten",
                   channelName_.c_str());
         return;
@@ -272,12 +198,12 @@ void WinEventLogChannel::markWritten(EVT_HANDLE event, uint64_t recordNumber) {
     positionFromRun_ = true;
 }
 
-void WinEventLogChannel::uninit() {
+void ModernReader::uninit() {
     LOG_DEBUG("Uninitializing Windows Event Log channel '%s'", channelName_.c_str());
-    if (const DWORD error = closeNow(resultHandle_))
+    if (const DWORD error = closeEvtHandleNow(resultHandle_))
         LOG_WARN("Failed to close handle for channel '%s' errorcode = %x", channelName_.c_str(),
                  static_cast<unsigned>(error));
-    if (const DWORD error = closeNow(renderContext_))
+    if (const DWORD error = renderer_.closeRenderContext())
         LOG_WARN("Failed to close renderContext for channel '%s' errorcode = %x", channelName_.c_str(),
                  static_cast<unsigned>(error));
     notifyEvent_.reset();
@@ -288,7 +214,7 @@ void WinEventLogChannel::uninit() {
     LOG_INFO("channel '%s' is un-initialized", channelName_.c_str());
 }
 
-void WinEventLogChannel::getEventsNew(EventBatch& records) {
+void ModernReader::getEventsNew(EventBatch& records) {
     static const char* const fn = "WinEventLogChannel::getEventsNew";
     eventsPending_ = false;
     if (!initialized_) return;
@@ -318,15 +244,14 @@ void WinEventLogChannel::getEventsNew(EventBatch& records) {
     }
 }
 
-WinEventLogChannel::BatchEnd WinEventLogChannel::readBatch(EventBatch& records, uint32_t count) {
+ModernReader::BatchEnd ModernReader::readBatch(EventBatch& records, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i)
         if (!readEvent(records, i, count)) return BatchEnd::Stop;
     return count < batchSize_ ? BatchEnd::Short : BatchEnd::Full;
 }
 
 // False when the rest of this call is given up.
-bool WinEventLogChannel::readEvent(EventBatch& records, uint32_t index, uint32_t count) {
-    static const char* const fn = "WinEventLogChannel::getEventsNew";
+bool ModernReader::readEvent(EventBatch& records, uint32_t index, uint32_t count) {
     EventRecord& record = records.emplace_back();
     record.handle.reset(std::exchange(eventSlots_[index], nullptr));
 
@@ -343,30 +268,16 @@ bool WinEventLogChannel::readEvent(EventBatch& records, uint32_t index, uint32_t
         return false;
     };
 
-    DWORD error = renderEvent(record, values_, valuesSize_);
+    DWORD error = renderer_.renderEvent(record, values_, valuesSize_);
     if (error) return goesOnAfter(error);
     const auto* values = reinterpret_cast<const EVT_VARIANT*>(values_.data());
-    if (reversePhase_ && values[kRecordIdValue].Type == EvtVarTypeUInt64) {
-        const uint64_t id = values[kRecordIdValue].UInt64Val;
-        if (!anchor_) {
-            anchor_ = bookmarkFor(record.handle.get());
-            anchorId_ = id;
-        }
-        if (alreadySent(id)) {
-            records.pop_back();
-            return true;
-        }
+    if (!admitted(values, record)) {
+        records.pop_back();
+        return true;
     }
-    if (values[kEventIdValue].Type == EvtVarTypeUInt16) {
-        record.eventCode = values[kEventIdValue].UInt16Val;
-        if (!includeEvent(record.eventCode)) {
-            records.pop_back();
-            return true;
-        }
-    }
-    if (settings_.renderXml && (error = renderEventAsXml(record)) != 0) return goesOnAfter(error);
+    if (settings_.renderXml && (error = renderer_.renderEventAsXml(record)) != 0) return goesOnAfter(error);
 
-    error = setEventProperties(values, record);
+    error = renderer_.setEventProperties(values, record);
     if (error) {
         LOG_ERROR("Failed to set properties for event; EventRecordID=%llu channel=\"%s\" error=%lu",
                   static_cast<unsigned long long>(record.recordNumber), channelName_.c_str(), error);
@@ -375,25 +286,41 @@ bool WinEventLogChannel::readEvent(EventBatch& records, uint32_t index, uint32_t
             return false;
         }
     }
-
     // Directory-object translation of the message (evt_resolve_ad_obj) belongs
     // here; it comes with a later stage.
-    if (settings_.resolveAdObj) {
-        LOG_INFO("%s (%d): translating SID", fn, 1070);
-        const uint64_t started = tickNow();
-        narrowInto(record.message, sidMessage_);
-        translateSidLocally(sidMessage_, record.xml);
-        // With XML only the XML is translated and the message is left as it was.
-        if (record.xml.empty()) widenInto(sidMessage_, record.message);
-        const uint64_t took = tickNow() - started;
-        if (took > kSlowTranslationMs)
-            LOG_INFO("%s: translateSidLocally took=%llu msec", fn, static_cast<unsigned long long>(took));
-    }
+    if (settings_.resolveAdObj) translateSids(record);
     if (!settings_.renderXml) record.addField(L"Message", record.message, settings_.excludedFields);
     return true;
 }
 
-bool WinEventLogChannel::handleGetEventsError(bool anyRead, uint32_t index, uint32_t count) {
+// Records the newest-first reading sent already, and event codes the ranges
+// exclude, are dropped before anything else is rendered.
+bool ModernReader::admitted(const EVT_VARIANT* values, EventRecord& record) {
+    const EVT_VARIANT& recordId = values[EventRenderer::kRecordId];
+    if (reversePhase_ && recordId.Type == EvtVarTypeUInt64) {
+        checkpoints_.noteAnchor(record.handle.get(), recordId.UInt64Val);
+        if (alreadySent(recordId.UInt64Val)) return false;
+    }
+    const EVT_VARIANT& eventId = values[EventRenderer::kEventId];
+    if (eventId.Type != EvtVarTypeUInt16) return true;
+    record.eventCode = eventId.UInt16Val;
+    return settings_.filters.admitsCode(record.eventCode, "WinEventLogChannelBase::includeEvent", channelName_);
+}
+
+void ModernReader::translateSids(EventRecord& record) {
+    static const char* const fn = "WinEventLogChannel::getEventsNew";
+    LOG_INFO("%s (%d): translating SID", fn, 1070);
+    const uint64_t started = tickNow();
+    narrowInto(record.message, sidMessage_);
+    sids_.translate(sidMessage_, record.xml);
+    // With XML only the XML is translated and the message is left as it was.
+    if (record.xml.empty()) widenInto(sidMessage_, record.message);
+    const uint64_t took = tickNow() - started;
+    if (took > kSlowTranslationMs)
+        LOG_INFO("%s: translateSidLocally took=%llu msec", fn, static_cast<unsigned long long>(took));
+}
+
+bool ModernReader::handleGetEventsError(bool anyRead, uint32_t index, uint32_t count) {
     static const char* const fn = "WinEventLogChannelBase::handleGetEventsError";
     const DWORD error = ::GetLastError();
     switch (error) {
@@ -441,13 +368,13 @@ bool WinEventLogChannel::handleGetEventsError(bool anyRead, uint32_t index, uint
     return anyRead;
 }
 
-void WinEventLogChannel::logNoEvents(const char* fn, DWORD error) const {
+void ModernReader::logNoEvents(const char* fn, DWORD error) const {
     LOG_DEBUG("%s: EventNext returned no events for Windows Event Log channel='%s', Error=(0x%x). Try reducing "
               "'batch_size' config value in inputs.conf. Current batch_size = %ld",
               fn, channelName_.c_str(), static_cast<unsigned>(error), static_cast<long>(batchSize_));
 }
 
-void WinEventLogChannel::resetChannel(EventBatch& records, uint32_t index, uint32_t count) {
+void ModernReader::resetChannel(EventBatch& records, uint32_t index, uint32_t count) {
     closeSlots(index + 1, count);
     if (!records.empty()) records.pop_back();
     LOG_INFO("%s: Setting the '%s' channel state to updated", "WinEventLogChannelBase::resetChannel",
@@ -455,7 +382,7 @@ void WinEventLogChannel::resetChannel(EventBatch& records, uint32_t index, uint3
     channelState_ = false;
 }
 
-void WinEventLogChannel::closeSlots(uint32_t from, uint32_t count) {
+void ModernReader::closeSlots(uint32_t from, uint32_t count) {
     const auto close = evtApi().EvtClose;
     const uint32_t end = std::min<uint32_t>(count, static_cast<uint32_t>(eventSlots_.size()));
     for (uint32_t i = from; i < end; ++i)
