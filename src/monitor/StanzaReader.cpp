@@ -1,10 +1,8 @@
-#include <cstdint>
-#include <string>
+#include "monitor/StanzaReader.h"
 
-#include "directory/SidLookupCache.h"
+#include <cstdint>
+
 #include "filter/FilterParser.h"
-#include "config/StanzaValues.h"
-#include "monitor/WinEventMon.h"
 #include "platform/LoaderInfo.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"
@@ -54,67 +52,46 @@ uint64_t secondsToMs(uint32_t seconds) { return static_cast<uint64_t>(seconds) *
 
 }  // namespace
 
-bool WinEventMon::configure(const std::map<std::string, Stanza>& stanzas) {
-    const bool vista = systemIsVistaOrLater();
-    bool anyStanza = false;
-    for (const auto& [name, stanza] : stanzas) {
-        if (name == "default") continue;
-        StanzaValues values(stanza.params);
-        if (values.disabled()) continue;
-        anyStanza = true;
-
-        if (asciiLower(name).compare(0, 12, "wineventlog:") != 0) {
-            LOG_ERROR("%s Found a stanza named '%s' without the WinEventLog prefix, this will not be processed.", kFn,
-                      name.c_str());
-            continue;
-        }
-        const std::string written = channelFromStanza(name);
-        const std::string lower = asciiLower(written);
-        auto known = knownChannels_.find(lower);
-        if (known == knownChannels_.end()) {
-            LOG_ERROR("%s: Failed to find Event Log with channel name='%s'", kFn, written.c_str());
-            continue;
-        }
-        if (channels_.count(lower)) {
-            LOG_ERROR("%s: Duplicate channels found in config. channel name='%s'", kFn, lower.c_str());
-            continue;
-        }
-        ChannelSettings settings;
-        settings.stanzaName = name;
-        readSettings(stanza, known->second, written, vista, settings);
-        auto channel = std::make_unique<WinEventLogChannel>(known->second, std::move(settings));
-        stanzaChannels_[name] = channel.get();
-        channels_.emplace(lower, std::move(channel));
-    }
-    if (sidCacheRead_) SidLookupCache::instance().configure(sidCacheSettings_);
-    return anyStanza;
+void StanzaReader::read(const Stanza& stanza, const std::string& channel, const std::string& written, bool vista,
+                        ChannelSettings& s) {
+    StanzaValues v(stanza.params);
+    readPolling(v, s);
+    const std::string& format = v.text("wec_event_format");
+    LOG_DEBUG("%s: evtFmt = %s channelName = %s", kFn, format.c_str(), channel.c_str());
+    s.wecEventFormat = wecEventFormat(format, channel);
+    readResolution(v, s);
+    readRendering(v, written, vista, s);
+    readDcKind(v, s);
+    readCaches(v, s);
+    logSummary(channel, s);
+    readFilters(v, s);
+    readExcludedFields(v, s);
 }
 
-void WinEventMon::readSettings(const Stanza& stanza, const std::string& channel, const std::string& written,
-                               bool vista, ChannelSettings& s) {
-    StanzaValues v(stanza.params);
+void StanzaReader::readPolling(const StanzaValues& v, ChannelSettings& s) const {
     s.threadWaitMs = v.getInt("thread_wait_time_msec", 5000);
     s.currentOnly = v.getBool("current_only", false);
     s.batchSize = v.getInt("batch_size", 10);
 
-    int32_t interval = v.getInt("checkpointInterval", 0);
+    const int32_t interval = v.getInt("checkpointInterval", 0);
     s.checkpointIntervalMs = interval < 0 ? UINT64_MAX : static_cast<uint64_t>(interval) * 1000;
     s.checkpointSync = v.getBool("checkpointSync", false);
     s.suppressCheckpoint = v.getBool("suppress_checkpoint", false);
+    s.checkpointDir = checkpointDir_;
 
     const std::string& startFrom = v.text("start_from");
     s.startFrom = startFrom.empty() ? "oldest" : startFrom;
 
-    int32_t wait = v.getInt("channel_wait_time", 0);
-    s.channelWaitSeconds = static_cast<uint64_t>(wait < 0 ? 0 : (wait > kMaxChannelWaitSeconds ? kMaxChannelWaitSeconds : wait));
+    const int32_t wait = v.getInt("channel_wait_time", 0);
+    s.channelWaitSeconds =
+        static_cast<uint64_t>(wait < 0 ? 0 : (wait > kMaxChannelWaitSeconds ? kMaxChannelWaitSeconds : wait));
 
-    const std::string& format = v.text("wec_event_format");
-    LOG_DEBUG("%s: evtFmt = %s channelName = %s", kFn, format.c_str(), channel.c_str());
-    s.wecEventFormat = wecEventFormat(format, channel);
+    const int32_t threads = v.getInt("use_threads", 0);
+    s.threadCount = threads > kMaxThreads ? kMaxThreads : threads;
+}
 
-    s.checkpointDir = checkpointDir_;
+void StanzaReader::readResolution(const StanzaValues& v, ChannelSettings& s) const {
     s.resolveAdObj = v.getBool("evt_resolve_ad_obj", false);
-
     const std::string& skipGuid = v.text("evt_skip_GUID_resolution");
     if (!skipGuid.empty()) {
         if (s.resolveAdObj) {
@@ -124,12 +101,14 @@ void WinEventMon::readSettings(const Stanza& stanza, const std::string& channel,
             LOG_INFO("Not skipping GUID resolutions for: %s, because evt_resolve_ad_obj is false", skipGuid.c_str());
         }
     }
-
     s.dcName = domainControllerName(v.text("evt_dc_name"));
     const std::string& dns = v.text("evt_dns_name");
     if (!dns.empty()) s.dnsName = widen(dns);
-    s.index = v.text("index");
+}
 
+void StanzaReader::readRendering(const StanzaValues& v, const std::string& written, bool vista,
+                                 ChannelSettings& s) const {
+    s.index = v.text("index");
     s.useOldApi = v.getBool("use_old_eventlog_api", false);
     s.suppressText = v.getBool("suppress_text", false);
     s.suppressSourceName = v.getBool("suppress_sourcename", false);
@@ -138,47 +117,45 @@ void WinEventMon::readSettings(const Stanza& stanza, const std::string& channel,
     s.suppressOpcode = v.getBool("suppress_opcode", false);
     s.suppressKeywords = v.getBool("suppress_keywords", false);
     s.renderXml = v.getBool("renderXml", false);
-
-    int32_t threads = v.getInt("use_threads", 0);
-    s.threadCount = threads > kMaxThreads ? kMaxThreads : threads;
-
     if (s.renderXml && !vista) {
         LOG_WARN("%s: Operating system is pre Vista. Render XML disabled.", kFn);
         s.renderXml = false;
     }
-
-    s.dcKind = DcKind::Automatic;
-    const std::string& adDs = v.text("evt_resolve_ad_ds");
-    if (!adDs.empty()) {
-        if (!s.dcName.empty()) {
-            LOG_INFO("%s: evt_dc_name is set, ignoring evt_resolve_ad_ds setting", kFn);
-        } else {
-            std::string kind = asciiLower(adDs);
-            if (kind == "pdc")
-                s.dcKind = DcKind::Primary;
-            else if (kind != "auto")
-                LOG_INFO("%s: evt_resolve_ad_ds is set, but it is not AUTO or PDC, using AUTO", kFn);
-        }
-    }
-
     const std::string& source = v.text("source");
     s.source = source.empty() ? "WinEventLog:" + written : source;
     const std::string& sourceType = v.text("sourcetype");
     s.sourceType = !sourceType.empty() ? sourceType : (s.renderXml ? "XmlWinEventLog:" : "WinEventLog:") + written;
+}
 
+void StanzaReader::readDcKind(const StanzaValues& v, ChannelSettings& s) const {
+    s.dcKind = DcKind::Automatic;
+    const std::string& adDs = v.text("evt_resolve_ad_ds");
+    if (adDs.empty()) return;
+    if (!s.dcName.empty()) {
+        LOG_INFO("%s: evt_dc_name is set, ignoring evt_resolve_ad_ds setting", kFn);
+        return;
+    }
+    const std::string kind = asciiLower(adDs);
+    if (kind == "pdc")
+        s.dcKind = DcKind::Primary;
+    else if (kind != "auto")
+        LOG_INFO("%s: evt_resolve_ad_ds is set, but it is not AUTO or PDC, using AUTO", kFn);
+}
+
+void StanzaReader::readCaches(const StanzaValues& v, ChannelSettings& s) {
     s.adCache.disabled = v.getBool("evt_ad_cache_disabled", false);
     s.adCache.expiryMs = secondsToMs(v.getUInt("evt_ad_cache_exp", 3600));
     s.adCache.negativeExpiryMs = secondsToMs(v.getUInt("evt_ad_cache_exp_neg", 10));
     s.adCache.maxEntries = v.getUInt("evt_ad_cache_max_entries", 1000);
+    if (sidCacheRead_) return;
+    sidCacheRead_ = true;
+    sidCacheSettings_.disabled = v.getBool("evt_sid_cache_disabled", false);
+    sidCacheSettings_.expiryMs = secondsToMs(v.getUInt("evt_sid_cache_exp", 3600));
+    sidCacheSettings_.negativeExpiryMs = secondsToMs(v.getUInt("evt_sid_cache_exp_neg", 10));
+    sidCacheSettings_.maxEntries = v.getUInt("evt_sid_cache_max_entries", 1000);
+}
 
-    if (!sidCacheRead_) {
-        sidCacheRead_ = true;
-        sidCacheSettings_.disabled = v.getBool("evt_sid_cache_disabled", false);
-        sidCacheSettings_.expiryMs = secondsToMs(v.getUInt("evt_sid_cache_exp", 3600));
-        sidCacheSettings_.negativeExpiryMs = secondsToMs(v.getUInt("evt_sid_cache_exp_neg", 10));
-        sidCacheSettings_.maxEntries = v.getUInt("evt_sid_cache_max_entries", 1000);
-    }
-
+void StanzaReader::logSummary(const std::string& channel, const ChannelSettings& s) const {
     LOG_INFO("%s: configure stanza %s:  channel = %s, startFrom = %s, currentOnly = %s, wec_event_format = %s, dc name "
              "= %s, dns name = %s, bind to DC = %d index = %s, suppress text = %s, render XML = %s, suppress_sourcename "
              "= %s, use_old_eventlog_api = %s, suppress_type = %s, suppress_task = %s, suppress_opcode = %s, "
@@ -196,7 +173,9 @@ void WinEventMon::readSettings(const Stanza& stanza, const std::string& channel,
              sidCacheSettings_.disabled ? 1 : 0, static_cast<unsigned long long>(sidCacheSettings_.expiryMs),
              static_cast<unsigned long long>(sidCacheSettings_.negativeExpiryMs),
              static_cast<int>(sidCacheSettings_.maxEntries));
+}
 
+void StanzaReader::readFilters(const StanzaValues& v, ChannelSettings& s) const {
     for (int n = 0; n <= 9; ++n) {
         for (bool white : {true, false}) {
             const std::string key = filterKey(white ? "whitelist" : "blacklist", n);
@@ -204,19 +183,21 @@ void WinEventMon::readSettings(const Stanza& stanza, const std::string& channel,
             if (value.empty()) continue;
             FilterRuleMap rule;
             if (parseFilterValue(key, value, s.renderXml, rule))
-                addFilterRule(key, rule, white, white ? s.filters.whitelist : s.filters.blacklist, s.filters.onMessage);
+                addFilterRule(key, rule, white, white ? s.filters.whitelist : s.filters.blacklist,
+                              s.filters.onMessage);
         }
     }
+}
 
+void StanzaReader::readExcludedFields(const StanzaValues& v, ChannelSettings& s) const {
     const std::string& excluded = v.text("evt_exclude_fields");
-    if (!excluded.empty()) {
-        for (const std::string& piece : split(excluded, ',')) {
-            std::string field = trim(piece);
-            if (field.empty()) continue;
-            s.excludedFields.insert(widen(field));
-            LOG_DEBUG("Excluding field: '%s' from event", field.c_str());
-            checkExcludedField(field, s.filters.whitelist, s.filters.blacklist);
-        }
+    if (excluded.empty()) return;
+    for (const std::string& piece : split(excluded, ',')) {
+        std::string field = trim(piece);
+        if (field.empty()) continue;
+        s.excludedFields.insert(widen(field));
+        LOG_DEBUG("Excluding field: '%s' from event", field.c_str());
+        checkExcludedField(field, s.filters.whitelist, s.filters.blacklist);
     }
 }
 

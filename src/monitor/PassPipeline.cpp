@@ -2,12 +2,13 @@
 // current one is written, large batches are split over writer threads, and the
 // position is checkpointed only once a whole batch is out, so a crash repeats
 // at most one batch.
-#include <cstdio>
-#include <mutex>
+#include "monitor/PassPipeline.h"
+
+#include <utility>
+#include <vector>
 
 #include "monitor/WinEventMon.h"
 #include "platform/Logger.h"
-#include "platform/Strings.h"
 
 namespace skorva {
 
@@ -82,8 +83,8 @@ private:
 };
 
 struct WriterSlice {
-    WinEventMon* monitor;
-    WinEventMon::ChannelWork* work;
+    PassPipeline* pipeline;
+    ChannelWork* work;
     EventRecord* first;
     size_t count;
     size_t written;  // events written before the first that failed
@@ -92,34 +93,41 @@ struct WriterSlice {
 
 DWORD WINAPI writeSlice(void* param) {
     WriterSlice& slice = *static_cast<WriterSlice*>(param);
-    WinEventMon::OutputScratch scratch;
-    slice.written = slice.monitor->writeEvents(*slice.work, slice.first, slice.count, scratch);
+    OutputScratch scratch;
+    slice.written = slice.pipeline->writeEvents(*slice.work, slice.first, slice.count, scratch);
     return 0;
 }
 
-// The classic text: "key=value" per field, "$"-keys by their value alone, each
-// value ended by a line feed, the whole trimmed.
-void classicText(const EventFields& fields, std::string& out) {
-    out.clear();
-    for (const auto [key, value] : fields) {
-        if (!key.empty() && key[0] != L'$') {
-            appendNarrow(key, out);
-            out += '=';
-        }
-        appendNarrow(value, out);
-        if (value.empty() || value.back() != L'\n') out += '\n';
+// The newest event written in this pass: the position reading resumes after,
+// checkpointed after each batch.
+class PassPosition {
+public:
+    explicit PassPosition(WinEventLogChannel& channel) : channel_(channel) {}
+    void advance(EventRecord& event) {
+        last_ = std::move(event.handle);
+        record_ = event.recordNumber;
+        channel_.markWritten(last_.get(), record_);
     }
-    size_t end = out.size();
-    while (end > 0 && isSpace(out[end - 1])) --end;
-    out.resize(end);
-    size_t begin = 0;
-    while (begin < out.size() && isSpace(out[begin])) ++begin;
-    out.erase(0, begin);
-}
+    void checkpoint() const {
+        if (channel_.settings().suppressCheckpoint || !last_) return;
+        if (!channel_.checkPoint(last_.get(), record_, false))
+            LOG_ERROR("%s: Failed to checkpoint for channel='%s'", kProcess, channel_.channelName().c_str());
+    }
+    void finish() {
+        if (!last_) return;
+        checkpoint();
+        last_.reset();
+    }
+
+private:
+    WinEventLogChannel& channel_;
+    UniqueEvtHandle last_;
+    uint64_t record_ = 0;
+};
 
 }  // namespace
 
-unsigned WinEventMon::writerThreadCount(size_t size, int32_t threadCount, size_t& share) {
+unsigned PassPipeline::writerThreadCount(size_t size, int32_t threadCount, size_t& share) {
     share = 0;
     if (threadCount <= 0) return 0;
     // The calling thread counts as one: d writer threads plus it share the batch.
@@ -133,17 +141,15 @@ unsigned WinEventMon::writerThreadCount(size_t size, int32_t threadCount, size_t
     return static_cast<unsigned>(d);
 }
 
-void WinEventMon::processLogChannel(ChannelWork& work) {
+void PassPipeline::run(ChannelWork& work) {
     static const char* const fn = kProcess;
     WinEventLogChannel& channel = *work.channel;
-    const ChannelSettings& settings = channel.settings();
     const char* name = channel.channelName().c_str();
     LOG_DEBUG("%s: Process channel %s", fn, name);
     if (!channel.initialized()) {
         LOG_ERROR("%s: Process channel %s but channel is not initialized", fn, name);
         return;
     }
-
     EventBatch* reading = &work.batches[0];
     EventBatch* current = &work.batches[1];
     BatchReader reader(channel, channel.readingReverse());
@@ -151,95 +157,38 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
         LOG_ERROR("%s: Could not create reading thread 0x%08x", fn, static_cast<unsigned>(::GetLastError()));
         return;
     }
-
-    UniqueEvtHandle lastEvent;  // the newest event written: the position to resume after
-    uint64_t lastRecord = 0;
+    PassPosition position(channel);
     uint64_t retrieved = 0;
     OutputScratch scratch;
-    std::vector<WriterSlice> writers;
-    writers.reserve(settings.threadCount > 0 ? static_cast<size_t>(settings.threadCount) : 0);
-    std::vector<HANDLE> writerHandles;
-    writerHandles.reserve(writers.capacity());
-    const auto checkpoint = [&] {
-        if (settings.suppressCheckpoint || !lastEvent) return;
-        if (!channel.checkPoint(lastEvent.get(), lastRecord, false))
-            LOG_ERROR("%s: Failed to checkpoint for channel='%s'", fn, name);
-    };
-
-    bool last = false;
+    bool more = true;
     bool readAhead = true;  // a read was started and not yet finished
-    while (!last) {
+    while (more) {
         const DWORD exitCode = reader.finish();
         readAhead = false;
         std::swap(reading, current);
         if (exitCode != 0) break;
-
         // Stopping: the batch in hand is the last one of this pass.
-        if (channel.eventsPending() && !stop_.load()) {
-            if (reader.start(*reading)) {
-                readAhead = true;
-            } else {
-                // What was read already still goes out and is checkpointed.
-                LOG_ERROR("%s: Could not create reader thread 0x%08x", fn, static_cast<unsigned>(::GetLastError()));
-                last = true;
-            }
-        } else {
-            last = true;
+        more = channel.eventsPending() && !stop_.load();
+        if (more && !reader.start(*reading)) {
+            // What was read already still goes out and is checkpointed.
+            LOG_ERROR("%s: Could not create reader thread 0x%08x", fn, static_cast<unsigned>(::GetLastError()));
+            more = false;
         }
+        readAhead = more;
 
         EventBatch& batch = *current;
         const size_t size = batch.size();
         LOG_INFO("%s: Process channel %s. Current batch has %llu events", fn, name,
                  static_cast<unsigned long long>(size));
-
-        size_t share = 0;
-        const unsigned planned = writerThreadCount(size, settings.threadCount, share);
-        size_t taken = 0;
-        for (unsigned i = 0; i < planned; ++i) {
-            writers.push_back(WriterSlice{this, &work, batch.data() + taken, share, 0, UniqueHandle()});
-            WriterSlice& slice = writers.back();
-            slice.thread.reset(::CreateThread(nullptr, 0, &writeSlice, &slice, 0, nullptr));
-            if (!slice.thread) {
-                LOG_ERROR("%s: Could not create writer thread(%d) total threads=%d 0x%08x", fn, static_cast<int>(i),
-                          static_cast<int>(planned), static_cast<unsigned>(::GetLastError()));
-                writers.pop_back();
-                break;
-            }
-            writerHandles.push_back(slice.thread.get());
-            taken += share;
-        }
-
-        const size_t ownWritten = taken + writeEvents(work, batch.data() + taken, size - taken, scratch);
-        if (!writerHandles.empty())
-            ::WaitForMultipleObjects(static_cast<DWORD>(writerHandles.size()), writerHandles.data(), TRUE, INFINITE);
         // Written in batch order up to the first event that failed: the position
         // never passes an event that did not go out.
-        size_t written = ownWritten;
-        size_t sliceStart = 0;
-        for (const WriterSlice& slice : writers) {
-            if (slice.written < slice.count) {
-                written = sliceStart + slice.written;
-                break;
-            }
-            sliceStart += slice.count;
-        }
+        size_t written = writeBatch(work, batch, scratch);
         const bool failed = written < size;
         if (failed && giveUpOn(work, batch[written])) ++written;
-        if (written > 0) {
-            lastEvent = std::move(batch[written - 1].handle);
-            lastRecord = batch[written - 1].recordNumber;
-            channel.markWritten(lastEvent.get(), lastRecord);
-        }
-
-        checkpoint();
+        if (written > 0) position.advance(batch[written - 1]);
+        position.checkpoint();
         retrieved += size;
         work.total += size;
-        for (WriterSlice& slice : writers) {
-            LOG_DEBUG("%s: closing thread handle", fn);
-            slice.thread.reset();
-        }
-        writers.clear();
-        writerHandles.clear();
         if (failed) {
             // The rest is read again once the channel is opened after the last event written.
             channel.setUpdated();
@@ -247,11 +196,7 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
         }
     }
     if (readAhead) reader.finish();  // a batch read ahead of a failure is read again later
-
-    if (lastEvent) {
-        checkpoint();
-        lastEvent.reset();
-    }
+    position.finish();
     // Idle channels hold no records.
     reading->release();
     current->release();
@@ -261,11 +206,50 @@ void WinEventMon::processLogChannel(ChannelWork& work) {
               static_cast<unsigned long long>(work.emptyMsg.load()), name);
 }
 
-size_t WinEventMon::writeEvents(ChannelWork& work, EventRecord* first, size_t count, OutputScratch& scratch) {
+size_t PassPipeline::writeBatch(ChannelWork& work, EventBatch& batch, OutputScratch& scratch) {
+    const size_t size = batch.size();
+    size_t share = 0;
+    const unsigned planned = writerThreadCount(size, work.channel->settings().threadCount, share);
+    std::vector<WriterSlice> writers;
+    writers.reserve(planned);  // no slice moves while its thread runs
+    std::vector<HANDLE> handles;
+    handles.reserve(planned);
+    size_t taken = 0;
+    for (unsigned i = 0; i < planned; ++i) {
+        WriterSlice& slice = writers.emplace_back(WriterSlice{this, &work, batch.data() + taken, share, 0, UniqueHandle()});
+        slice.thread.reset(::CreateThread(nullptr, 0, &writeSlice, &slice, 0, nullptr));
+        if (!slice.thread) {
+            LOG_ERROR("%s: Could not create writer thread(%d) total threads=%d 0x%08x", kProcess, static_cast<int>(i),
+                      static_cast<int>(planned), static_cast<unsigned>(::GetLastError()));
+            writers.pop_back();
+            break;
+        }
+        handles.push_back(slice.thread.get());
+        taken += share;
+    }
+    size_t written = taken + writeEvents(work, batch.data() + taken, size - taken, scratch);
+    if (!handles.empty())
+        ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), TRUE, INFINITE);
+    size_t sliceStart = 0;
+    for (const WriterSlice& slice : writers) {
+        if (slice.written < slice.count) {
+            written = sliceStart + slice.written;
+            break;
+        }
+        sliceStart += slice.count;
+    }
+    for (WriterSlice& slice : writers) {
+        LOG_DEBUG("%s: closing thread handle", kProcess);
+        slice.thread.reset();
+    }
+    return written;
+}
+
+size_t PassPipeline::writeEvents(ChannelWork& work, EventRecord* first, size_t count, OutputScratch& scratch) {
     for (size_t i = 0; i < count; ++i) {
         const char* reason = "unknown error";
         try {
-            processEvent(work, first[i], scratch);
+            monitor_.processEvent(work, first[i], scratch);
             continue;
         } catch (const std::exception& e) {
             reason = e.what();
@@ -282,7 +266,7 @@ size_t WinEventMon::writeEvents(ChannelWork& work, EventRecord* first, size_t co
 
 // An event that fails to be written again and again is given up, so that it
 // cannot hold its channel back for good.
-bool WinEventMon::giveUpOn(ChannelWork& work, const EventRecord& event) {
+bool PassPipeline::giveUpOn(ChannelWork& work, const EventRecord& event) {
     if (work.failingRecord != event.recordNumber) {
         work.failingRecord = event.recordNumber;
         work.failures = 0;
@@ -293,49 +277,6 @@ bool WinEventMon::giveUpOn(ChannelWork& work, const EventRecord& event) {
               kWriteAttempts);
     work.failures = 0;
     return true;
-}
-
-bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch) {
-    const WinEventLogChannel& channel = *work.channel;
-    const ChannelSettings& settings = channel.settings();
-    if (event.xml.empty() && event.message.empty()) ++work.emptyMsg;
-
-    ModinputEvent& record = scratch.record;
-    if (!event.xml.empty())
-        narrowInto(event.xml, record.data);
-    else
-        classicText(event.fields, record.data);
-
-    if (!include_event(record.data, settings.stanzaName)) return false;
-    if (settings.filters.onMessage && !includeMessageKeys(channel, scratch)) return false;
-
-    char time[24];
-    snprintf(time, sizeof time, "%llu", static_cast<unsigned long long>(event.time));
-    record.time = time;
-    record.stanza = settings.stanzaName;
-    record.index = settings.index;
-    record.source = settings.source;
-    record.sourcetype = settings.sourceType;
-    writeEvent(record);
-    return true;
-}
-
-// The message is part of the event's text by now: the rules are decided as on
-// any other event, rule by rule ("Object Type" is read from the message).
-bool WinEventMon::includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch) const {
-    static const char* const fn = "WinEventMon::includeMessageKeys";
-    const ChannelSettings& settings = channel.settings();
-    LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, settings.stanzaName.c_str());
-    return settings.filters.admitsText(scratch.record.data, settings.renderXml, fn);
-}
-
-void WinEventMon::writeEvent(const ModinputEvent& record) {
-    std::lock_guard<CriticalSection> lock(outputLock_);
-    if (!writer_) writer_ = std::make_unique<EventStreamWriter>(output_);
-    if (!writer_->writeEvent(record) && !outputFailed_) {
-        outputFailed_ = true;
-        LOG_ERROR("%s: Failed to write event to output", "WinEventMon::processEvent");
-    }
 }
 
 }  // namespace skorva

@@ -1,8 +1,5 @@
-// The monitor's run: first passes on the system thread pool, then one-shot
-// waits on each channel's notification event, re-armed by the dispatch loop
-// only, so that a channel never has two passes at once and needs no lock.
-#include "eventlog/WinEventLogAPIInitializer.h"
-#include "modinput/ConfigXmlStreamingParser.h"
+#include "monitor/Dispatcher.h"
+
 #include "monitor/WinEventMon.h"
 #include "platform/Clock.h"
 #include "platform/Logger.h"
@@ -17,62 +14,39 @@ constexpr uint32_t kRetrySleepMs = 2000;
 
 }  // namespace
 
-bool WinEventMon::init() {
-    static const char* const fn = "WinEventMon::init";
-    LOG_DEBUG("%s: Initailizing WinEventMon", fn);
-    bool ok = enumEvtLogChannels();
-    if (ok) {
-        ConfigXmlStreamingParser parser;
-        const InputConfig config = readConfigFromStdin(parser);
-        ok = configure(config.stanzas);
-    }
-    if (!ok) LOG_INFO("%s: Cannot configure windows event log monitor", fn);
-    return ok;
-}
-
-void WinEventMon::stop() {
-    LOG_DEBUG("%s: Signaling stopping", "WinEventMon::stop");
-    stop_.exchange(true);
-}
-
-const WinEventMon::ChannelWork* WinEventMon::channelWork(std::string_view channelName) const {
-    const WinEventLogChannel* channel = findChannel(channelName);
+const ChannelWork* Dispatcher::workOf(const WinEventLogChannel* channel) const {
     for (const auto& w : work_)
         if (w->channel == channel) return w.get();
     return nullptr;
 }
 
-void WinEventMon::prepareWork() {
+void Dispatcher::prepareWork(const ChannelMap& channels) {
     work_.clear();
-    for (const auto& entry : channels_) {
+    for (const auto& entry : channels) {
         auto w = std::make_unique<ChannelWork>();
         w->overlapped.work = w.get();
-        w->monitor = this;
+        w->monitor = &monitor_;
         w->channel = entry.second.get();
         work_.push_back(std::move(w));
     }
     if (!workerIdle_) workerIdle_.reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
 }
 
-void WinEventMon::workerDone() {
+void Dispatcher::workerDone() {
     if (--activeWorkers_ == 0 && workerIdle_) ::SetEvent(workerIdle_.get());
 }
 
-void WinEventMon::postCompletion(ChannelWork& work) {
+void Dispatcher::postCompletion(ChannelWork& work) {
     if (!::PostQueuedCompletionStatus(port_.get(), 0, 0, &work.overlapped.overlapped))
         LOG_ERROR("%s: Failed to post completion for channel %s. Error = %d", "WinEventMon::postCompletion",
                   work.channel->channelName().c_str(), static_cast<int>(::GetLastError()));
 }
 
-bool WinEventMon::start() {
+bool Dispatcher::run(const ChannelMap& channels) {
     static const char* const fn = "WinEventMon::start";
-    LOG_DEBUG("%s: Starting WinEventMon", fn);
-    knownChannels_.clear();
-    WinEventLogAPIInitializer::initWinEvtApi();
-
     port_.reset(::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
     if (!port_) return false;
-    prepareWork();
+    prepareWork(channels);
 
     long outstanding = 0;
     for (auto& w : work_) {
@@ -118,7 +92,7 @@ bool WinEventMon::start() {
 // A channel whose subscription is open and sound is left as it is: re-opening it
 // would resume from the checkpoint file, which lags behind the events already
 // written whenever checkpoints are deferred or suppressed.
-bool WinEventMon::makeAvailable(ChannelWork& w) {
+bool Dispatcher::makeAvailable(ChannelWork& w) {
     WinEventLogChannel& channel = *w.channel;
     const uint64_t limit = 2 * channel.settings().channelWaitSeconds;
     uint64_t attempts = 0;
@@ -137,7 +111,7 @@ bool WinEventMon::makeAvailable(ChannelWork& w) {
     return true;
 }
 
-bool WinEventMon::armWait(ChannelWork& w) {
+bool Dispatcher::armWait(ChannelWork& w) {
     static const char* const fn = "WinEventMon::start";
     WinEventLogChannel& channel = *w.channel;
     if (!channel.subscriptionReady()) {
@@ -158,7 +132,7 @@ bool WinEventMon::armWait(ChannelWork& w) {
 
 // Opens a channel for its first pass, waiting up to channel_wait_time for one
 // that is missing. False when it cannot be read (then reported).
-bool WinEventMon::openFirstPass(ChannelWork& w) {
+bool Dispatcher::openFirstPass(ChannelWork& w) {
     WinEventLogChannel& channel = *w.channel;
     const uint64_t limit = 2 * channel.settings().channelWaitSeconds;
     for (uint64_t attempts = 0;; ++attempts) {
@@ -173,7 +147,7 @@ bool WinEventMon::openFirstPass(ChannelWork& w) {
     }
 }
 
-void WinEventMon::reportUnavailable(const WinEventLogChannel& channel, uint64_t limit, uint64_t attempts) const {
+void Dispatcher::reportUnavailable(const WinEventLogChannel& channel, uint64_t limit, uint64_t attempts) const {
     static const char* const fn = "WinEventMon::start";
     if (limit != 0)
         LOG_ERROR("%s: Channel %s failed to become available in %d ms.", fn, channel.channelName().c_str(),
@@ -188,66 +162,66 @@ void WinEventMon::reportUnavailable(const WinEventLogChannel& channel, uint64_t 
 // here, on the thread that made its query, and is not over until the query
 // said so: a reset or an error re-opens it after the records already sent, and
 // a stop leaves it for the next run.
-DWORD WINAPI WinEventMon::ProcessChannelWorker(void* param) {
+void Dispatcher::firstPass(ChannelWork& w) {
     static const char* const fn = "WinEventMon::ProcessChannelWorker";
-    ChannelWork& w = *static_cast<ChannelWork*>(param);
-    WinEventMon& monitor = *w.monitor;
     WinEventLogChannel& channel = *w.channel;
-    const char* name = channel.channelName().c_str();
     struct Done {
-        WinEventMon& m;
-        ~Done() { m.workerDone(); }
-    } done{monitor};
+        Dispatcher& d;
+        ~Done() { d.workerDone(); }
+    } done{*this};
 
     LOG_DEBUG("%s: Refresh channel", fn);
-    if (monitor.stop_.load()) return 0;
-    if (!monitor.openFirstPass(w)) return 0;
+    if (stop_.load() || !openFirstPass(w)) return;
     for (;;) {
-        LOG_INFO("%s: Processing existing Windows Event Log '%s'", fn, name);
+        LOG_INFO("%s: Processing existing Windows Event Log '%s'", fn, channel.channelName().c_str());
         const uint64_t before = w.total.load();
         ::ResetEvent(channel.notifyEvent());
-        monitor.processLogChannel(w);
-
-        if (!channel.channelState()) {
-            channel.uninit();
-            LOG_INFO("%s: It seems like the Windows Event Log channel '%s' has been reset", fn, name);
-            if (!channel.reversePhaseOpen()) {
-                if (!monitor.stop_.load()) channel.init();
-                break;
-            }
-        } else if (channel.readingReverse()) {
-            if (channel.reverseComplete()) {
-                channel.endReversePhase();
-                LOG_INFO("%s: Finished processing existing Windows Event Log '%s' in reverse chronological order: "
-                         "total_events='%llu' with empty_msg='%llu'.",
-                         fn, name, static_cast<unsigned long long>(w.total.load()),
-                         static_cast<unsigned long long>(w.emptyMsg.load()));
-                break;
-            }
-            channel.uninit();  // the query is closed on its own thread
-        } else {
-            LOG_INFO("%s: Finished processing existing Windows Event Log '%s': total_events='%llu' with empty_msg='%llu'.",
-                     fn, name, static_cast<unsigned long long>(w.total.load()),
-                     static_cast<unsigned long long>(w.emptyMsg.load()));
-            break;
-        }
+        monitor_.processLogChannel(w);
+        if (firstPassOver(w)) break;
         // The newest-first reading goes on where it stopped.
-        if (monitor.stop_.load()) return 0;
+        if (stop_.load()) return;
         if (w.total.load() == before) sleepMs(kRetrySleepMs);  // no progress: not in a tight loop
-        if (!monitor.openFirstPass(w)) return 0;
+        if (!openFirstPass(w)) return;
     }
-    monitor.postCompletion(w);
-    return 0;
+    postCompletion(w);
 }
 
-void CALLBACK WinEventMon::ProcessChannelWaitWorker(void* param, BOOLEAN /*timedOut*/) {
-    ChannelWork& w = *static_cast<ChannelWork*>(param);
+bool Dispatcher::firstPassOver(ChannelWork& w) {
+    static const char* const fn = "WinEventMon::ProcessChannelWorker";
+    WinEventLogChannel& channel = *w.channel;
+    const char* name = channel.channelName().c_str();
+    if (!channel.channelState()) {
+        channel.uninit();
+        LOG_INFO("%s: It seems like the Windows Event Log channel '%s' has been reset", fn, name);
+        if (channel.reversePhaseOpen()) return false;
+        if (!stop_.load()) channel.init();
+        return true;
+    }
+    if (channel.readingReverse()) {
+        if (!channel.reverseComplete()) {
+            channel.uninit();  // the query is closed on its own thread
+            return false;
+        }
+        channel.endReversePhase();
+        LOG_INFO("%s: Finished processing existing Windows Event Log '%s' in reverse chronological order: "
+                 "total_events='%llu' with empty_msg='%llu'.",
+                 fn, name, static_cast<unsigned long long>(w.total.load()),
+                 static_cast<unsigned long long>(w.emptyMsg.load()));
+        return true;
+    }
+    LOG_INFO("%s: Finished processing existing Windows Event Log '%s': total_events='%llu' with empty_msg='%llu'.",
+             fn, name, static_cast<unsigned long long>(w.total.load()),
+             static_cast<unsigned long long>(w.emptyMsg.load()));
+    return true;
+}
+
+void Dispatcher::signalled(ChannelWork& w) {
     WinEventLogChannel& channel = *w.channel;
     LOG_INFO("%s: Wait signaled. processing channel %s", "WinEventMon::ProcessChannelWaitWorker",
              channel.channelName().c_str());
     ::ResetEvent(channel.notifyEvent());
-    if (!w.monitor->stop_.load()) w.monitor->processLogChannel(w);
-    w.monitor->postCompletion(w);
+    if (!stop_.load()) monitor_.processLogChannel(w);
+    postCompletion(w);
 }
 
 }  // namespace skorva

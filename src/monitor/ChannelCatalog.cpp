@@ -1,8 +1,10 @@
-#include <new>
+#include "monitor/ChannelCatalog.h"
+
 #include <vector>
 
+#include "eventlog/BufferGrowth.h"
+#include "eventlog/EvtApi.h"
 #include "eventlog/WinEventLogAPIInitializer.h"
-#include "monitor/WinEventMon.h"
 #include "platform/Handles.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"
@@ -13,14 +15,16 @@ namespace {
 const char* const kFn = "WinEventMon::enumEvtLogChannels";
 }
 
-bool WinEventMon::enumEvtLogChannels() {
+bool ChannelCatalog::enumerate() {
     LOG_DEBUG("%s: enumerate existing channels", kFn);
-    if (!WinEventLogAPIInitializer::isEvtApiAvailable()) return enumRegistryChannels();
-    return enumApiChannels();
+    if (!WinEventLogAPIInitializer::isEvtApiAvailable()) return enumerateRegistry();
+    return enumerateApi();
 }
 
+void ChannelCatalog::add(const std::string& name) { known_[asciiLower(name)] = name; }
+
 // Systems without the modern API list their classic logs under the EventLog service key.
-bool WinEventMon::enumRegistryChannels() {
+bool ChannelCatalog::enumerateRegistry() {
     LOG_INFO("%s: enumerate existing channels on XP/2003 systems", kFn);
     UniqueHKey key;
     if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\", 0, KEY_READ,
@@ -39,13 +43,12 @@ bool WinEventMon::enumRegistryChannels() {
     key.reset();
     for (const std::wstring& n : names) {
         LOG_INFO("%s: Find channel %S", kFn, n.c_str());
-        std::string narrowName = narrow(n);
-        knownChannels_[asciiLower(narrowName)] = narrowName;
+        add(narrow(n));
     }
     return true;
 }
 
-bool WinEventMon::enumApiChannels() {
+bool ChannelCatalog::enumerateApi() {
     LOG_INFO("%s: enumerate event log channels in Vista/2008 systems and above", kFn);
     const EvtApi& api = evtApi();
     UniqueEvtHandle channels(api.EvtOpenChannelEnum(nullptr, 0));
@@ -58,31 +61,20 @@ bool WinEventMon::enumApiChannels() {
     std::vector<wchar_t> buffer;
     DWORD size = 0;
     for (;;) {
-        DWORD used = 0;
-        if (api.EvtNextChannelPath(channels.get(), size, buffer.empty() ? nullptr : buffer.data(), &used)) {
-            std::string path = narrow(std::wstring_view(buffer.data()));
+        const SizedCall call = callSized(buffer, size, BufferGrowth{}, [&](wchar_t* data, DWORD chars, DWORD& used) {
+            return api.EvtNextChannelPath(channels.get(), chars, data, &used);
+        });
+        if (call.ok) {
+            const std::string path = narrow(buffer.empty() ? std::wstring_view() : std::wstring_view(buffer.data()));
             LOG_INFO("%s: Find channel %s", kFn, path.c_str());
-            knownChannels_[asciiLower(path)] = path;
+            add(path);
             continue;
         }
-        DWORD error = ::GetLastError();
-        if (error == ERROR_INSUFFICIENT_BUFFER && used > size) {
-            std::vector<wchar_t>().swap(buffer);
-            try {
-                buffer.resize(used);
-            } catch (const std::bad_alloc&) {
-                LOG_ERROR("%s: Failed to get next enumerated channel (error %d)\n.", kFn,
-                          static_cast<int>(ERROR_NOT_ENOUGH_MEMORY));
-                break;
-            }
-            size = used;
-            continue;
-        }
+        const DWORD error = call.outOfMemory ? static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY) : call.error;
         if (error != ERROR_NO_MORE_ITEMS)
             LOG_ERROR("%s: Failed to get next enumerated channel (error %d)\n.", kFn, static_cast<int>(error));
-        break;
+        return true;
     }
-    return true;
 }
 
 }  // namespace skorva
