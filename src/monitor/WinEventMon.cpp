@@ -7,7 +7,7 @@
 #include "checkpoint/CheckpointPath.h"
 #include "directory/SidLookupCache.h"
 #include "eventlog/WinEventLogAPIInitializer.h"
-#include "modinput/ConfigXmlStreamingParser.h"
+#include "modinput/ConfigInput.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"
 
