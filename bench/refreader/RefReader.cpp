@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "eventlog/BufferGrowth.h"  // the sizing protocol, as the product follows it
+
 namespace {
 
 struct Api {
@@ -109,6 +111,7 @@ int wmain(int argc, wchar_t** argv) {
     std::map<std::wstring, EVT_HANDLE> publishers;
     std::vector<EVT_HANDLE> events(batch);
     std::vector<BYTE> buffer(1 << 16);
+    DWORD bufferSize = static_cast<DWORD>(buffer.size());
     std::vector<wchar_t> text(1 << 14);
     Out out;
     unsigned long long total = 0;
@@ -117,13 +120,14 @@ int wmain(int argc, wchar_t** argv) {
     // Formats one field into `text`, growing it as the service asks.
     // A too small buffer may also come back "successful" with the text cut and
     // the full size in `used`.
+    DWORD textSize = static_cast<DWORD>(text.size());
+    skorva::BufferGrowth textGrowth;
+    textGrowth.extra = 1;
+    textGrowth.cutAnswer = [](bool ok, DWORD) { return ok; };
     auto format = [&](EVT_HANDLE meta, EVT_HANDLE ev, DWORD flag) -> bool {
-        DWORD used = 0;
-        const BOOL ok = api.FormatMessage(meta, ev, 0, 0, nullptr, flag, static_cast<DWORD>(text.size()), text.data(), &used);
-        if (ok && used <= text.size()) return true;
-        if (!ok && GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;
-        text.resize(used + 1);
-        return api.FormatMessage(meta, ev, 0, 0, nullptr, flag, static_cast<DWORD>(text.size()), text.data(), &used) != 0;
+        return skorva::callSized(text, textSize, textGrowth, [&](wchar_t* data, DWORD size, DWORD& used) {
+                   return api.FormatMessage(meta, ev, 0, 0, nullptr, flag, size, data, &used);
+               }).ok;
     };
 
     while (expected == 0 || total < expected) {
@@ -141,14 +145,13 @@ int wmain(int argc, wchar_t** argv) {
             continue;
         }
         for (DWORD i = 0; i < got; ++i) {
-            DWORD used = 0, count = 0;
+            DWORD count = 0;
             DWORD flags = ctx ? EvtRenderEventValues : EvtRenderEventXml;
-            if (!api.Render(ctx, events[i], flags, static_cast<DWORD>(buffer.size()), buffer.data(), &used, &count)) {
-                if (GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
-                    buffer.resize(used);
-                    api.Render(ctx, events[i], flags, static_cast<DWORD>(buffer.size()), buffer.data(), &used, &count);
-                }
-            }
+            const DWORD used = skorva::callSized(buffer, bufferSize, skorva::BufferGrowth{},
+                                                 [&](BYTE* data, DWORD size, DWORD& reported) {
+                                                     return api.Render(ctx, events[i], flags, size, data, &reported,
+                                                                       &count);
+                                                 }).used;
             if (!ctx) {
                 const auto* xml = reinterpret_cast<const wchar_t*>(buffer.data());
                 out.put(xml, used / sizeof(wchar_t) - 1);
