@@ -90,13 +90,11 @@ DWORD EventRenderer::renderEvent(EventRecord& record, std::vector<uint8_t>& buff
     }
     if (error == 0 && buffer.size() < kSystemValueCount * sizeof(EVT_VARIANT)) error = ERROR_INVALID_DATA;
     if (error == 0) return 0;
-    if (error == ERROR_INVALID_HANDLE) {
-        LOG_INFO("%s (%d): Failed to render event from channel='%s', buffer_used=%ld. Error=(0x%x)", kFn, 2530,
-                 channelName_.c_str(), static_cast<long>(call.used), static_cast<unsigned>(error));
-        return ERROR_INVALID_HANDLE;
-    }
-    LOG_INFO("%s (%d): Failed to render event from channel='%s', buffer_used=%ld. Error=(0x%x).", kFn, 2537,
-             channelName_.c_str(), static_cast<long>(call.used), static_cast<unsigned>(error));
+    const bool badHandle = error == ERROR_INVALID_HANDLE;  // ends the read: the channel is opened again
+    LOG_INFO(badHandle ? "%s (%d): Failed to render event from channel='%s', buffer_used=%ld. Error=(0x%x)"
+                       : "%s (%d): Failed to render event from channel='%s', buffer_used=%ld. Error=(0x%x).",
+             kFn, badHandle ? 2530 : 2537, channelName_.c_str(), static_cast<long>(call.used),
+             static_cast<unsigned>(error));
     return error;
 }
 
@@ -120,13 +118,11 @@ DWORD EventRenderer::renderEventAsXml(EventRecord& record) {
         record.xml.assign(text, wcsnlen(text, std::min<size_t>(call.used, xmlBuffer_.size()) / sizeof(wchar_t)));
         return 0;
     }
-    if (error == ERROR_INVALID_HANDLE) {
-        LOG_INFO("%s (%d) : Failed to render event from channel='%s', buffer_used=%ld. Error=(0x%x)", kFn, 2476,
-                 channelName_.c_str(), static_cast<long>(call.used), static_cast<unsigned>(error));
-        return ERROR_INVALID_HANDLE;
-    }
-    LOG_INFO("%s (%d): Failed to render XML event from channel='%s', buffer_used=%ld. Error=(0x%x).", kFn, 2483,
-             channelName_.c_str(), static_cast<long>(call.used), static_cast<unsigned>(error));
+    const bool badHandle = error == ERROR_INVALID_HANDLE;
+    LOG_INFO(badHandle ? "%s (%d) : Failed to render event from channel='%s', buffer_used=%ld. Error=(0x%x)"
+                       : "%s (%d): Failed to render XML event from channel='%s', buffer_used=%ld. Error=(0x%x).",
+             kFn, badHandle ? 2476 : 2483, channelName_.c_str(), static_cast<long>(call.used),
+             static_cast<unsigned>(error));
     return error;
 }
 
@@ -166,34 +162,25 @@ void EventRenderer::addSystemFields(const EVT_VARIANT* values, EventRecord& reco
     static const char* const kFn = "WinEventLogChannelBase::setEventProperties";
     const char* const channel = channelName_.c_str();
     const FieldNameSet& excluded = settings_.excludedFields;
-    std::wstring& text = fieldText_;
-    if (values[kTimeCreated].Type == EvtVarTypeFileTime && formatLocalTimestamp(values[kTimeCreated].FileTimeVal, text))
-        record.addField(L"$Timestamp", text, excluded);
-    else
-        LOG_INFO("%s: Failed to get timestamp from event, channel='%s'", kFn, channel);
-
-    if (isString(values[kChannel]))
-        record.addField(L"LogName", values[kChannel].StringVal, excluded);
-    else
-        LOG_INFO("%s: Failed to get the publisher name from event, channel='%s'", kFn, channel);
-
-    if (values[kEventId].Type == EvtVarTypeUInt16) {
-        record.eventCode = values[kEventId].UInt16Val;
-        record.addField(L"EventCode", Decimal(record.eventCode), excluded);
-    } else {
-        LOG_INFO("%s: Failed to get event id from event, channel='%s'", kFn, channel);
-    }
-
-    if (values[kLevel].Type == EvtVarTypeByte)
-        record.addField(L"EventType", Decimal(values[kLevel].ByteVal), excluded);
-    else
-        LOG_INFO("%s: Failed to get level id from event, channel='%s'", kFn, channel);
-
-    if (isString(values[kComputer]))
-        record.addField(L"ComputerName", values[kComputer].StringVal, excluded);
-    else
-        LOG_INFO("%s: Failed to get the computer name from event, channel='%s'", kFn, channel);
-
+    const auto field = [&](bool present, std::wstring_view key, std::wstring_view value, const char* what) {
+        if (present)
+            record.addField(key, value, excluded);
+        else
+            LOG_INFO("%s: Failed to get %s from event, channel='%s'", kFn, what, channel);
+    };
+    const auto text = [](const EVT_VARIANT& v) {
+        return isString(v) ? std::wstring_view(v.StringVal) : std::wstring_view();
+    };
+    const bool hasTime = values[kTimeCreated].Type == EvtVarTypeFileTime &&
+                         formatLocalTimestamp(values[kTimeCreated].FileTimeVal, fieldText_);
+    field(hasTime, L"$Timestamp", fieldText_, "timestamp");
+    field(isString(values[kChannel]), L"LogName", text(values[kChannel]), "the publisher name");
+    const bool hasCode = values[kEventId].Type == EvtVarTypeUInt16;
+    if (hasCode) record.eventCode = values[kEventId].UInt16Val;
+    field(hasCode, L"EventCode", Decimal(record.eventCode), "event id");
+    const bool hasLevel = values[kLevel].Type == EvtVarTypeByte;
+    field(hasLevel, L"EventType", Decimal(hasLevel ? values[kLevel].ByteVal : 0), "level id");
+    field(isString(values[kComputer]), L"ComputerName", text(values[kComputer]), "the computer name");
     if (values[kUserId].Type == EvtVarTypeSid && values[kUserId].SidVal)
         addUserFields(values[kUserId], record);
     else  // '%m' of the message: the C library's text for errno.

@@ -22,28 +22,24 @@ bool WinEventLogChannel::init() {
     LOG_DEBUG("%s: Initialize Event Log channel '%S'.", fn, channelNameW_.c_str());
     LOG_DEBUG("%s: eventFormat = %s", fn, settings_.wecEventFormat.c_str());
 
+    const auto fail = [this] {
+        uninit();
+        return false;
+    };
     if (WinEventLogAPIInitializer::isEcApiAvailable() && !collectorSubscriptionsAccepted()) {
         LOG_ERROR("%s: Invalid config or enumLocalWECSubscriptions failure for channel = %s", fn,
                   channelName_.c_str());
-        uninit();
-        return false;
+        return fail();
     }
-    if (!reader_.prepare(fn)) {
-        uninit();
-        return false;
-    }
+    if (!reader_.prepare(fn)) return fail();
     // The legacy reader takes this place once it exists.
     if (settings_.useOldApi || !WinEventLogAPIInitializer::isEvtApiAvailable()) {
         LOG_INFO("%s: Initializing Windows Event Log Api for XP", fn);
         LOG_ERROR("%s: The legacy event log reader is not available in this build; channel '%s' is not read", fn,
                   channelName_.c_str());
-        uninit();
-        return false;
+        return fail();
     }
-    if (!reader_.open(fn)) {
-        uninit();
-        return false;
-    }
+    if (!reader_.open(fn)) return fail();
     reader_.opened();
     LOG_INFO("%s: Successfully Initialized channel %s", fn, channelName_.c_str());
     return true;

@@ -55,14 +55,16 @@ bool CheckpointPolicy::checkPoint(EVT_HANDLE event, uint64_t recordNumber, bool 
     LOG_DEBUG("%s: Checkpointing for Windows Event Log channel='%s' at rec_id='%llu'", kCheckPoint,
               channelName_.c_str(), static_cast<unsigned long long>(recId));
     if (!fromEvent && !pendingBookmark_) {
-        LOG_DEBUG("%s: Checkpointing for Windows Event Log channel='%s' at rec_id='%llu' failed because evtHandle is NULL",
+        LOG_DEBUG("%s: Checkpointing for Windows Event Log channel='%s' at rec_id='%llu' failed because evtHandle is "
+                  "NULL",
                   kCheckPoint, channelName_.c_str(), static_cast<unsigned long long>(recId));
         return false;
     }
     // Without the anchor on disk a later run would take a main checkpoint inside
     // the phase for its end and never read the older records.
     if (!saveAnchor(recId)) return false;
-    const bool saved = fromEvent ? saveBookMark(event, std::wstring()) : writeBookmark(pendingBookmark_, std::wstring());
+    const bool saved =
+        fromEvent ? saveBookMark(event, std::wstring()) : writeBookmark(pendingBookmark_, std::wstring());
     if (!saved) {
         // Kept pending: the next due call retries with a newer event.
         LOG_DEBUG("%s: Failed to save bookmark for Windows Event Log channel='%s', rec_id='%llu'", kCheckPoint,
@@ -174,7 +176,8 @@ Bookmark CheckpointPolicy::getBookMark(const std::wstring& suffix, uint64_t* rec
         LOG_WARN("%s: Failed to get checkpoint string from persistent storage file='%s'", fn, narrow(path).c_str());
         return bookmark;
     }
-    if (!bookmark.createFrom(text)) LOG_INFO("%s Failed to create bookmark handle from checkpoint file: %s", fn, text.c_str());
+    if (!bookmark.createFrom(text))
+        LOG_INFO("%s Failed to create bookmark handle from checkpoint file: %s", fn, text.c_str());
     if (bookmark && recordId) *recordId = Bookmark::recordIdOf(text);
     return bookmark;
 }
@@ -221,7 +224,8 @@ void CheckpointPolicy::quarantineUnreadable(const std::wstring& path) {
 
 // A later run knows the phase is over from a main checkpoint without a "reverse" one.
 bool CheckpointPolicy::phaseEndedEarlier() const {
-    return !checkpointFilePath_.empty() && pathExists(checkpointFilePath_) && !pathExists(checkpointPathFor(L"reverse"));
+    return !checkpointFilePath_.empty() && pathExists(checkpointFilePath_) &&
+           !pathExists(checkpointPathFor(L"reverse"));
 }
 
 void CheckpointPolicy::noteAnchor(EVT_HANDLE event, uint64_t recordId) {

@@ -186,6 +186,30 @@ const char* resolveNtdsapiGroup(HMODULE module, DsApi& t) {
 
 #undef SKORVA_RESOLVE
 
+// One attempt at a group: its library loaded and every entry point resolved,
+// or nothing kept (the library let go, the group's slots cleared: no pointer
+// into a library that may be unloaded now stays behind).
+struct GroupLoad {
+    LoadResult loaded = LoadResult::Ok;
+    DWORD error = 0;               // of the failing call when not loaded
+    const char* missing = nullptr;  // the first entry point not found
+    bool ok() const { return loaded == LoadResult::Ok && !missing; }
+};
+
+template <class Table, class Resolve>
+GroupLoad loadGroup(const wchar_t* library, Table& table, Resolve resolveGroup) {
+    GroupLoad r;
+    LoadedModule lib;
+    r.loaded = loadSystemLibrary(library, lib, r.error);
+    if (r.loaded != LoadResult::Ok) return r;
+    r.missing = resolveGroup(lib.module, table);
+    if (r.missing)
+        table = Table{};
+    else
+        lib.keep();
+    return r;
+}
+
 }  // namespace
 
 LibraryOps& systemLibraryOps() {
@@ -200,31 +224,16 @@ bool WinEventLogAPIInitializer::initWinEvtApi() {
     if (s.forceLegacyApi) return false;
     if (s.evtApiAttempted) return true;
     s.evtApiAttempted = true;
-    s.evtApiAvailable = false;
-
-    LoadedModule lib;
-    DWORD error = 0;
-    switch (loadSystemLibrary(L"wevtapi.dll", lib, error)) {
-    case LoadResult::LoadFailed:
-        LOG_INFO("%s: We must be in an XP/2k3 family OS. Switching using the old Windows Event Log api: %d.", fn,
-                 static_cast<int>(error));
-        return false;
-    case LoadResult::HandleQueryFailed:
-        LOG_INFO("%s: We must be in a XP/2k3 family OS. Switching using the old Windows Event Log api: %d.", fn,
-                 static_cast<int>(error));
-        return false;
-    case LoadResult::Ok:
-        break;
-    }
-    if (const char* missing = resolveEvtGroup(lib.module, apiTable().evt)) {
-        LOG_INFO("%s: Failed to get proc address for '%s' dll function.", fn, missing);
-        // No pointer into a library that may be unloaded now stays behind.
-        apiTable().evt = EvtApi{};
-        return false;
-    }
-    lib.keep();
-    s.evtApiAvailable = true;
-    return true;
+    const GroupLoad r = loadGroup(L"wevtapi.dll", apiTable().evt, &resolveEvtGroup);
+    if (r.loaded != LoadResult::Ok)
+        LOG_INFO(r.loaded == LoadResult::LoadFailed
+                     ? "%s: We must be in an XP/2k3 family OS. Switching using the old Windows Event Log api: %d."
+                     : "%s: We must be in a XP/2k3 family OS. Switching using the old Windows Event Log api: %d.",
+                 fn, static_cast<int>(r.error));
+    else if (r.missing)
+        LOG_INFO("%s: Failed to get proc address for '%s' dll function.", fn, r.missing);
+    s.evtApiAvailable = r.ok();
+    return s.evtApiAvailable;
 }
 
 bool WinEventLogAPIInitializer::initWinEcApi() {
@@ -232,26 +241,15 @@ bool WinEventLogAPIInitializer::initWinEcApi() {
     LoaderState& s = state();
     std::lock_guard<CriticalSection> guard(s.lock);
     if (s.ecApiAvailable) return true;
-
-    LoadedModule lib;
-    DWORD error = 0;
-    switch (loadSystemLibrary(L"Wecapi.dll", lib, error)) {
-    case LoadResult::LoadFailed:
-        LOG_ERROR("%s: Could not LoadLibraryW for Wecapi.dll: errorcode: %d.", fn, static_cast<int>(error));
-        return false;
-    case LoadResult::HandleQueryFailed:
-        LOG_ERROR("%s: Could not GetModuleHandleW for Wecapi.dll: %d.", fn, static_cast<int>(error));
-        return false;
-    case LoadResult::Ok:
-        break;
-    }
-    if (const char* missing = resolveEcGroup(lib.module, apiTable().ec, apiTable().evt)) {
-        LOG_ERROR("%s: Failed to get proc address for '%s' dll function.", fn, missing);
-        apiTable().ec = EcApi{};
-        return false;
-    }
-    lib.keep();
-    return true;
+    const GroupLoad r = loadGroup(L"Wecapi.dll", apiTable().ec,
+                                  [](HMODULE module, EcApi& t) { return resolveEcGroup(module, t, apiTable().evt); });
+    if (r.loaded != LoadResult::Ok)
+        LOG_ERROR(r.loaded == LoadResult::LoadFailed ? "%s: Could not LoadLibraryW for Wecapi.dll: errorcode: %d."
+                                                     : "%s: Could not GetModuleHandleW for Wecapi.dll: %d.",
+                  fn, static_cast<int>(r.error));
+    else if (r.missing)
+        LOG_ERROR("%s: Failed to get proc address for '%s' dll function.", fn, r.missing);
+    return r.ok();
 }
 
 bool WinEventLogAPIInitializer::initADSApi() {

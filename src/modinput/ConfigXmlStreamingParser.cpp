@@ -77,23 +77,24 @@ void ConfigXmlStreamingParser::onCharacterData(std::string_view data) {
     }
 }
 
+// Where the text of a value element under <input> goes.
+std::string* ConfigXmlStreamingParser::valueOf(int state) {
+    switch (state) {
+    case InServerHost: return &config_.serverHost;
+    case InServerUri: return &config_.serverUri;
+    case InSessionKey: return &config_.sessionKey;
+    default: return &config_.checkpointDir;
+    }
+}
+
 void ConfigXmlStreamingParser::onElementEnd(std::string_view name) {
     if (!name.empty() && (name[0] == '?' || name[0] == '!')) return;
     switch (state_) {
     case InServerHost:
-        config_.serverHost = text_;
-        state_ = InInput;
-        break;
     case InServerUri:
-        config_.serverUri = text_;
-        state_ = InInput;
-        break;
     case InSessionKey:
-        config_.sessionKey = text_;
-        state_ = InInput;
-        break;
     case InCheckpointDir:
-        config_.checkpointDir = text_;
+        *valueOf(state_) = text_;
         state_ = InInput;
         break;
     case InConfiguration:

@@ -41,6 +41,8 @@ private:
         InCheckpointDir = 10,
     };
 
+    std::string* valueOf(int state);
+
     InputConfig config_;
     std::string path_;
     int state_ = Outside;

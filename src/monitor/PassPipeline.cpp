@@ -216,7 +216,8 @@ size_t PassPipeline::writeBatch(ChannelWork& work, EventBatch& batch, OutputScra
     handles.reserve(planned);
     size_t taken = 0;
     for (unsigned i = 0; i < planned; ++i) {
-        WriterSlice& slice = writers.emplace_back(WriterSlice{this, &work, batch.data() + taken, share, 0, UniqueHandle()});
+        WriterSlice& slice =
+            writers.emplace_back(WriterSlice{this, &work, batch.data() + taken, share, 0, UniqueHandle()});
         slice.thread.reset(::CreateThread(nullptr, 0, &writeSlice, &slice, 0, nullptr));
         if (!slice.thread) {
             LOG_ERROR("%s: Could not create writer thread(%d) total threads=%d 0x%08x", kProcess, static_cast<int>(i),
