@@ -82,25 +82,4 @@ TEST(FaultTest, FileInTheStoreIsRead) {
     EXPECT_EQ(6u, GetLastError());
 }
 
-TEST(ConcurrencyTest, ChannelsReadFromSeveralThreadsAtOnce) {
-    EvtsimStore store;
-    const char* channels[] = {"Security", "System", "Application", "ForwardedEvents"};
-    for (const char* c : channels) store.generate(c, 500, 7);
-    std::vector<std::thread> threads;
-    std::vector<size_t> counts(8, 0);
-    for (size_t t = 0; t < counts.size(); ++t) {
-        threads.emplace_back([&, t] {
-            std::wstring name(channels[t % 4], channels[t % 4] + strlen(channels[t % 4]));
-            UniqueEvtHandle q(evtsim::EvtQuery(nullptr, name.c_str(), nullptr, EvtQueryChannelPath));
-            for (auto& e : readAll(q.get(), 16)) {
-                DWORD used = 0, n = 0;
-                evtsim::EvtRender(nullptr, e.get(), EvtRenderEventXml, 0, nullptr, &used, &n);
-                if (used > 0) ++counts[t];
-            }
-        });
-    }
-    for (auto& t : threads) t.join();
-    for (size_t c : counts) EXPECT_EQ(500u, c);
-}
-
 }  // namespace

@@ -6,7 +6,7 @@
 #include "LogCapture.h"
 #include "eventlog/EvtApi.h"
 #include "eventlog/WinEventLogAPIInitializer.h"
-#include "monitor/WinEventMon.h"
+#include "monitor/ChannelCatalog.h"
 
 using namespace skorva;
 using skorva::test::LogCapture;
@@ -77,60 +77,47 @@ protected:
     }
     PlayedEnum enumeration;
     LogCapture log;
-    WinEventMon mon{L"C:\\skorva-test"};
+    ChannelCatalog catalog;
     const char* fn = "WinEventMon::enumEvtLogChannels: ";
 };
 
 }  // namespace
 
 TEST_F(ChannelEnumeration, BufferGrowsOnlyToTheReportedSize) {
-    enumeration.paths = {L"Application", L"Security", L"Microsoft-Windows-Sysmon/Operational", L"System"};
-    ASSERT_TRUE(mon.enumEvtLogChannels());
+    enumeration.paths = {L"Application", L"security", L"Security", L"Microsoft-Windows-Sysmon/Operational", L"System"};
+    ASSERT_TRUE(catalog.enumerate());
     // No buffer at first; then exactly what each failing call reported.
-    EXPECT_EQ(enumeration.sizesOffered, (std::vector<DWORD>{0, 12, 12, 12, 37, 37, 37}));
-    EXPECT_EQ(mon.knownChannels(), (WinEventMon::KnownChannelMap{{"application", "Application"},
-                                                                  {"microsoft-windows-sysmon/operational",
-                                                                   "Microsoft-Windows-Sysmon/Operational"},
-                                                                  {"security", "Security"},
-                                                                  {"system", "System"}}));
+    EXPECT_EQ(enumeration.sizesOffered, (std::vector<DWORD>{0, 12, 12, 12, 12, 37, 37, 37}));
+    // The later spelling of a channel wins.
+    EXPECT_EQ(catalog.known(), (ChannelCatalog::KnownChannelMap{{"application", "Application"},
+                                                                {"microsoft-windows-sysmon/operational",
+                                                                 "Microsoft-Windows-Sysmon/Operational"},
+                                                                {"security", "Security"},
+                                                                {"system", "System"}}));
     EXPECT_EQ(enumeration.closes, 1);
-    EXPECT_TRUE(log.has(LogLevel::Debug, std::string(fn) + "enumerate existing channels"));
-    EXPECT_TRUE(log.has(LogLevel::Info, std::string(fn) + "enumerate event log channels in Vista/2008 systems and above"));
-    EXPECT_TRUE(log.has(LogLevel::Info, std::string(fn) + "Find channel Microsoft-Windows-Sysmon/Operational"));
-    EXPECT_FALSE(log.contains("Failed"));
 }
 
-TEST_F(ChannelEnumeration, LaterSpellingOfTheSameChannelWins) {
-    enumeration.paths = {L"security", L"Security"};
-    ASSERT_TRUE(mon.enumEvtLogChannels());
-    EXPECT_EQ(mon.knownChannels(), (WinEventMon::KnownChannelMap{{"security", "Security"}}));
-}
-
-TEST_F(ChannelEnumeration, FailureMidwayKeepsChannelsFound) {
+TEST_F(ChannelEnumeration, FailuresKeepChannelsFound) {
     enumeration.paths = {L"Application", L"Security"};
     enumeration.failAt = 1;
-    EXPECT_TRUE(mon.enumEvtLogChannels());
-    EXPECT_EQ(mon.knownChannels().size(), 1u);
-    EXPECT_TRUE(log.has(LogLevel::Error, std::string(fn) + "Failed to get next enumerated channel (error 5)\n."))
-        << log.dump();
+    EXPECT_TRUE(catalog.enumerate());
+    EXPECT_EQ(catalog.known().size(), 1u);
+    EXPECT_TRUE(log.has(LogLevel::Error, std::string(fn) + "Failed to get next enumerated channel (error 5)\n."));
     EXPECT_EQ(enumeration.closes, 1);
-}
 
-TEST_F(ChannelEnumeration, EnumerationThatCannotOpen) {
+    ChannelCatalog none;
     enumeration.openFails = true;
-    EXPECT_FALSE(mon.enumEvtLogChannels());
+    EXPECT_FALSE(none.enumerate());
     EXPECT_TRUE(log.has(LogLevel::Error, std::string(fn) + "Failed to enumerate event log channels: '(5)'."));
-    EXPECT_TRUE(mon.knownChannels().empty());
+    EXPECT_TRUE(none.known().empty());
 }
 
 TEST_F(ChannelEnumeration, RegistryListWithoutTheModernApi) {
     WinEventLogAPIInitializer::setForceLegacyApi(true);
-    ASSERT_TRUE(mon.enumEvtLogChannels());
-    EXPECT_TRUE(log.has(LogLevel::Info, std::string(fn) + "enumerate existing channels on XP/2003 systems"));
+    ASSERT_TRUE(catalog.enumerate());
     // The test prefix registers the classic Application and System logs.
-    ASSERT_EQ(mon.knownChannels().count("application"), 1u) << log.dump();
-    EXPECT_EQ(mon.knownChannels().at("application"), "Application");
-    EXPECT_EQ(mon.knownChannels().count("system"), 1u);
-    EXPECT_TRUE(log.has(LogLevel::Info, std::string(fn) + "Find channel Application"));
+    ASSERT_EQ(catalog.known().count("application"), 1u) << log.dump();
+    EXPECT_EQ(catalog.known().at("application"), "Application");
+    EXPECT_EQ(catalog.known().count("system"), 1u);
     EXPECT_TRUE(enumeration.sizesOffered.empty());
 }

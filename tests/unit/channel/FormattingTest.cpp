@@ -15,7 +15,6 @@ protected:
         ASSERT_EQ(records_.size(), 1u);
         metadata_ = channel_->getPublisherMetadata(L"Test-Auditing");
         ASSERT_NE(metadata_, nullptr);
-        log_.clear();
     }
     bool format(DWORD flag, std::wstring& out) {
         return channel_->formatMessageByFlag(metadata_, records_[0].handle.get(), flag, DWORD(-1), out);
@@ -24,29 +23,23 @@ protected:
     EVT_HANDLE metadata_ = nullptr;
 };
 
+// The warning is what the operator learns of the data given up.
 TEST_F(FormattingTest, ServiceOutagesAreRetriedThirtyTimesThenGivenUp) {
-    const struct {
-        const char* fault;
-        const char* loopLine;
-    } cases[] = {{"EvtFormatMessage=1717", "EvtFormatMessage in RPC_S_UNKNOWN_IF loop"},
-                 {"EvtFormatMessage=87", "EvtFormatMessage in ERROR_INVALID_PARAMETER loop"}};
-    for (const auto& c : cases) {
+    for (const char* fault : {"EvtFormatMessage=1717", "EvtFormatMessage=87"}) {
         ManualClock clock;
         ScopedClock scoped(clock);
         log_.clear();
-        store_.setFaults(c.fault);
+        store_.setFaults(fault);
         FormatSpy::install();
         std::wstring out;
-        EXPECT_FALSE(format(EvtFormatMessageLevel, out)) << c.fault;
+        EXPECT_FALSE(format(EvtFormatMessageLevel, out)) << fault;
         apiTable().evt.EvtFormatMessage = FormatSpy::real();
         EXPECT_EQ(FormatSpy::flags().size(), 30u);
-        EXPECT_EQ(clock.sleeps(), 29u);
-        EXPECT_EQ(clock.slept(), 58000u);
+        EXPECT_EQ(clock.slept(), 29u * 2000u);
         EXPECT_EQ(log_.count(LogLevel::Warn, "WinEventLogChannelBase::formatMessageByFlag: EvtFormatMessage failed "
                                              "to render event data for channel='Security' after one minute. Marking "
                                              "event data as unavailable"),
                   1u);
-        EXPECT_TRUE(log_.contains(c.loopLine));
     }
 }
 
@@ -66,25 +59,18 @@ TEST_F(FormattingTest, MessageIdLookupIsNotRetriedOnInvalidParameter) {
 }
 
 TEST_F(FormattingTest, PublisherMetadataIsOpenedOnceAndSweptWhenIdle) {
-    const EVT_HANDLE again = channel_->getPublisherMetadata(L"Test-Auditing");
-    EXPECT_EQ(again, metadata_);
+    EXPECT_EQ(channel_->getPublisherMetadata(L"Test-Auditing"), metadata_);
     EXPECT_EQ(channel_->getPublisherMetadata(L"Absent"), nullptr);
+    const size_t open = evtsim::openHandleCount();
     channel_->cleanMetadataHandleCache(false);
     clock_.advance(10000);
     channel_->cleanMetadataHandleCache(false);  // used 10 s ago: kept
-    EXPECT_FALSE(log_.contains("closing pubMetaData handle due to timeout"));
     clock_.advance(1000);
     channel_->cleanMetadataHandleCache(false);  // within 2 s of the last sweep: nothing
-    EXPECT_FALSE(log_.contains("closing pubMetaData handle due to timeout"));
+    EXPECT_EQ(evtsim::openHandleCount(), open);
     clock_.advance(1000);
     channel_->cleanMetadataHandleCache(false);
-    EXPECT_TRUE(log_.has(LogLevel::Debug, "Skipping null handle from non-existent publisher Absent"));
-    EXPECT_TRUE(log_.has(LogLevel::Debug, "WinEventLogChannelBase::cleanMetadataHandleCache: closing pubMetaData "
-                                          "handle due to timeout"));
-    EXPECT_TRUE(log_.has(LogLevel::Debug, "WinEventMetadataHandle was valid, closing handle."));
-    log_.clear();
-    EXPECT_EQ(channel_->getPublisherMetadata(L"Absent"), nullptr);
-    EXPECT_TRUE(log_.contains("Failed to open publisher metadata provider 'Absent'")) << "asked again after aging out";
+    EXPECT_EQ(evtsim::openHandleCount(), open - 1);
 }
 
 // A formatter that reports a keyword list's length without its final
@@ -155,8 +141,6 @@ TEST_F(FormattingTest, ErrorWithTextStillGivesTheWholeText) {
     records_ = readAll("Security");
     ASSERT_EQ(records_.size(), 2u);
     EXPECT_EQ(records_[1].message, L"An account logged on.\r\n\tAccount Name:\t" + widen(name) + L"\r\n\tLogon Type:\t%2");
-    EXPECT_TRUE(log_.contains("EvtFormatMessage failed, but Skorva stored some kind of message: "
-                              "flag='(1)EvtFormatMessageEvent', channel='Security', Error=(0x3ab5)"));
 }
 
 // A service that claims ever more room, or an implausible amount, is not followed
@@ -179,14 +163,11 @@ TEST_F(FormattingTest, ClaimsOfMoreRoomAreFollowedOnlySoFar) {
     for (DWORD extra : {1000u, 0u}) {
         GreedyFormatter::calls = 0;
         GreedyFormatter::extra = extra;
-        log_.clear();
         std::wstring out;
         EXPECT_TRUE(format(EvtFormatMessageLevel, out)) << extra;
         EXPECT_LE(GreedyFormatter::calls, extra ? 5 : 1) << extra;
         EXPECT_GE(out.size(), 2048u);
         EXPECT_EQ(out, std::wstring(out.size(), L'g'));
-        EXPECT_TRUE(log_.contains("which is not given: flag='(2)EvtFormatMessageLevel', channel='Security'; only "
-                                  "what fits is kept"));
     }
     apiTable().evt.EvtFormatMessage = saved;
 }
@@ -199,7 +180,6 @@ TEST_F(FormattingTest, UnformattableMessageCarriesTheErrorText) {
     records_ = readAll("Security");
     ASSERT_EQ(records_.size(), 2u);
     EXPECT_EQ(records_[1].message.rfind(L"\nFormatMessage error:\n", 0), 0u);
-    EXPECT_TRUE(log_.contains("Failed to get message description of event log, channel='Security', rec_id=2"));
 }
 
 }  // namespace

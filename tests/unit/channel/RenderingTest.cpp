@@ -32,8 +32,6 @@ TEST_F(RenderingTest, ClassicFieldsOfASecurityEventInOrder) {
     EXPECT_EQ(r.time, 1706735107u);
     EXPECT_EQ(r.eventCode, 4624u);
     EXPECT_EQ(r.publisher, L"Test-Auditing");
-    EXPECT_TRUE(log_.has(LogLevel::Info, "WinEventLogChannelBase::setEventProperties: Get message description of "
-                                         "event log, channel='Security', rec_id=1"));
 }
 
 TEST_F(RenderingTest, UserSidIsTranslatedWhenResolutionIsOn) {
@@ -61,7 +59,6 @@ TEST_F(RenderingTest, EachSuppressSwitchLeavesOutItsFieldOnly) {
                  {&ChannelSettings::suppressKeywords, L"Keywords"},     {&ChannelSettings::suppressTask, L"TaskCategory"},
                  {&ChannelSettings::suppressOpcode, L"OpCode"},         {&ChannelSettings::suppressText, nullptr}};
     for (const auto& c : cases) {
-        log_.clear();
         ChannelSettings s;
         s.*c.flag = true;
         EventRecord r = readOne("Security", s);
@@ -69,7 +66,6 @@ TEST_F(RenderingTest, EachSuppressSwitchLeavesOutItsFieldOnly) {
         if (c.field) want.erase(std::find(want.begin(), want.end(), c.field));
         EXPECT_EQ(keys(r.fields), want) << (c.field ? narrow(c.field) : "text");
         EXPECT_EQ(r.message.empty(), c.field == nullptr);
-        EXPECT_EQ(log_.contains("Get message description"), c.field != nullptr);
     }
 }
 
@@ -84,41 +80,27 @@ TEST_F(RenderingTest, ExcludedFieldsAreAbsentAndTheRestKeepTheirOrder) {
     EXPECT_EQ(keys(r.fields), want);
 }
 
-TEST_F(RenderingTest, TaskZeroIsNoneWithoutAFormattingCall) {
-    evtsim::EventSpec e = logonEvent();
-    e.task = 0;
-    store_.append("Security", e);
-    FormatSpy::install();
-    EventRecord r = readOne("Security");
-    apiTable().evt.EvtFormatMessage = FormatSpy::real();
-    EXPECT_EQ(std::count(FormatSpy::flags().begin(), FormatSpy::flags().end(), DWORD(EvtFormatMessageTask)), 0);
-    const Fields fields = fieldsOf(r);
-    auto it = std::find_if(fields.begin(), fields.end(), [](const auto& f) { return f.first == L"TaskCategory"; });
-    ASSERT_NE(it, fields.end());
-    EXPECT_EQ(it->second, L"None");
-}
-
-TEST_F(RenderingTest, UnknownTaskFallsBackToItsNumber) {
-    evtsim::EventSpec e = logonEvent();
-    e.task = 999;
-    store_.append("Security", e);
-    EventRecord r = readOne("Security");
-    EXPECT_EQ(fieldsOf(r)[12], (std::pair<std::wstring, std::wstring>(L"TaskCategory", L"999")));
-}
-
-TEST_F(RenderingTest, OpcodeFallsBackToTheMessageIdThenToNone) {
-    evtsim::EventSpec e = logonEvent();
-    e.opcode = 77;  // not an opcode of the provider, but one of its message strings
-    store_.append("Security", e);
-    e.opcode = 78;  // neither
-    store_.append("Security", e);
-    auto records = readAll("Security");
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(fieldsOf(records[0])[13], (std::pair<std::wstring, std::wstring>(L"OpCode", L"Custom step")));
-    EXPECT_EQ(fieldsOf(records[1])[13], (std::pair<std::wstring, std::wstring>(L"OpCode", L"None")));
-    EXPECT_EQ(log_.count(LogLevel::Info, "WinEventLogChannelBase::setEventProperties: Failed to format opCode of "
-                                         "event log, channel='Security', rec_id=2"),
-              1u);
+// Task 0 is "None"; a task without a name is its number; an opcode without a
+// name is looked up as a message id of the provider, else "None".
+TEST_F(RenderingTest, TaskAndOpcodeFallbacks) {
+    struct Case {
+        uint16_t task;
+        uint8_t opcode;
+        const wchar_t* taskText;
+        const wchar_t* opcodeText;
+    } cases[] = {{0, 0, L"None", L"Info"}, {999, 0, L"999", L"Info"}, {12544, 77, L"Logon", L"Custom step"},
+                 {12544, 78, L"Logon", L"None"}};
+    for (const Case& c : cases) {
+        evtsim::EventSpec e = logonEvent();
+        e.task = c.task;
+        e.opcode = c.opcode;
+        store_.clearChannel("Security");
+        store_.append("Security", e);
+        const Fields fields = fieldsOf(readOne("Security"));
+        ASSERT_EQ(fields.size(), 14u);
+        EXPECT_EQ(fields[12].second, c.taskText) << c.task;
+        EXPECT_EQ(fields[13].second, c.opcodeText) << int(c.opcode);
+    }
 }
 
 TEST_F(RenderingTest, ProviderWithoutMetadataGetsWinmetaNamesAndPlaceholderData) {
@@ -139,11 +121,6 @@ TEST_F(RenderingTest, ProviderWithoutMetadataGetsWinmetaNamesAndPlaceholderData)
                              {L"OpCode", L"Info"}};
     EXPECT_EQ(tail, expected);
     EXPECT_EQ(records[1].message, L"alice\n2\n");
-    EXPECT_EQ(log_.count(LogLevel::Info, "WinEventLogChannelBase::getPublisherMetadata: Failed to open publisher "
-                                         "metadata provider 'Not-Registered' for event log, channel='Security'"),
-              1u)
-        << "the failed open is remembered";
-    EXPECT_TRUE(log_.contains("The event is not pre-rendered and there is an invalid or non-existent provider"));
 }
 
 // With no message to format, the message is the event's data: every value with
@@ -217,13 +194,9 @@ TEST_F(RenderingTest, MissingResourcesFallBackToTheEventsRenderingInformation) {
         e.renderMessage = "Embedded message.";
         e.renderLevel = "Embedded level";
         store_.append("Security", e);
-        log_.clear();
         EventRecord r = readOne("Security");
         EXPECT_EQ(r.message, L"Embedded message.") << missing;
         EXPECT_EQ(fieldsOf(r)[9], (std::pair<std::wstring, std::wstring>(L"Type", L"Embedded level"))) << missing;
-        EXPECT_TRUE(log_.contains("EvtFormatMessage failed because the locale specific resource for the desired "
-                                  "message is not present - trying to render event using embedded renderInfo: "
-                                  "error=" + std::to_string(missing) + ", channel='Security', dataCount='2'"));
     }
 }
 
@@ -268,10 +241,7 @@ TEST_F(RenderingTest, XmlRenderingAndABadHandle) {
     EventRecord bad;
     bad.handle.reset(reinterpret_cast<EVT_HANDLE>(0x7777));
     EXPECT_EQ(channel_->renderEventAsXml(bad), static_cast<DWORD>(ERROR_INVALID_HANDLE));
-    EXPECT_TRUE(log_.contains("WinEventLogChannelBase::renderEventAsXml (2476) : Failed to render event from "
-                              "channel='Security'"));
     EXPECT_EQ(channel_->renderEvent(bad, values_, valuesSize_), static_cast<DWORD>(ERROR_INVALID_HANDLE));
-    EXPECT_TRUE(log_.contains("WinEventLogChannelBase::renderEvent (2530): Failed to render event"));
     bad.handle.release();
 }
 
