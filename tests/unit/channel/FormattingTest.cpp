@@ -43,14 +43,6 @@ TEST_F(FormattingTest, ServiceOutagesAreRetriedThirtyTimesThenGivenUp) {
     }
 }
 
-TEST_F(FormattingTest, ServiceComingBackEndsTheLoop) {
-    store_.setFaults("EvtFormatMessage=1717,times=2");
-    std::wstring out;
-    ASSERT_TRUE(format(EvtFormatMessageLevel, out));
-    EXPECT_EQ(out, L"Information");
-    EXPECT_EQ(clock_.sleeps(), 2u);
-}
-
 TEST_F(FormattingTest, MessageIdLookupIsNotRetriedOnInvalidParameter) {
     std::wstring out;
     EXPECT_FALSE(channel_->formatMessageByFlag(nullptr, nullptr, EvtFormatMessageId, 77, out));

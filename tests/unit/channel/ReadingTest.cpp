@@ -66,39 +66,6 @@ TEST_F(Reading, UnreadableCheckpointIsKeptAsideAndReported) {
     EXPECT_EQ(drain(*channel_), ids(1, 2));
 }
 
-// Newest first, then forward from where that phase began, across restarts.
-TEST_F(Reading, StartFromNewestReadsBackwardsThenOnlyNewRecords) {
-    for (uint64_t interval : {uint64_t{0}, UINT64_MAX}) {  // bookmarks written at once, or only at the end
-        SCOPED_TRACE(interval);
-        store_.deleteChannel(kChannel);
-        store_.createChannel(kChannel);
-        std::vector<std::string> failures;
-        removeRecursive(settings().checkpointDir, failures);
-        append(5);
-        ChannelSettings s = settings(2);
-        s.startFrom = "newest";
-        s.checkpointIntervalMs = interval;
-
-        WinEventLogChannel& ch = open(s);
-        EXPECT_TRUE(ch.readingReverse());
-        EXPECT_EQ(drain(ch), ids(5, 1));
-        append(2);
-        ch.endReversePhase();
-        EXPECT_FALSE(ch.initialized());
-        ASSERT_TRUE(ch.init());
-        EXPECT_TRUE(ch.subscriptionReady());
-        EXPECT_EQ(drain(ch), ids(6, 7));
-        EXPECT_FALSE(pathExists(ch.checkpointFilePath() + L"_reverse"));
-
-        // A restart resumes after the last record read forward.
-        open(s);
-        EXPECT_TRUE(channel_->subscriptionReady());
-        EXPECT_TRUE(drain(*channel_).empty());
-        append(1);
-        EXPECT_EQ(drain(*channel_), ids(8, 8));
-    }
-}
-
 TEST_F(Reading, RestartAfterTheNewestFirstPhaseWithNothingNewRepeatsNothing) {
     append(4);
     ChannelSettings s = settings();

@@ -62,50 +62,6 @@ TEST_F(Recovery, InvalidHandleWhileRenderingResetsTheChannel) {
     EXPECT_EQ(drain(ch), ids(1, 4));
 }
 
-// A clear makes the subscription stale, and a subscription after the last event
-// sent stale from the start: the reader goes on from the oldest record left.
-TEST_F(Recovery, ClearedChannelIsReadAgainFromItsOldestRecord) {
-    append(3);
-    WinEventLogChannel& ch = open(settings());
-    EXPECT_EQ(drain(ch), ids(1, 3));
-    store_.clearChannel(kChannel);
-    append(2);  // record ids survive a clear
-    EXPECT_TRUE(drain(ch).empty());
-    EXPECT_FALSE(ch.channelState());
-    ch.uninit();
-    ASSERT_TRUE(ch.init());
-    EXPECT_TRUE(log_.has(LogLevel::Warn, "WinEventLogChannel::subscribeToEvtChannel: The records after the last event "
-                                         "sent from Windows Event Log channel 'Application' are gone (the log was "
-                                         "cleared or rolled over); reading it from its oldest record"));
-    EXPECT_EQ(drain(ch), ids(4, 5));
-    append(1);
-    ch.uninit();
-    ASSERT_TRUE(ch.init());
-    EXPECT_EQ(drain(ch), ids(6, 6));
-}
-
-TEST_F(Recovery, DeletedChannelIsMissingUntilMadeAgain) {
-    append(2);
-    ChannelSettings s = settings();
-    s.checkpointDir.clear();  // no checkpoint: the new channel is read from its start
-    WinEventLogChannel& ch = open(s);
-    EventBatch records;
-    ch.getEventsNew(records);
-    records.clear();
-    store_.deleteChannel(kChannel);
-    ch.getEventsNew(records);
-    EXPECT_TRUE(ch.channelMissing());
-    EXPECT_FALSE(ch.channelState());
-    ch.uninit();
-    EXPECT_FALSE(ch.init());
-    EXPECT_TRUE(ch.channelMissing());  // what the monitor's wait for the channel looks at
-    store_.createChannel(kChannel);
-    append(3);
-    ASSERT_TRUE(ch.init());
-    EXPECT_FALSE(ch.channelMissing());
-    EXPECT_EQ(drain(ch), ids(1, 3));
-}
-
 TEST_F(Recovery, EventCodeFilterDropsEvents) {
     struct {
         EventCodeRanges white, black;

@@ -200,25 +200,6 @@ TEST_F(RenderingTest, MissingResourcesFallBackToTheEventsRenderingInformation) {
     }
 }
 
-TEST_F(RenderingTest, LargeMessageGrowsTheFormatBufferOnce) {
-    evtsim::EventSpec e = logonEvent();
-    e.eventId = 1;
-    const std::string big(64 * 1024, 'm');
-    e.data = {{"Text", big}};
-    store_.append("Security", e);
-    e.data = {{"Text", "small"}};
-    store_.append("Security", e);
-    store_.append("Security", e);
-    FormatSpy::install();
-    auto records = readAll("Security");
-    apiTable().evt.EvtFormatMessage = FormatSpy::real();
-    ASSERT_EQ(records.size(), 3u);
-    EXPECT_EQ(records[0].message, widen(big));
-    EXPECT_EQ(records[1].message, L"small");
-    // 6 formatted fields per event plus the one retry after the buffer grew.
-    EXPECT_EQ(FormatSpy::flags().size(), 3u * 6u + 1u);
-}
-
 TEST_F(RenderingTest, ValuesBufferIsOverAllocatedOnceAndReused) {
     store_.append("Security", logonEvent());
     store_.append("Security", logonEvent());

@@ -168,14 +168,6 @@ TEST_F(LoaderQuirks, EventLogGroupUnavailableHoldsNoReferenceAndIsNotTriedAgain)
     }
 }
 
-TEST_F(LoaderQuirks, ForcedLegacyApiNeverLoads) {
-    ops.add(L"wevtapi.dll", kEvtNames);
-    WinEventLogAPIInitializer::setForceLegacyApi(true);
-    EXPECT_FALSE(WinEventLogAPIInitializer::initWinEvtApi());
-    EXPECT_FALSE(WinEventLogAPIInitializer::isEvtApiAvailable());
-    EXPECT_TRUE(ops.loads.empty());
-}
-
 TEST_F(LoaderQuirks, CollectorGroupJudgesTwoNamesByEventLogSlots) {
     struct Case {
         const char* label;

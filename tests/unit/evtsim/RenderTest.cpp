@@ -115,30 +115,4 @@ TEST_F(RenderTest, XmlIsTerminatedUtf16SizedInBytes) {
     EXPECT_EQ((xml.size() + 1) * 2, used);
 }
 
-TEST_F(RenderTest, Misuse) {
-    UniqueEvtHandle ctx(evtsim::EvtCreateRenderContext(0, nullptr, EvtRenderContextSystem));
-    BYTE buf[4096];
-    DWORD used = 0, count = 0;
-    struct Case {
-        EVT_HANDLE context;
-        EVT_HANDLE fragment;
-        DWORD flags;
-        DWORD error;
-    } cases[] = {
-        {nullptr, event.get(), EvtRenderEventValues, 87},
-        {ctx.get(), event.get(), EvtRenderEventXml, 87},
-        {nullptr, event.get(), EvtRenderBookmark, 87},
-        {nullptr, reinterpret_cast<EVT_HANDLE>(0x77), EvtRenderEventXml, 6},
-        {ctx.get(), ctx.get(), EvtRenderEventValues, 87},
-    };
-    for (const auto& c : cases) {
-        EXPECT_FALSE(evtsim::EvtRender(c.context, c.fragment, c.flags, sizeof buf, buf, &used, &count));
-        EXPECT_EQ(c.error, GetLastError());
-    }
-    LPCWSTR bad[] = {L"System/EventID"};
-    EXPECT_EQ(nullptr, evtsim::EvtCreateRenderContext(1, bad, EvtRenderContextValues));
-    EXPECT_EQ(nullptr, evtsim::EvtCreateRenderContext(0, nullptr, 7));
-    EXPECT_EQ(87u, GetLastError());
-}
-
 }  // namespace

@@ -85,23 +85,6 @@ TEST(ProcessEvent, ClassicTextExactBytes) {
     }
 }
 
-TEST(ProcessEvent, XmlRenderingIsTheDataAndTheStreamOpensOnce) {
-    Output o(Params{{"renderXml", "true"}, {"source", "src"}, {"sourcetype", "st"}});
-    EventRecord e = classicEvent({{L"Ignored", L"x"}});
-    e.xml = L"<Event><System><EventID>4624</EventID></System></Event>";
-    EXPECT_TRUE(o.write(std::move(e)));
-    EventRecord empty;
-    empty.xml = L"<Event/>";
-    EXPECT_TRUE(o.write(std::move(empty)));
-    EXPECT_EQ(o.out.text(),
-              "<stream>\n<event stanza=\"WinEventLog://Security\">\n<time>1700000000</time>\n"
-              "<data>&lt;Event&gt;&lt;System&gt;&lt;EventID&gt;4624&lt;/EventID&gt;&lt;/System&gt;&lt;/Event&gt;</data>\n"
-              "<source>src</source>\n<sourcetype>st</sourcetype>\n</event>\n"
-              "<event stanza=\"WinEventLog://Security\">\n<time>0</time>\n<data>&lt;Event/&gt;</data>\n"
-              "<source>src</source>\n<sourcetype>st</sourcetype>\n</event>\n");
-    EXPECT_EQ(o.work.emptyMsg.load(), 0u) << "an event sent as XML has no formatted message to miss";
-}
-
 TEST(ProcessEvent, FiltersDecideWhatIsWritten) {
     struct Case {
         const char* label;

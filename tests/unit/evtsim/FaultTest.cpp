@@ -1,4 +1,4 @@
-// EvtOpenChannelEnum / EvtNextChannelPath, injected faults, and pool-thread readers.
+// Injected faults: counts, targets, and the file in the store.
 #include <thread>
 
 #include "EvtsimTestUtil.h"
@@ -8,27 +8,6 @@ using namespace evtsim_test;
 using skorva::test::EvtsimStore;
 
 namespace {
-
-TEST(ChannelEnumTest, SizeProtocolInCharacters) {
-    EvtsimStore store;
-    for (const char* c : {"System", "Microsoft-Windows-Sysmon/Operational", "Application"}) store.createChannel(c);
-    UniqueEvtHandle e(evtsim::EvtOpenChannelEnum(nullptr, 0));
-    ASSERT_TRUE(e);
-    std::vector<std::wstring> names;
-    std::wstring buf;
-    DWORD used = 0;
-    while (true) {
-        if (evtsim::EvtNextChannelPath(e.get(), static_cast<DWORD>(buf.size()), buf.empty() ? nullptr : buf.data(), &used)) {
-            names.emplace_back(buf.c_str());
-            continue;
-        }
-        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) break;
-        buf.assign(used, L'\0');
-    }
-    EXPECT_EQ(259u, GetLastError());
-    EXPECT_EQ((std::vector<std::wstring>{L"Application", L"Microsoft-Windows-Sysmon/Operational", L"System"}), names);
-    EXPECT_EQ(wcslen(L"Microsoft-Windows-Sysmon/Operational") + 1, buf.size());  // grew to the reported size
-}
 
 TEST(FaultTest, CountsAndTargets) {
     EvtsimStore store;
