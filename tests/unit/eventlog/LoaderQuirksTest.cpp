@@ -1,5 +1,6 @@
 // The loader against played libraries: which names exist, whether the second
-// module-handle query finds the library, what SystemRoot holds.
+// module-handle query finds the library, what SystemRoot holds. (The collector
+// and directory groups come with the stages that use their answers.)
 #include <gtest/gtest.h>
 
 #include <map>
@@ -20,12 +21,6 @@ const std::vector<std::string> kEvtNames = {
     "EvtSubscribe", "EvtQuery", "EvtNext", "EvtRender", "EvtClose", "EvtCreateRenderContext",
     "EvtOpenPublisherMetadata", "EvtFormatMessage", "EvtCreateBookmark", "EvtUpdateBookmark",
     "EvtNextChannelPath", "EvtOpenChannelEnum", "EvtSeek"};
-const std::vector<std::string> kEcNames = {
-    "EcClose", "EcOpenSubscriptionEnum", "EcDeleteSubscription", "EcEnumNextSubscription",
-    "EcGetObjectArrayProperty", "EcGetObjectArraySize", "EcGetSubscriptionProperty", "EcSaveSubscription",
-    "EcGetSubscriptionRunTimeStatus", "EcOpenSubscription", "EcInsertObjectArrayElement",
-    "EcSetObjectArrayProperty", "EcSetSubscriptionProperty", "EcRemoveObjectArrayElement",
-    "EcRetrySubscription"};
 
 // Libraries that exist in the played system directory.
 class FakeLibraryOps : public LibraryOps {
@@ -166,47 +161,4 @@ TEST_F(LoaderQuirks, EventLogGroupUnavailableHoldsNoReferenceAndIsNotTriedAgain)
         EXPECT_FALSE(WinEventLogAPIInitializer::isEvtApiAvailable());
         EXPECT_EQ(ops.loads.size(), c.loads);
     }
-}
-
-TEST_F(LoaderQuirks, CollectorGroupJudgesTwoNamesByEventLogSlots) {
-    struct Case {
-        const char* label;
-        bool evtLoaded;
-        std::string missing;
-        bool available;
-    };
-    const Case cases[] = {
-        {"all present", true, "", true},
-        {"EcSaveSubscription missing", true, "EcSaveSubscription", true},
-        {"EcGetSubscriptionProperty missing", true, "EcGetSubscriptionProperty", true},
-        {"EcOpenSubscription missing", true, "EcOpenSubscription", false},
-        {"EcRetrySubscription missing", true, "EcRetrySubscription", false},
-        {"no event log group", false, "", false},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.label);
-        WinEventLogAPIInitializer::resetForTesting();
-        ops.add(L"wevtapi.dll", kEvtNames);
-        ops.add(L"Wecapi.dll", kEcNames, c.missing);
-        if (c.evtLoaded) ASSERT_TRUE(WinEventLogAPIInitializer::isEvtApiAvailable());
-        EXPECT_EQ(WinEventLogAPIInitializer::isEcApiAvailable(), c.available);
-        EXPECT_EQ(ops.refs(L"Wecapi.dll"), c.available ? 1 : 0);
-        EXPECT_EQ(apiTable().ec.EcClose != nullptr, c.available);
-        ops.remove(L"Wecapi.dll");
-        ops.remove(L"wevtapi.dll");
-    }
-}
-
-TEST_F(LoaderQuirks, CollectorGroupIsRetriedUntilItLoads) {
-    ops.add(L"wevtapi.dll", kEvtNames);
-    ASSERT_TRUE(WinEventLogAPIInitializer::isEvtApiAvailable());
-    EXPECT_FALSE(WinEventLogAPIInitializer::isEcApiAvailable());
-    ops.add(L"Wecapi.dll", kEcNames).hiddenAfterLoad = true;
-    EXPECT_FALSE(WinEventLogAPIInitializer::isEcApiAvailable());
-    EXPECT_EQ(ops.refs(L"Wecapi.dll"), 0);
-    ops.add(L"Wecapi.dll", kEcNames);
-    EXPECT_TRUE(WinEventLogAPIInitializer::isEcApiAvailable());
-    EXPECT_EQ(ops.loads.size(), 4u);
-    EXPECT_TRUE(WinEventLogAPIInitializer::isEcApiAvailable());
-    EXPECT_EQ(ops.loads.size(), 4u);  // once available, never loaded again
 }

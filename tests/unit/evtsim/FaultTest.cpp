@@ -46,19 +46,4 @@ TEST(FaultTest, CountsAndTargets) {
     EXPECT_EQ(15002u, GetLastError());
 }
 
-TEST(FaultTest, FileInTheStoreIsRead) {
-    EvtsimStore store;
-    store.createChannel("A");
-    store.append("A", sampleEvent(1));
-    std::string error;
-    ASSERT_TRUE(evtsim::StoreWriter(store.root()).writeFaults("EvtRender:A=6\n", error));
-    evtsim::clearFaults();  // back to environment and file
-    UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"A", nullptr, EvtQueryChannelPath));
-    auto events = readAll(q.get());
-    ASSERT_EQ(1u, events.size());
-    DWORD used = 0, count = 0;
-    EXPECT_FALSE(evtsim::EvtRender(nullptr, events[0].get(), EvtRenderEventXml, 0, nullptr, &used, &count));
-    EXPECT_EQ(6u, GetLastError());
-}
-
 }  // namespace

@@ -125,17 +125,4 @@ TEST_F(QueryTest, SeekOrigins) {
     }
 }
 
-TEST_F(QueryTest, ClearMakesTheQueryStaleAndIdsKeepCounting) {
-    auto q = query(EvtQueryForwardDirection);
-    readAll(q.get(), 1, 1);
-    store.clearChannel("Application");
-    EVT_HANDLE h[1];
-    DWORD got = 0;
-    EXPECT_FALSE(evtsim::EvtNext(q.get(), 1, h, 0, 0, &got));
-    EXPECT_EQ(15011u, GetLastError());  // ERROR_EVT_QUERY_RESULT_STALE
-    EXPECT_EQ(6u, store.append("Application", sampleEvent(1)));
-    auto again = query(EvtQueryForwardDirection);
-    EXPECT_EQ((std::vector<uint64_t>{6}), recordIds(readAll(again.get())));
-}
-
 }  // namespace

@@ -24,25 +24,6 @@ protected:
     HANDLE signal = nullptr;
 };
 
-TEST_F(SubscribeTest, Origins) {
-    UniqueEvtHandle at(evtsim::EvtCreateBookmark(
-        L"<BookmarkList>\r\n  <Bookmark Channel='System' RecordId='2' IsCurrent='true'/>\r\n</BookmarkList>"));
-    UniqueEvtHandle gone(evtsim::EvtCreateBookmark(
-        L"<BookmarkList>\r\n  <Bookmark Channel='System' RecordId='1' IsCurrent='true'/>\r\n</BookmarkList>"));
-    EXPECT_EQ((std::vector<uint64_t>{1, 2, 3}), recordIds(readAll(subscribe(EvtSubscribeStartAtOldestRecord).get())));
-    EXPECT_EQ((std::vector<uint64_t>{3}), recordIds(readAll(subscribe(EvtSubscribeStartAfterBookmark, at.get()).get())));
-    EXPECT_TRUE(readAll(subscribe(EvtSubscribeToFutureEvents).get()).empty());
-
-    // Record 1 goes with a clear: a subscription after it is stale from the start
-    // (elastic/beats #36020, #37238), or not found under strict.
-    store.clearChannel("System");
-    store.append("System", sampleEvent(1));
-    EXPECT_FALSE(subscribe(EvtSubscribeStartAfterBookmark, gone.get()));
-    EXPECT_EQ(15011u, GetLastError());  // ERROR_EVT_QUERY_RESULT_STALE
-    EXPECT_FALSE(subscribe(EvtSubscribeStartAfterBookmark | EvtSubscribeStrict, gone.get()));
-    EXPECT_EQ(1168u, GetLastError());  // ERROR_NOT_FOUND
-}
-
 // The service sets the signal only for records written after the subscription
 // was made, and never resets it (EvtSubscribe remarks; vector #25194). An idle
 // pull may answer ERROR_INVALID_OPERATION (beats iterator.go, vector #26118).
