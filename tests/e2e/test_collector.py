@@ -334,14 +334,6 @@ def test_no_usable_stanza_ends_at_once_with_0(store, start):
     assert stream == b""
 
 
-def test_malformed_configuration_is_reported_and_ends_with_255(start, home):
-    c = start(b"<input><configuration><stanza name='WinEventLog://Application'><param name=")
-    code, stream = c.finish()
-    assert code == 255
-    assert stream == b""
-    assert "runWinEventMon:  Failed to run Skorva Windows event log Monitor: '" in log_text(home)
-
-
 class PidHelper:
     def __init__(self, mode):
         self.proc = subprocess.Popen(command(HELPER, mode), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
