@@ -28,8 +28,7 @@ const ChannelSettings& settingsOf(const TestMon& mon, const char* channel) {
 TEST(Configure, ValuesClampsAndWords) {
     using Get = std::function<std::string(const ChannelSettings&)>;
     auto num = [](auto member) { return Get([member](const ChannelSettings& s) { return std::to_string(s.*member); }); };
-    const Get adExpiry = [](const ChannelSettings& s) { return std::to_string(s.adCache.expiryMs); };
-    const Get dcKind = [](const ChannelSettings& s) { return std::to_string(int(s.dcKind)); };
+    auto text = [](auto member) { return Get([member](const ChannelSettings& s) { return s.*member; }); };
     struct Case {
         const char* key;
         const char* value;
@@ -58,10 +57,21 @@ TEST(Configure, ValuesClampsAndWords) {
         {"checkpointSync", "f", num(&ChannelSettings::checkpointSync), "0"},
         {"suppress_checkpoint", "true", num(&ChannelSettings::suppressCheckpoint), "1"},
         {"renderXml", "1", Get([](const ChannelSettings& s) { return s.sourceType; }), "XmlWinEventLog:Security"},
-        {"evt_ad_cache_exp", "-1", adExpiry, "3600000"},
-        {"evt_resolve_ad_ds", "PDC", dcKind, "2"},
-        {"evt_resolve_ad_ds", "auto", dcKind, "1"},
-        {"evt_resolve_ad_ds", "bdc", dcKind, "1"},
+        // Every key the collector uses, spelled as users write it, reaches its setting.
+        {"suppress_text", "1", num(&ChannelSettings::suppressText), "1"},
+        {"suppress_sourcename", "1", num(&ChannelSettings::suppressSourceName), "1"},
+        {"suppress_type", "1", num(&ChannelSettings::suppressType), "1"},
+        {"suppress_task", "1", num(&ChannelSettings::suppressTask), "1"},
+        {"suppress_opcode", "1", num(&ChannelSettings::suppressOpcode), "1"},
+        {"suppress_keywords", "yes", num(&ChannelSettings::suppressKeywords), "1"},
+        {"use_old_eventlog_api", "1", num(&ChannelSettings::useOldApi), "1"},
+        {"evt_resolve_ad_obj", "1", num(&ChannelSettings::resolveAdObj), "1"},
+        {"start_from", "newest", text(&ChannelSettings::startFrom), "newest"},
+        {"start_from", "", text(&ChannelSettings::startFrom), "oldest"},
+        {"index", "wineventlog", text(&ChannelSettings::index), "wineventlog"},
+        {"source", "custom:src", text(&ChannelSettings::source), "custom:src"},
+        {"source", "", text(&ChannelSettings::source), "WinEventLog:Security"},
+        {"sourcetype", "custom:st", text(&ChannelSettings::sourceType), "custom:st"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.key) + "=" + c.value);
