@@ -22,6 +22,8 @@
 #include <string>
 #include <vector>
 
+#include "eventlog/BufferGrowth.h"  // the sizing protocol, as the product follows it
+
 namespace {
 
 struct Api {
@@ -116,9 +118,11 @@ int wmain(int argc, wchar_t** argv) {
     const bool asXml = mode != L"values";
     EVT_HANDLE ctx = withValues ? api.CreateRenderContext(11, const_cast<LPCWSTR*>(kPaths), EvtRenderContextValues) : nullptr;
     std::vector<BYTE> values(1 << 12);
+    DWORD valuesSize = static_cast<DWORD>(values.size());
     std::map<std::wstring, EVT_HANDLE> publishers;
     std::vector<EVT_HANDLE> events(batch);
     std::vector<BYTE> buffer(1 << 16);
+    DWORD bufferSize = static_cast<DWORD>(buffer.size());
     std::vector<wchar_t> text(1 << 14);
     Out out;
     unsigned long long total = 0;
@@ -127,13 +131,14 @@ int wmain(int argc, wchar_t** argv) {
     // Formats one field into `text`, growing it as the service asks.
     // A too small buffer may also come back "successful" with the text cut and
     // the full size in `used`.
+    DWORD textSize = static_cast<DWORD>(text.size());
+    skorva::BufferGrowth textGrowth;
+    textGrowth.extra = 1;
+    textGrowth.cutAnswer = [](bool ok, DWORD) { return ok; };
     auto format = [&](EVT_HANDLE meta, EVT_HANDLE ev, DWORD flag) -> bool {
-        DWORD used = 0;
-        const BOOL ok = api.FormatMessage(meta, ev, 0, 0, nullptr, flag, static_cast<DWORD>(text.size()), text.data(), &used);
-        if (ok && used <= text.size()) return true;
-        if (!ok && GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;
-        text.resize(used + 1);
-        return api.FormatMessage(meta, ev, 0, 0, nullptr, flag, static_cast<DWORD>(text.size()), text.data(), &used) != 0;
+        return skorva::callSized(text, textSize, textGrowth, [&](wchar_t* data, DWORD size, DWORD& used) {
+                   return api.FormatMessage(meta, ev, 0, 0, nullptr, flag, size, data, &used);
+               }).ok;
     };
 
     while (expected == 0 || total < expected) {
@@ -151,16 +156,18 @@ int wmain(int argc, wchar_t** argv) {
             continue;
         }
         for (DWORD i = 0; i < got; ++i) {
-            DWORD used = 0, count = 0;
-            // Renders into `into`, growing it once to the size the service asks for.
-            auto render = [&](EVT_HANDLE context, DWORD flags, std::vector<BYTE>& into) {
-                if (api.Render(context, events[i], flags, static_cast<DWORD>(into.size()), into.data(), &used, &count)) return;
-                if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) return;
-                into.resize(used);
-                api.Render(context, events[i], flags, static_cast<DWORD>(into.size()), into.data(), &used, &count);
+            DWORD count = 0;
+            // Renders through the sizing protocol; the bytes used.
+            auto render = [&](EVT_HANDLE context, DWORD flags, std::vector<BYTE>& into, DWORD& intoSize) {
+                return skorva::callSized(into, intoSize, skorva::BufferGrowth{},
+                                         [&](BYTE* data, DWORD size, DWORD& reported) {
+                                             return api.Render(context, events[i], flags, size, data, &reported,
+                                                               &count);
+                                         }).used;
             };
-            if (asXml && withValues) render(ctx, EvtRenderEventValues, values);
-            render(asXml ? nullptr : ctx, asXml ? EvtRenderEventXml : EvtRenderEventValues, buffer);
+            if (asXml && withValues) render(ctx, EvtRenderEventValues, values, valuesSize);
+            const DWORD used = render(asXml ? nullptr : ctx, asXml ? EvtRenderEventXml : EvtRenderEventValues, buffer,
+                                      bufferSize);
             if (asXml) {
                 const auto* xml = reinterpret_cast<const wchar_t*>(buffer.data());
                 out.put(xml, used / sizeof(wchar_t) - 1);

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "channel/EvtApi.h"
+#include "eventlog/EvtApi.h"
 
 namespace skorva {
 

@@ -1,5 +1,6 @@
 #include "channel/WinEventLogChannel.h"
 
+#include "eventlog/WinEventLogAPIInitializer.h"
 #include "platform/Logger.h"
 
 namespace skorva {
@@ -7,14 +8,47 @@ namespace skorva {
 WinEventLogChannel::WinEventLogChannel(std::string channelName, ChannelSettings settings)
     : WinEventLogChannelBase(std::move(channelName), std::move(settings)) {
     LOG_DEBUG("%s Creating instance of WinEventLogChannel", "WinEventLogChannel::WinEventLogChannel");
-    initCheckpointState();
 }
 
 WinEventLogChannel::~WinEventLogChannel() {
     LOG_DEBUG("%s destroying instance of WinEventLogChannel", "WinEventLogChannel::~WinEventLogChannel");
-    finalCheckpoint();
-    if (initialized_) uninit();
+    checkpoints_.finalCheckpoint();
+    if (reader_.initialized()) reader_.uninit();
     cleanMetadataHandleCache(true);
+}
+
+bool WinEventLogChannel::init() {
+    static const char* const fn = "WinEventLogChannel::init";
+    LOG_DEBUG("%s: Initialize Event Log channel '%S'.", fn, channelNameW_.c_str());
+    LOG_DEBUG("%s: eventFormat = %s", fn, settings_.wecEventFormat.c_str());
+
+    const auto fail = [this] {
+        uninit();
+        return false;
+    };
+    if (WinEventLogAPIInitializer::isEcApiAvailable() && !collectorSubscriptionsAccepted()) {
+        LOG_ERROR("%s: Invalid config or enumLocalWECSubscriptions failure for channel = %s", fn,
+                  channelName_.c_str());
+        return fail();
+    }
+    if (!reader_.prepare(fn)) return fail();
+    // The legacy reader takes this place once it exists.
+    if (settings_.useOldApi || !WinEventLogAPIInitializer::isEvtApiAvailable()) {
+        LOG_INFO("%s: Initializing Windows Event Log Api for XP", fn);
+        LOG_ERROR("%s: The legacy event log reader is not available in this build; channel '%s' is not read", fn,
+                  channelName_.c_str());
+        return fail();
+    }
+    if (!reader_.open(fn)) return fail();
+    reader_.opened();
+    LOG_INFO("%s: Successfully Initialized channel %s", fn, channelName_.c_str());
+    return true;
+}
+
+bool WinEventLogChannel::includeEventWithEvtcodeMessage(const std::string& key, const std::string& value) const {
+    static const char* const fn = "WinEventLogChannel::includeEventWithEvtcodeMessage";
+    LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, settings_.stanzaName.c_str());
+    return settings_.filters.admitsValue(key, value, fn);
 }
 
 }  // namespace skorva

@@ -5,12 +5,13 @@
 namespace skorva {
 
 WinEventLogChannelBase::WinEventLogChannelBase(std::string channelName, ChannelSettings settings)
-    : channelName_(std::move(channelName)), channelNameW_(widen(channelName_)), settings_(std::move(settings)) {
-    eventTypeNames_ = {{0, L"Success"}, {1, L"Error"}, {2, L"Warning"},
-                       {4, L"Information"}, {8, L"Success Audit"}, {16, L"Failure Audit"}};
-}
+    : channelName_(std::move(channelName)), channelNameW_(widen(channelName_)), settings_(std::move(settings)) {}
 
 WinEventLogChannelBase::~WinEventLogChannelBase() = default;
+
+bool WinEventLogChannelBase::includeEvent(uint32_t eventCode) const {
+    return settings_.filters.admitsCode(eventCode, "WinEventLogChannelBase::includeEvent", channelName_);
+}
 
 bool WinEventLogChannelBase::transADObject(const std::wstring&, std::wstring&, DWORD, DWORD) { return false; }
 

@@ -2,7 +2,7 @@
 // Owner of one publisher-metadata handle. Neither copied nor moved: it lives in
 // place in the channel's publisher cache and is closed exactly once, there.
 
-#include "channel/EvtApi.h"
+#include "eventlog/EvtApi.h"
 #include "platform/Logger.h"
 
 namespace skorva {

@@ -36,17 +36,12 @@ WriteResult writeWhole(const std::wstring& path, const std::string& data, DWORD 
 }
 
 bool reportedWrite(const std::wstring& path, const std::string& data, DWORD disposition, bool durable) {
-    switch (writeWhole(path, data, disposition, durable)) {
-    case WriteResult::CannotOpen:
-        LOG_ERROR("%s: Unable to open checkpoint file='%s' for write", kSave, narrow(path).c_str());
-        return false;
-    case WriteResult::CannotWrite:
-        LOG_ERROR("%s: Unable to write to checkpoint file='%s'", kSave, narrow(path).c_str());
-        return false;
-    case WriteResult::Ok:
-        break;
-    }
-    return true;
+    const WriteResult written = writeWhole(path, data, disposition, durable);
+    if (written != WriteResult::Ok)
+        LOG_ERROR(written == WriteResult::CannotOpen ? "%s: Unable to open checkpoint file='%s' for write"
+                                                     : "%s: Unable to write to checkpoint file='%s'",
+                  kSave, narrow(path).c_str());
+    return written == WriteResult::Ok;
 }
 
 // Deletes the temporary file unless it was moved into place.

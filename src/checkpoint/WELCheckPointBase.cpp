@@ -1,6 +1,6 @@
 #include "checkpoint/WELCheckPointBase.h"
 
-#include "channel/EvtApi.h"
+#include "eventlog/Bookmark.h"
 #include "platform/Logger.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
@@ -19,28 +19,18 @@ ReadResult readJoined(const std::wstring& path, std::string& out) {
     return out.empty() ? ReadResult::Empty : ReadResult::Ok;
 }
 
-bool acceptedAsBookmark(const std::string& content) {
-    const auto create = evtApi().EvtCreateBookmark;
-    if (!create) return false;
-    UniqueEvtHandle bookmark(create(widen(content).c_str()));
-    return bookmark.valid();
-}
+bool acceptedAsBookmark(const std::string& content) { return Bookmark().createFrom(content); }
 
 }  // namespace
 
 bool WELCheckPointBase::getCheckpointStr(const std::wstring& path, std::string& out) {
     static const char* const fn = "WELCheckPointBase::getCheckpointStr";
-    switch (readJoined(path, out)) {
-    case ReadResult::CannotOpen:
+    const ReadResult read = readJoined(path, out);
+    if (read == ReadResult::CannotOpen)
         LOG_ERROR("%s: Unable to open checkpoint file='%s'", fn, narrow(path).c_str());
-        return false;
-    case ReadResult::Empty:
+    else if (read == ReadResult::Empty)
         LOG_DEBUG("%s: Unable to read checkpoint file='%s'", fn, narrow(path).c_str());
-        return false;
-    case ReadResult::Ok:
-        break;
-    }
-    return true;
+    return read == ReadResult::Ok;
 }
 
 bool WELCheckPointBase::getFromFile(const std::wstring& path, CheckpointMap& out) {
@@ -53,15 +43,12 @@ bool WELCheckPointBase::validateCheckpointStr(const std::wstring& path) {
     const std::string narrowPath = narrow(path);
     LOG_DEBUG("%s: Validate checkpoint from file %s", fn, narrowPath.c_str());
     std::string content;
-    switch (readJoined(path, content)) {
-    case ReadResult::CannotOpen:
-        LOG_DEBUG("%s: Unable to open checkpoint file='%s'", fn, narrowPath.c_str());
+    const ReadResult read = readJoined(path, content);
+    if (read != ReadResult::Ok) {
+        LOG_DEBUG(read == ReadResult::CannotOpen ? "%s: Unable to open checkpoint file='%s'"
+                                                 : "%s: Unable to read checkpoint file='%s':",
+                  fn, narrowPath.c_str());
         return false;
-    case ReadResult::Empty:
-        LOG_DEBUG("%s: Unable to read checkpoint file='%s':", fn, narrowPath.c_str());
-        return false;
-    case ReadResult::Ok:
-        break;
     }
     if (acceptedAsBookmark(content)) return true;
     LOG_ERROR("%s Failed to create bookmark handle from checkpoint file: ", fn);

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "monitor/ChannelSettings.h"
+#include "config/CacheSettings.h"
 #include "platform/Handles.h"
 
 namespace skorva {
@@ -71,10 +71,5 @@ private:
 // The "S-1-..." form of a SID; false (with the thread's last error set) when
 // the SID cannot be converted.
 bool sidToString(PSID sid, std::wstring& out);
-
-// Saturating: an expiry never wraps around to the past.
-inline uint64_t addSaturating(uint64_t a, uint64_t b) {
-    return a > UINT64_MAX - b ? UINT64_MAX : a + b;
-}
 
 }  // namespace skorva

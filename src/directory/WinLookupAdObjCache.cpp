@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "channel/WinEventLogChannelBase.h"
-#include "directory/SidLookupCache.h"
 #include "platform/Clock.h"
 #include "platform/Logger.h"
 
@@ -25,8 +23,8 @@ void deriveAdCacheThreshold(AdCacheSettings& s) {
     s.derived = true;
 }
 
-WinLookupAdObjCache::WinLookupAdObjCache(WinEventLogChannelBase& owner, const AdCacheSettings& settings)
-    : owner_(owner) {
+WinLookupAdObjCache::WinLookupAdObjCache(Translate translate, const AdCacheSettings& settings)
+    : translate_(std::move(translate)) {
     configure(settings);
 }
 
@@ -43,7 +41,7 @@ uint32_t WinLookupAdObjCache::hitsOf(const Key& key) const {
 bool WinLookupAdObjCache::lookupAdObj(const std::wstring& object, DWORD offeredFormat, DWORD wantedFormat,
                                       std::wstring& out) {
     static const char* const kFn = "WinEventLogChannel::WinLookupAdObjCache::lookupAdObj";
-    if (settings_.disabled) return owner_.transADObject(object, out, offeredFormat, wantedFormat);
+    if (settings_.disabled) return translate_(object, out, offeredFormat, wantedFormat);
 
     Key key{object, static_cast<int32_t>(offeredFormat), static_cast<int32_t>(wantedFormat)};
     auto found = entries_.find(key);
@@ -67,7 +65,7 @@ bool WinLookupAdObjCache::lookupAdObj(const std::wstring& object, DWORD offeredF
         hits_[key] = 1;
     }
 
-    const bool ok = owner_.transADObject(object, out, offeredFormat, wantedFormat);
+    const bool ok = translate_(object, out, offeredFormat, wantedFormat);
     if (entries_.size() > settings_.maxEntries) removeOldestKey();
     const uint64_t period = ok ? settings_.expiryMs : settings_.negativeExpiryMs;
     Entry& e = entries_[key];

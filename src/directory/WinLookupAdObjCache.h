@@ -1,20 +1,19 @@
 #pragma once
 // One channel's cache of directory-object translations, in front of the
-// channel's translation through a domain controller. Used only from the
-// channel's worker thread: no lock.
+// translation it is handed (the channel's, through a domain controller). Used
+// only from the channel's worker thread: no lock.
 
 #include <windows.h>
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <string>
 
-#include "monitor/ChannelSettings.h"
+#include "config/CacheSettings.h"
 
 namespace skorva {
-
-class WinEventLogChannelBase;
 
 // Computes the hit threshold once (unless the cache is disabled or it was
 // already derived): at or above it a translation is kept past its expiry.
@@ -22,7 +21,12 @@ void deriveAdCacheThreshold(AdCacheSettings& settings);
 
 class WinLookupAdObjCache {
 public:
-    WinLookupAdObjCache(WinEventLogChannelBase& owner, const AdCacheSettings& settings);
+    // Translates `object` from `offeredFormat` to `wantedFormat` into `out`;
+    // false when it does not translate.
+    using Translate = std::function<bool(const std::wstring& object, std::wstring& out, DWORD offeredFormat,
+                                         DWORD wantedFormat)>;
+
+    WinLookupAdObjCache(Translate translate, const AdCacheSettings& settings);
     WinLookupAdObjCache(const WinLookupAdObjCache&) = delete;
     WinLookupAdObjCache& operator=(const WinLookupAdObjCache&) = delete;
 
@@ -63,7 +67,7 @@ private:
     std::map<Key, Entry> entries_;
     std::map<Key, uint32_t> hits_;
     std::deque<Key> ageQueue_;
-    WinEventLogChannelBase& owner_;
+    Translate translate_;
     AdCacheSettings settings_;
 };
 

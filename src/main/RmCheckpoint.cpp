@@ -8,7 +8,6 @@
 #include "checkpoint/CheckpointPath.h"
 #include "platform/Logger.h"
 #include "platform/Paths.h"
-#include "platform/SkorvaException.h"
 #include "platform/Strings.h"
 
 namespace skorva {

@@ -58,8 +58,11 @@ ShutdownWatcher::~ShutdownWatcher() {
     if (consoleHandlerInstalled_) ::SetConsoleCtrlHandler(&ShutdownWatcher::consoleHandler, FALSE);
     ShutdownWatcher* self = this;
     activeWatcher.compare_exchange_strong(self, nullptr);
-    // The parent-watch thread blocks without limit; it must not outlive us.
-    if (thread_) ::TerminateThread(thread_.get(), 0);
+    // The parent watch must not outlive us: woken, it returns, and is joined.
+    if (thread_) {
+        ::SetEvent(stopWatch_.get());
+        ::WaitForSingleObject(thread_.get(), INFINITE);
+    }
 }
 
 void ShutdownWatcher::watchParent(DWORD pid) {
@@ -73,13 +76,15 @@ void ShutdownWatcher::watchParent(DWORD pid) {
         exit_(97);
         return;
     }
-    thread_.reset(::CreateThread(nullptr, 0, &ShutdownWatcher::parentWatch, this, 0, nullptr));
+    stopWatch_.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (stopWatch_) thread_.reset(::CreateThread(nullptr, 0, &ShutdownWatcher::parentWatch, this, 0, nullptr));
     if (!thread_) exit_(96);
 }
 
 DWORD WINAPI ShutdownWatcher::parentWatch(void* self) {
     auto* w = static_cast<ShutdownWatcher*>(self);
-    if (::WaitForSingleObject(w->parent_.get(), INFINITE) == WAIT_OBJECT_0) w->exit_(99);
+    const HANDLE waits[] = {w->parent_.get(), w->stopWatch_.get()};
+    if (::WaitForMultipleObjects(2, waits, FALSE, INFINITE) == WAIT_OBJECT_0) w->exit_(99);
     return 0;
 }
 

@@ -48,6 +48,7 @@ private:
     ExitFunction exit_;
     UniqueHandle event_;
     UniqueHandle parent_;
+    UniqueHandle stopWatch_;  // set by the destructor: the parent watch returns
     UniqueHandle thread_;
     CriticalSection lock_;
     bool consoleHandlerInstalled_ = false;

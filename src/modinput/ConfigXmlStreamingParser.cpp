@@ -1,13 +1,6 @@
 #include "modinput/ConfigXmlStreamingParser.h"
 
-#include <fcntl.h>
-#include <io.h>
-
-#include <cerrno>
-#include <cstring>
-
 #include "platform/SkorvaException.h"
-#include "platform/Strings.h"
 
 namespace skorva {
 
@@ -84,23 +77,24 @@ void ConfigXmlStreamingParser::onCharacterData(std::string_view data) {
     }
 }
 
+// Where the text of a value element under <input> goes.
+std::string* ConfigXmlStreamingParser::valueOf(int state) {
+    switch (state) {
+    case InServerHost: return &config_.serverHost;
+    case InServerUri: return &config_.serverUri;
+    case InSessionKey: return &config_.sessionKey;
+    default: return &config_.checkpointDir;
+    }
+}
+
 void ConfigXmlStreamingParser::onElementEnd(std::string_view name) {
     if (!name.empty() && (name[0] == '?' || name[0] == '!')) return;
     switch (state_) {
     case InServerHost:
-        config_.serverHost = text_;
-        state_ = InInput;
-        break;
     case InServerUri:
-        config_.serverUri = text_;
-        state_ = InInput;
-        break;
     case InSessionKey:
-        config_.sessionKey = text_;
-        state_ = InInput;
-        break;
     case InCheckpointDir:
-        config_.checkpointDir = text_;
+        *valueOf(state_) = text_;
         state_ = InInput;
         break;
     case InConfiguration:
@@ -126,27 +120,5 @@ void ConfigXmlStreamingParser::onElementEnd(std::string_view name) {
     size_t cut = path_.rfind('/');
     path_.erase(cut == std::string::npos ? 0 : cut);
 }
-
-InputConfig readConfigFromFd(ConfigXmlStreamingParser& parser, int fd) {
-    // Byte for byte: in text mode the C runtime would end the input at a 0x1A
-    // byte and rewrite CR LF before the XML reader sees them.
-    _setmode(fd, _O_BINARY);
-    char buf[8192];
-    bool content = false;  // an empty or blank input is an empty configuration
-    for (;;) {
-        int n = _read(fd, buf, sizeof buf);
-        if (n < 0) {
-            const int err = errno;
-            throw SkorvaException::withError(0, "Error reading XML configuration input from stdin: %s", strerror(err));
-        }
-        if (n == 0) break;
-        for (int i = 0; i < n && !content; ++i) content = !isSpace(buf[i]);
-        if (content) parser.feed(buf, static_cast<size_t>(n));
-    }
-    if (content) parser.finish();
-    return parser.takeConfig();
-}
-
-InputConfig readConfigFromStdin(ConfigXmlStreamingParser& parser) { return readConfigFromFd(parser, _fileno(stdin)); }
 
 }  // namespace skorva

@@ -41,6 +41,8 @@ private:
         InCheckpointDir = 10,
     };
 
+    std::string* valueOf(int state);
+
     InputConfig config_;
     std::string path_;
     int state_ = Outside;
@@ -48,13 +50,5 @@ private:
     std::string paramName_;
     Stanza* stanza_ = nullptr;
 };
-
-// Reads standard input to its end in 8192-byte chunks through `parser`, in
-// binary mode.
-// Raises SkorvaException("Error reading XML configuration input from stdin: %m")
-// when a read fails.
-InputConfig readConfigFromStdin(ConfigXmlStreamingParser& parser);
-// The same over any C file descriptor (tests use a pipe).
-InputConfig readConfigFromFd(ConfigXmlStreamingParser& parser, int fd);
 
 }  // namespace skorva

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "modinput/StreamEscape.h"
+
 namespace skorva {
 
 struct ModinputEvent {
@@ -21,11 +23,6 @@ struct ModinputEvent {
     std::string time;
     bool done = false;
 };
-
-// Appends `in` escaped for the stream: the five XML entities, control bytes other
-// than tab/LF/CR as \xHH, and the UTF-8 forms of surrogates and of U+FFFE/U+FFFF
-// as \xHH per byte, so that any byte string gives well-formed output.
-void appendEscaped(std::string& out, std::string_view in);
 
 class EventStreamWriter {
 public:

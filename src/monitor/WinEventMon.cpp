@@ -2,7 +2,12 @@
 
 #include <windows.h>
 
+#include <cstdio>
+
 #include "checkpoint/CheckpointPath.h"
+#include "directory/SidLookupCache.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
+#include "modinput/ConfigInput.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"
 
@@ -18,10 +23,59 @@ WinEventMon::WinEventMon(std::wstring checkpointDir)
 // then finds every event it received checkpointed.
 WinEventMon::~WinEventMon() {
     LOG_DEBUG("WinEventMon instance destroyed");
-    work_.clear();
+    dispatcher_.clear();
     stanzaChannels_.clear();
     channels_.clear();
-    writer_.reset();
+    output_.close();
+}
+
+bool WinEventMon::init() {
+    static const char* const fn = "WinEventMon::init";
+    LOG_DEBUG("%s: Initailizing WinEventMon", fn);
+    bool ok = enumEvtLogChannels();
+    if (ok) {
+        ConfigXmlStreamingParser parser;
+        const InputConfig config = readConfigFromStdin(parser);
+        ok = configure(config.stanzas);
+    }
+    if (!ok) LOG_INFO("%s: Cannot configure windows event log monitor", fn);
+    return ok;
+}
+
+bool WinEventMon::configure(const std::map<std::string, Stanza>& stanzas) {
+    static const char* const kFn = "WinEventMon::configure";
+    const bool vista = systemIsVistaOrLater();
+    bool anyStanza = false;
+    for (const auto& [name, stanza] : stanzas) {
+        if (name == "default") continue;
+        if (StanzaValues(stanza.params).disabled()) continue;
+        anyStanza = true;
+
+        if (asciiLower(name).compare(0, 12, "wineventlog:") != 0) {
+            LOG_ERROR("%s Found a stanza named '%s' without the WinEventLog prefix, this will not be processed.", kFn,
+                      name.c_str());
+            continue;
+        }
+        const std::string written = channelFromStanza(name);
+        const std::string lower = asciiLower(written);
+        auto known = knownChannels().find(lower);
+        if (known == knownChannels().end()) {
+            LOG_ERROR("%s: Failed to find Event Log with channel name='%s'", kFn, written.c_str());
+            continue;
+        }
+        if (channels_.count(lower)) {
+            LOG_ERROR("%s: Duplicate channels found in config. channel name='%s'", kFn, lower.c_str());
+            continue;
+        }
+        ChannelSettings settings;
+        settings.stanzaName = name;
+        stanzaReader_.read(stanza, known->second, written, vista, settings);
+        auto channel = std::make_unique<WinEventLogChannel>(known->second, std::move(settings));
+        stanzaChannels_[name] = channel.get();
+        channels_.emplace(lower, std::move(channel));
+    }
+    if (stanzaReader_.sidCacheRead()) SidLookupCache::instance().configure(stanzaReader_.sidCacheSettings());
+    return anyStanza;
 }
 
 WinEventLogChannel* WinEventMon::findChannel(std::string_view channelName) const {
@@ -35,6 +89,75 @@ std::string WinEventMon::channelFromStanza(const std::string& stanzaName) {
     pos = stanzaName.find(':');
     if (pos != std::string::npos) return stanzaName.substr(pos + 1);
     return stanzaName;
+}
+
+bool WinEventMon::start() {
+    LOG_DEBUG("%s: Starting WinEventMon", "WinEventMon::start");
+    knownChannels().clear();
+    WinEventLogAPIInitializer::initWinEvtApi();
+    return dispatcher_.run(channels_);
+}
+
+void WinEventMon::stop() {
+    LOG_DEBUG("%s: Signaling stopping", "WinEventMon::stop");
+    dispatcher_.stop();
+}
+
+DWORD WINAPI WinEventMon::ProcessChannelWorker(void* param) {
+    ChannelWork& w = *static_cast<ChannelWork*>(param);
+    w.monitor->dispatcher_.firstPass(w);
+    return 0;
+}
+
+void CALLBACK WinEventMon::ProcessChannelWaitWorker(void* param, BOOLEAN /*timedOut*/) {
+    ChannelWork& w = *static_cast<ChannelWork*>(param);
+    w.monitor->dispatcher_.signalled(w);
+}
+
+bool WinEventMon::include_event(const std::string& text, const std::string& stanzaName) const {
+    static const char* const fn = "WinEventMon::include_event";
+    LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, stanzaName.c_str());
+    auto it = stanzaChannels_.find(stanzaName);
+    const WinEventLogChannel* channel =
+        it != stanzaChannels_.end() ? it->second : findChannel(channelFromStanza(stanzaName));
+    if (!channel) return true;
+    const ChannelSettings& s = channel->settings();
+    if (s.filters.onMessage) return true;  // decided by includeMessageKeys once the message is formatted
+    return s.filters.admitsText(text, s.renderXml, fn);
+}
+
+bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch) {
+    const WinEventLogChannel& channel = *work.channel;
+    const ChannelSettings& settings = channel.settings();
+    if (event.xml.empty() && event.message.empty()) ++work.emptyMsg;
+
+    ModinputEvent& record = scratch.record;
+    if (!event.xml.empty())
+        narrowInto(event.xml, record.data);
+    else
+        classicText(event.fields, record.data);
+
+    if (!include_event(record.data, settings.stanzaName)) return false;
+    if (settings.filters.onMessage && !includeMessageKeys(channel, scratch)) return false;
+
+    char time[24];
+    snprintf(time, sizeof time, "%llu", static_cast<unsigned long long>(event.time));
+    record.time = time;
+    record.stanza = settings.stanzaName;
+    record.index = settings.index;
+    record.source = settings.source;
+    record.sourcetype = settings.sourceType;
+    output_.write(record);
+    return true;
+}
+
+// The message is part of the event's text by now: the rules are decided as on
+// any other event, rule by rule ("Object Type" is read from the message).
+bool WinEventMon::includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch) const {
+    static const char* const fn = "WinEventMon::includeMessageKeys";
+    const ChannelSettings& settings = channel.settings();
+    LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, settings.stanzaName.c_str());
+    return settings.filters.admitsText(scratch.record.data, settings.renderXml, fn);
 }
 
 bool WinEventMon::systemIsVistaOrLater() const {

@@ -18,6 +18,10 @@ Clock& clock();
 inline uint64_t tickNow() { return clock().tickCount(); }
 inline void sleepMs(uint32_t ms) { clock().sleep(ms); }
 
+// A time plus a period that saturates: an expiry or a due time never wraps
+// around to the past (an all-ones period means "never").
+inline uint64_t addSaturating(uint64_t a, uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
+
 // Installs `c` as the process clock for the lifetime of the guard.
 class ScopedClock {
 public:

@@ -1,89 +1,81 @@
 #pragma once
-// One owner type per kind of Windows handle: the handle is released exactly once,
-// by the destructor or by reset(), so no error path repeats cleanup by hand.
+// One owner type per kind of Windows handle, one line each: the handle is
+// released exactly once, by the destructor or by reset(), so no error path
+// repeats cleanup by hand.
 
 #include <windows.h>
 
+#include <type_traits>
 #include <utility>
 
 namespace skorva {
 
-template <class Traits>
-class UniqueResource {
+// Keeps the thread's last error across a scope: closing a handle or writing a
+// log line on an error path must not change what the caller reads afterwards.
+class KeepLastError {
 public:
-    using handle_type = typename Traits::handle_type;
+    KeepLastError() noexcept : error_(::GetLastError()) {}
+    ~KeepLastError() { ::SetLastError(error_); }
+    KeepLastError(const KeepLastError&) = delete;
+    KeepLastError& operator=(const KeepLastError&) = delete;
 
-    UniqueResource() noexcept : h_(Traits::invalid()) {}
-    explicit UniqueResource(handle_type h) noexcept : h_(h) {}
-    UniqueResource(const UniqueResource&) = delete;
-    UniqueResource& operator=(const UniqueResource&) = delete;
-    UniqueResource(UniqueResource&& other) noexcept : h_(other.release()) {}
-    UniqueResource& operator=(UniqueResource&& other) noexcept {
+private:
+    DWORD error_;
+};
+
+// Owner of one handle of type T, released by `Close`. Null (and, for kernel
+// handles, INVALID_HANDLE_VALUE) holds nothing. Releasing keeps the thread's
+// last error, so `owner.reset(CreateX(...))` leaves CreateX's error readable.
+template <class T, auto Close>
+class UniqueAny {
+public:
+    using handle_type = T;
+
+    UniqueAny() noexcept = default;
+    explicit UniqueAny(T h) noexcept : h_(h) {}
+    UniqueAny(const UniqueAny&) = delete;
+    UniqueAny& operator=(const UniqueAny&) = delete;
+    UniqueAny(UniqueAny&& other) noexcept : h_(other.release()) {}
+    UniqueAny& operator=(UniqueAny&& other) noexcept {
         if (this != &other) reset(other.release());
         return *this;
     }
-    ~UniqueResource() { reset(); }
+    ~UniqueAny() { reset(); }
 
-    handle_type get() const noexcept { return h_; }
-    bool valid() const noexcept { return Traits::isValid(h_); }
+    T get() const noexcept { return h_; }
+    bool valid() const noexcept { return isValid(h_); }
     explicit operator bool() const noexcept { return valid(); }
 
-    handle_type release() noexcept { return std::exchange(h_, Traits::invalid()); }
-    void reset(handle_type h = Traits::invalid()) noexcept {
-        handle_type old = std::exchange(h_, h);
-        if (Traits::isValid(old)) Traits::close(old);
+    T release() noexcept { return std::exchange(h_, T{}); }
+    void reset(T h = T{}) noexcept {
+        T old = std::exchange(h_, h);
+        if (!isValid(old)) return;
+        KeepLastError keep;
+        Close(old);
     }
     // For APIs that return the handle through an out parameter.
-    handle_type* put() noexcept {
+    T* put() noexcept {
         reset();
         return &h_;
     }
 
 private:
-    handle_type h_;
+    static bool isValid(T h) noexcept {
+        if constexpr (std::is_same_v<T, HANDLE>) return h != nullptr && h != INVALID_HANDLE_VALUE;
+        return h != T{};
+    }
+    T h_{};
 };
 
-struct KernelHandleTraits {
-    using handle_type = HANDLE;
-    static HANDLE invalid() noexcept { return nullptr; }
-    static bool isValid(HANDLE h) noexcept { return h != nullptr && h != INVALID_HANDLE_VALUE; }
-    static void close(HANDLE h) noexcept { ::CloseHandle(h); }
-};
-using UniqueHandle = UniqueResource<KernelHandleTraits>;
+// Releasing a registered wait waits for a callback in progress, so the context
+// the callback uses outlives it.
+inline void unregisterWaitNow(HANDLE wait) noexcept { ::UnregisterWaitEx(wait, INVALID_HANDLE_VALUE); }
 
-struct RegKeyTraits {
-    using handle_type = HKEY;
-    static HKEY invalid() noexcept { return nullptr; }
-    static bool isValid(HKEY h) noexcept { return h != nullptr; }
-    static void close(HKEY h) noexcept { ::RegCloseKey(h); }
-};
-using UniqueHKey = UniqueResource<RegKeyTraits>;
-
-struct LocalMemTraits {
-    using handle_type = void*;
-    static void* invalid() noexcept { return nullptr; }
-    static bool isValid(void* p) noexcept { return p != nullptr; }
-    static void close(void* p) noexcept { ::LocalFree(p); }
-};
-using UniqueLocalMem = UniqueResource<LocalMemTraits>;
-
-struct LibraryTraits {
-    using handle_type = HMODULE;
-    static HMODULE invalid() noexcept { return nullptr; }
-    static bool isValid(HMODULE h) noexcept { return h != nullptr; }
-    static void close(HMODULE h) noexcept { ::FreeLibrary(h); }
-};
-using UniqueLibrary = UniqueResource<LibraryTraits>;
-
-// A wait registered with RegisterWaitForSingleObject. Releasing it waits for a
-// callback in progress, so the context the callback uses outlives it.
-struct RegisteredWaitTraits {
-    using handle_type = HANDLE;
-    static HANDLE invalid() noexcept { return nullptr; }
-    static bool isValid(HANDLE h) noexcept { return h != nullptr; }
-    static void close(HANDLE h) noexcept { ::UnregisterWaitEx(h, INVALID_HANDLE_VALUE); }
-};
-using UniqueRegisteredWait = UniqueResource<RegisteredWaitTraits>;
+using UniqueHandle = UniqueAny<HANDLE, &::CloseHandle>;
+using UniqueHKey = UniqueAny<HKEY, &::RegCloseKey>;
+using UniqueLocalMem = UniqueAny<HLOCAL, &::LocalFree>;
+using UniqueLibrary = UniqueAny<HMODULE, &::FreeLibrary>;
+using UniqueRegisteredWait = UniqueAny<HANDLE, &unregisterWaitNow>;
 
 // A critical section with its lifetime and a scoped lock.
 class CriticalSection {

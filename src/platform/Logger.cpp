@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "platform/Handles.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
 
@@ -117,29 +118,26 @@ LoggerConfig Logger::config() const {
     return config_;
 }
 
+void Logger::FileCloser::operator()(void* handle) const noexcept { ::CloseHandle(handle); }
+
 void Logger::openLocked() {
-    if (file_) {
-        ::CloseHandle(file_);
-        file_ = nullptr;
-    }
+    file_.reset();
     fileSize_ = 0;
     if (config_.file.empty()) return;
     std::wstring path = config_.file;
     size_t cut = path.find_last_of(L"\\/");
     if (cut != std::wstring::npos) createDirectories(path.substr(0, cut));
-    HANDLE h = ::CreateFileW(longPath(path).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                             nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (h == INVALID_HANDLE_VALUE) return;
+    UniqueHandle file(::CreateFileW(longPath(path).c_str(), FILE_APPEND_DATA,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) return;
     LARGE_INTEGER size;
-    if (::GetFileSizeEx(h, &size)) fileSize_ = static_cast<uint64_t>(size.QuadPart);
-    file_ = h;
+    if (::GetFileSizeEx(file.get(), &size)) fileSize_ = static_cast<uint64_t>(size.QuadPart);
+    file_.reset(file.release());
 }
 
 void Logger::rotateLocked() {
-    if (file_) {
-        ::CloseHandle(file_);
-        file_ = nullptr;
-    }
+    file_.reset();
     const std::wstring& base = config_.file;
     if (config_.backups == 0) {
         ::DeleteFileW(longPath(base).c_str());
@@ -201,6 +199,8 @@ void Logger::log(LogLevel level, const char* fmt, ...) {
 
 void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
     if (!enabled(level)) return;
+    // A line logged on an error path leaves the caller's GetLastError() as it was.
+    KeepLastError keep;
     std::lock_guard<std::mutex> lock(mutex_);
     va_list copy;
     va_copy(copy, args);
@@ -228,7 +228,7 @@ void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
             rotateLocked();
         if (file_) {
             DWORD written = 0;
-            ::WriteFile(file_, line_.data(), static_cast<DWORD>(line_.size()), &written, nullptr);
+            ::WriteFile(file_.get(), line_.data(), static_cast<DWORD>(line_.size()), &written, nullptr);
             fileSize_ += written;
         }
     }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -72,7 +73,12 @@ private:
     static std::atomic<int> threshold_;
     mutable std::mutex mutex_;
     LoggerConfig config_;
-    void* file_ = nullptr;  // HANDLE of the log file
+    // The log file's HANDLE, closed by its owner (no Windows header here: the
+    // text logic that logs also builds natively).
+    struct FileCloser {
+        void operator()(void* handle) const noexcept;
+    };
+    std::unique_ptr<void, FileCloser> file_;
     uint64_t fileSize_ = 0;
     std::map<int, Sink> sinks_;
     int nextSinkId_ = 1;

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Ascii.h"
+
 namespace skorva {
 
 // UTF-8 to UTF-16.
@@ -21,7 +23,6 @@ void appendNarrow(std::wstring_view utf16, std::string& out);
 
 std::string asciiLower(std::string_view s);
 std::wstring asciiLower(std::wstring_view s);
-bool iequalsAscii(std::string_view a, std::string_view b);
 
 // White space: tab, line feed, vertical tab, form feed, carriage return, blank.
 inline bool isSpace(char c) {

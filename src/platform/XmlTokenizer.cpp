@@ -3,6 +3,7 @@
 #include <expat.h>
 
 #include <climits>
+#include <utility>
 
 #include "platform/SkorvaException.h"
 
@@ -17,19 +18,36 @@ XmlTokenizer::XmlTokenizer() : parser_(XML_ParserCreate("UTF-8")) {
 
 XmlTokenizer::~XmlTokenizer() { XML_ParserFree(parser_); }
 
-void XmlTokenizer::startHandler(void* self, const char* name, const char** attrs) {
-    auto* t = static_cast<XmlTokenizer*>(self);
-    t->onElementStart(name);
-    for (const char** a = attrs; a && a[0]; a += 2) {
-        t->onAttributeName(a[0]);
-        t->onAttributeValue(a[1]);
+template <class Step>
+void XmlTokenizer::guarded(Step step) noexcept {
+    if (pending_) return;  // Expat may still call after it was stopped
+    try {
+        step();
+    } catch (...) {
+        pending_ = std::current_exception();
+        XML_StopParser(parser_, XML_FALSE);
     }
 }
 
-void XmlTokenizer::endHandler(void* self, const char* name) { static_cast<XmlTokenizer*>(self)->onElementEnd(name); }
+void XmlTokenizer::startHandler(void* self, const char* name, const char** attrs) {
+    auto* t = static_cast<XmlTokenizer*>(self);
+    t->guarded([&] {
+        t->onElementStart(name);
+        for (const char** a = attrs; a && a[0]; a += 2) {
+            t->onAttributeName(a[0]);
+            t->onAttributeValue(a[1]);
+        }
+    });
+}
+
+void XmlTokenizer::endHandler(void* self, const char* name) {
+    auto* t = static_cast<XmlTokenizer*>(self);
+    t->guarded([&] { t->onElementEnd(name); });
+}
 
 void XmlTokenizer::textHandler(void* self, const char* text, int len) {
-    static_cast<XmlTokenizer*>(self)->onCharacterData(std::string_view(text, static_cast<size_t>(len)));
+    auto* t = static_cast<XmlTokenizer*>(self);
+    t->guarded([&] { t->onCharacterData(std::string_view(text, static_cast<size_t>(len))); });
 }
 
 void XmlTokenizer::feed(const char* data, size_t size, bool last) {
@@ -40,6 +58,7 @@ void XmlTokenizer::feed(const char* data, size_t size, bool last) {
         bool final = last && static_cast<size_t>(n) == size;
         if (XML_Parse(parser_, data, n, final ? 1 : 0) == XML_STATUS_ERROR) {
             finished_ = true;
+            if (pending_) std::rethrow_exception(std::exchange(pending_, nullptr));
             throw SkorvaException("XML parse error at line %lu, column %lu: %s",
                                   static_cast<unsigned long>(XML_GetCurrentLineNumber(parser_)),
                                   static_cast<unsigned long>(XML_GetCurrentColumnNumber(parser_) + 1),

@@ -2,8 +2,11 @@
 // Event-driven XML tokenizer over Expat, fed in pieces. Subclasses receive, in
 // document order: element start, then one attribute-name / attribute-value pair
 // per attribute, character data (possibly split over several calls), element end.
-// A malformed document raises SkorvaException naming the line and column.
+// A malformed document raises SkorvaException naming the line and column; an
+// exception from a subclass stops the parser and is raised from feed() once
+// Expat has returned (never thrown through its C frames).
 
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -33,8 +36,12 @@ private:
     static void startHandler(void* self, const char* name, const char** attrs);
     static void endHandler(void* self, const char* name);
     static void textHandler(void* self, const char* text, int len);
+    // Runs one callback; an exception it raises stops the parser and is kept.
+    template <class Step>
+    void guarded(Step step) noexcept;
 
     XML_ParserStruct* parser_;
+    std::exception_ptr pending_;
     bool finished_ = false;
 };
 

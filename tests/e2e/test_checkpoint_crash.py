@@ -12,31 +12,14 @@ import time
 
 import pytest
 
-WINE_RUN = os.environ.get("SKORVA_WINE_RUN", "")
-EXE = os.environ.get("SKORVA_EXE", "")
+from conftest import EXE, WINE_RUN, winpath
+from test_collector import command, wine_server  # noqa: F401 (fixture)
+
 SAVER = pathlib.Path(os.environ.get("SKORVA_BUILD_DIR", "")) / "tests" / "helpers" / "checkpoint-saver.exe"
 KILLS = int(os.environ.get("CHECKPOINT_KILLS", "200"))
 
 BOOKMARK = re.compile(
     rb"<BookmarkList>\r\n  <Bookmark Channel='Security' RecordId='(\d+)' IsCurrent='true'/>\r\n</BookmarkList>")
-
-
-def winpath(p):
-    return "Z:" + str(p).replace("/", "\\")
-
-
-def command(*args):
-    return ([WINE_RUN] if WINE_RUN else []) + [str(a) for a in args]
-
-
-@pytest.fixture(scope="module", autouse=True)
-def wine_server():
-    """Keeps the prefix's server up between the short-lived savers (CTest's
-    fixture does so too); a server that goes idle between two of them can
-    reset the next one's connection."""
-    if WINE_RUN:
-        subprocess.run(["/usr/lib/wine/wineserver", "-p30"], stdin=subprocess.DEVNULL,
-                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False)
 
 
 def test_killed_saves_leave_one_whole_bookmark(tmp_path):

@@ -94,7 +94,9 @@ def test_rm_checkpoint_honours_skorva_db(tmp_path, home, env):
     (b"<input>\r\n<configuration><stanza name='WinEventLog://Security'><param name='index'>a\x1ab</param>"
      b"</stanza></configuration>\r\n</input>",
      "XML parse error at line 2, column 75: not well-formed (invalid token)"),
-], ids=["unexpected-element", "ctrl-z"])
+    (b"<input><configuration><stanza name='WinEventLog://Application'><param name=",
+     "XML parse error at line 1, column 64: unclosed token"),
+], ids=["unexpected-element", "ctrl-z", "cut-short"])
 def test_run_mode_malformed_configuration_ends_with_255(doc, error, home, env):
     r = run_exe([], env=env, stdin=doc)
     assert r.returncode == 255

@@ -4,7 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "channel/EvtApi.h"
+#include "eventlog/EvtApi.h"
 
 namespace skorva::test {
 

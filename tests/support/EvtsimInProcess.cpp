@@ -6,7 +6,7 @@
 
 #include "Faults.h"
 #include "Generator.h"
-#include "channel/EvtApi.h"
+#include "eventlog/EvtApi.h"
 
 namespace skorva::test {
 

@@ -72,7 +72,12 @@ public:
     ~WriterLock() {
         if (h_ != INVALID_HANDLE_VALUE) CloseHandle(h_);
     }
-    bool held() const { return h_ != INVALID_HANDLE_VALUE; }
+    // False, with `error` saying why, when the lock could not be had.
+    bool held(std::string& error) const {
+        if (h_ != INVALID_HANDLE_VALUE) return true;
+        error = lastErrorText("locking the store");
+        return false;
+    }
 
 private:
     HANDLE h_ = INVALID_HANDLE_VALUE;
@@ -425,12 +430,36 @@ bool prepareEvent(std::string_view xml, uint64_t recordId, std::string_view chan
     return true;
 }
 
-bool StoreWriter::createChannel(std::string_view name, std::string& error) {
-    WriterLock lock(root_);
-    if (!lock.held()) return error = lastErrorText("locking the store"), false;
-    std::wstring dir = channelDir(root_, name);
+namespace {
+
+// What every change of one channel begins with: the writer lock, then the
+// channel's folder and its description as the store holds them.
+class ChannelChange {
+public:
+    ChannelChange(const std::wstring& root, std::string_view name) : dir(channelDir(root, name)), lock_(root) {}
+    // False, with `error` set, when the store cannot be locked or the channel's
+    // existence is not `exists`.
+    bool begin(bool exists, std::string& error) {
+        if (!lock_.held(error)) return false;
+        if (readChannelMeta(dir, meta) == exists) return true;
+        error = exists ? "no such channel" : "channel exists";
+        return false;
+    }
+
+    const std::wstring dir;
     ChannelMeta meta;
-    if (readChannelMeta(dir, meta)) return error = "channel exists", false;
+
+private:
+    WriterLock lock_;
+};
+
+}  // namespace
+
+bool StoreWriter::createChannel(std::string_view name, std::string& error) {
+    ChannelChange change(root_, name);
+    if (!change.begin(false, error)) return false;
+    const std::wstring& dir = change.dir;
+    ChannelMeta& meta = change.meta;
     if (!makeDirs(dir)) return error = lastErrorText("creating the channel folder"), false;
     meta = ChannelMeta{std::string(name), newIncarnation(), 0, 1};
     FileCloser f{CreateFileW(recordsPath(dir, meta).c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
@@ -441,11 +470,10 @@ bool StoreWriter::createChannel(std::string_view name, std::string& error) {
 }
 
 bool StoreWriter::deleteChannel(std::string_view name, std::string& error) {
-    WriterLock lock(root_);
-    if (!lock.held()) return error = lastErrorText("locking the store"), false;
-    std::wstring dir = channelDir(root_, name);
-    ChannelMeta meta;
-    if (!readChannelMeta(dir, meta)) return error = "no such channel", false;
+    ChannelChange change(root_, name);
+    if (!change.begin(true, error)) return false;
+    const std::wstring& dir = change.dir;
+    ChannelMeta& meta = change.meta;
     // The description goes first: without it the channel no longer exists.
     DeleteFileW((dir + L"\\channel.txt").c_str());
     DeleteFileW(recordsPath(dir, meta).c_str());
@@ -454,11 +482,10 @@ bool StoreWriter::deleteChannel(std::string_view name, std::string& error) {
 }
 
 bool StoreWriter::clearChannel(std::string_view name, std::string& error) {
-    WriterLock lock(root_);
-    if (!lock.held()) return error = lastErrorText("locking the store"), false;
-    std::wstring dir = channelDir(root_, name);
-    ChannelMeta meta;
-    if (!readChannelMeta(dir, meta)) return error = "no such channel", false;
+    ChannelChange change(root_, name);
+    if (!change.begin(true, error)) return false;
+    const std::wstring& dir = change.dir;
+    ChannelMeta& meta = change.meta;
     ChannelMeta old = meta;
     ++meta.generation;
     {
@@ -473,11 +500,10 @@ bool StoreWriter::clearChannel(std::string_view name, std::string& error) {
 
 bool StoreWriter::append(std::string_view name, const std::vector<std::string>& events, std::string& error,
                          uint64_t* firstId, DWORD holdMs) {
-    WriterLock lock(root_);
-    if (!lock.held()) return error = lastErrorText("locking the store"), false;
-    std::wstring dir = channelDir(root_, name);
-    ChannelMeta meta;
-    if (!readChannelMeta(dir, meta)) return error = "no such channel", false;
+    ChannelChange change(root_, name);
+    if (!change.begin(true, error)) return false;
+    const std::wstring& dir = change.dir;
+    ChannelMeta& meta = change.meta;
     if (firstId) *firstId = meta.nextRecordId;
     FileCloser f{CreateFileW(recordsPath(dir, meta).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_DELETE,
                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)};
@@ -513,7 +539,7 @@ bool StoreWriter::append(std::string_view name, const std::vector<std::string>& 
 
 bool StoreWriter::writeProvider(const ProviderDef& def, std::string& error) {
     WriterLock lock(root_);
-    if (!lock.held()) return error = lastErrorText("locking the store"), false;
+    if (!lock.held(error)) return false;
     if (!makeDirs(root_ + L"\\providers")) return error = lastErrorText("creating providers folder"), false;
     if (!writeFileReplacing(providerPath(root_, def.name), providerXml(def))) return error = lastErrorText("writing provider"), false;
     return true;

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Ascii.h"  // shared with the product, header-only
+
 namespace evtsim {
 
 std::wstring toWide(std::string_view utf8);
@@ -19,7 +21,7 @@ size_t wideLength(std::string_view utf8);
 void toWideInto(std::string_view utf8, wchar_t* out, size_t outLen);
 
 bool iequals(std::wstring_view a, std::wstring_view b);
-bool iequals(std::string_view a, std::string_view b);
+inline bool iequals(std::string_view a, std::string_view b) { return skorva::iequalsAscii(a, b); }
 
 std::optional<uint64_t> parseUnsigned(std::string_view text);  // decimal or 0x hex
 std::optional<int64_t> parseSigned(std::string_view text);     // decimal, optionally negative

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "FakeAccounts.h"
-#include "LogCapture.h"
 #include "directory/SidProps.h"
 #include "directory/SidStringTranslation.h"
 #include "platform/Clock.h"
@@ -109,44 +108,6 @@ TEST_F(SidLookupCacheTest, DisabledCacheAsksEveryTimeAndStoresNothing) {
 
 std::string domainSid(int rid) { return format("S-1-5-21-1-2-3-%d", rid); }
 
-TEST_F(SidLookupCacheTest, FullCacheWithNothingExpiredDropsTheTenSmallestKeys) {
-    std::set<std::string> keys;
-    for (int rid = 1; rid <= 1001; ++rid) {
-        ASSERT_EQ(lookup(domainSid(rid).c_str()), 0u);
-        keys.insert(domainSid(rid));
-    }
-    ASSERT_EQ(cache_.size(), 1001u);
-    ASSERT_EQ(lookup(domainSid(5000).c_str()), 0u);  // the insertion that purges
-    EXPECT_EQ(cache_.size(), 992u);
-
-    std::vector<std::string> smallest(keys.begin(), keys.end());
-    smallest.resize(10);  // "S-1-5-21-1-2-3-1", "-10", "-100", "-1000", "-1001", "-101", ...
-    const int before = FakeAccounts::calls();
-    for (const auto& k : keys) {
-        const bool dropped = std::find(smallest.begin(), smallest.end(), k) != smallest.end();
-        if (dropped) continue;
-        ASSERT_EQ(lookup(k.c_str()), 0u);
-    }
-    EXPECT_EQ(FakeAccounts::calls(), before) << "every surviving key is a hit";
-    ASSERT_EQ(lookup(smallest[9].c_str()), 0u);
-    EXPECT_EQ(FakeAccounts::calls(), before + 1);
-}
-
-TEST_F(SidLookupCacheTest, PurgeRemovesExactlyTheExpiredEntries) {
-    SidCacheSettings s;
-    s.maxEntries = 5;
-    cache_.configure(s);
-    for (int rid = 1; rid <= 3; ++rid) lookup(domainSid(rid).c_str());
-    clock_.advance(3600001);  // the first three have expired
-    for (int rid = 4; rid <= 6; ++rid) lookup(domainSid(rid).c_str());
-    ASSERT_EQ(cache_.size(), 6u);
-    lookup(domainSid(7).c_str());
-    EXPECT_EQ(cache_.size(), 4u);
-    const int before = FakeAccounts::calls();
-    for (int rid = 4; rid <= 7; ++rid) lookup(domainSid(rid).c_str());
-    EXPECT_EQ(FakeAccounts::calls(), before);
-}
-
 TEST_F(SidLookupCacheTest, ConcurrentLookupsAllGetTheirOwnAnswer) {
     constexpr int kThreads = 6;
     constexpr int kSids = 40;
@@ -180,17 +141,13 @@ TEST(SidLookupCacheSystem, LocalSystemTranslatesToItsAccountName) {
     ASSERT_TRUE(translateSidString("S-1-5-18", name));
     EXPECT_EQ(name, L"NT AUTHORITY\\SYSTEM");
     // Texts that are no SID fail as the system's conversion fails them.
-    for (const char* text : {"not-a-sid", "bf967aba-0de6-11d0-a285-00aa003049e2", "S-", "S-1-x"}) {
-        test::LogCapture log;
+    for (const char* text : {"not-a-sid", "bf967aba-0de6-11d0-a285-00aa003049e2", "S-", "S-1-x"})
         EXPECT_FALSE(translateSidString(text, name)) << text;
-        EXPECT_TRUE(log.has(LogLevel::Debug, "ConvertStringSidTosid failed with error 0x539")) << text;
-    }
 }
 
 class SidPropsTest : public ::testing::Test {
 protected:
     test::ProcessCacheWithFake fake_;
-    test::LogCapture log_;
 };
 
 TEST_F(SidPropsTest, SidStringMatchesTheSystemConversion) {
@@ -224,18 +181,15 @@ TEST_F(SidPropsTest, AccountIsLookedUpOnlyWhenAsked) {
     EXPECT_EQ(looked.sidType, static_cast<DWORD>(SidTypeGroup));
 }
 
-TEST_F(SidPropsTest, FailuresAreLoggedAndKeepWhatWasLearnt) {
+TEST_F(SidPropsTest, FailuresKeepWhatWasLearnt) {
     FakeAccounts::table()[L"S-1-5-21-1-2-3-9"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
     SidBytes sid("S-1-5-21-1-2-3-9");
     SidProps props;
     EXPECT_FALSE(props.processSid(sid.get(), true));
     EXPECT_EQ(props.sidString, L"S-1-5-21-1-2-3-9");
-    EXPECT_TRUE(log_.has(LogLevel::Error, "SidProps::processSid:  Failed to lookup sid"));
-
     unsigned char junk[16] = {7};
     EXPECT_FALSE(props.processSid(junk, true));
     EXPECT_EQ(props.sidString, L"");
-    EXPECT_TRUE(log_.has(LogLevel::Error, "SidProps::processSid: Failed to convert sid to string"));
 }
 
 TEST_F(SidPropsTest, SidStringTranslationJoinsDomainAndAccount) {
@@ -246,7 +200,6 @@ TEST_F(SidPropsTest, SidStringTranslationJoinsDomainAndAccount) {
     // a lower-case text is parsed and still finds the cached account.
     for (const char* prefix : {"S", "S", "s"}) {
         SCOPED_TRACE(prefix);
-        log_.clear();
         const std::string base = std::string(prefix) + "-1-5-21-1-2-3-100";
         std::wstring out;
         ASSERT_TRUE(translateSidString(base + "1", out));
@@ -254,8 +207,6 @@ TEST_F(SidPropsTest, SidStringTranslationJoinsDomainAndAccount) {
         ASSERT_TRUE(translateSidString(base + "2", out));
         EXPECT_EQ(out, L"bob");
         EXPECT_FALSE(translateSidString(base + "3", out));
-        EXPECT_TRUE(log_.has(LogLevel::Debug, "LookupAccountName failed with error 0x5"));
-        EXPECT_TRUE(log_.has(LogLevel::Debug, "Translates the sid " + base + "1 successfully."));
     }
     EXPECT_EQ(FakeAccounts::calls(), 3) << "each account looked up once";
 }

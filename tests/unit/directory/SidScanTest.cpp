@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "FakeAccounts.h"
-#include "channel/WinEventLogChannelBase.h"
 #include "directory/SidScanner.h"
+#include "directory/SidTextTranslator.h"
 
 namespace skorva {
 namespace {
@@ -47,13 +47,13 @@ TEST(SidScanner, FindsWrappedAndBareSids) {
 
 class TranslateSidLocally : public ::testing::Test {
 protected:
-    TranslateSidLocally() : channel_("Security", ChannelSettings()) {
+    TranslateSidLocally() {
         FakeAccounts::table()[L"S-1-5-21-1-2-3-1001"] = FakeAccount{L"alice", L"CORP"};
         FakeAccounts::table()[L"S-1-5-21-1-2-3-1002"] = FakeAccount{L"bob", L""};
         FakeAccounts::table()[L"S-1-5-21-1-2-3-1003"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
     }
     test::ProcessCacheWithFake fake_;
-    WinEventLogChannelBase channel_;
+    SidTextTranslator translator_;
 };
 
 TEST_F(TranslateSidLocally, MessageSidsAreReplacedWrappedOrBare) {
@@ -70,7 +70,7 @@ TEST_F(TranslateSidLocally, MessageSidsAreReplacedWrappedOrBare) {
     for (const auto& c : cases) {
         std::string message = c.in;
         std::wstring xml;
-        channel_.translateSidLocally(message, xml);
+        translator_.translate(message, xml);
         EXPECT_EQ(message, c.out) << c.in;
         EXPECT_TRUE(xml.empty());
     }
@@ -80,7 +80,7 @@ TEST_F(TranslateSidLocally, MessageSidsAreReplacedWrappedOrBare) {
 TEST_F(TranslateSidLocally, XmlIsTranslatedInsteadOfTheMessage) {
     std::string message = "User S-1-5-21-1-2-3-1001";
     std::wstring xml = L"<Data Name='TargetUserSid'>S-1-5-21-1-2-3-1001</Data><Data>S-1-5-21-1-2-3-1002</Data>";
-    channel_.translateSidLocally(message, xml);
+    translator_.translate(message, xml);
     EXPECT_EQ(message, "User S-1-5-21-1-2-3-1001");
     EXPECT_EQ(xml, L"<Data Name='TargetUserSid'>CORP\\alice</Data><Data>bob</Data>");
 }

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "EvtsimInProcess.h"
-#include "channel/EvtApi.h"
+#include "eventlog/EvtApi.h"
 
 namespace evtsim_test {
 

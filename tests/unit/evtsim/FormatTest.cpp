@@ -1,4 +1,4 @@
-// EvtOpenPublisherMetadata and EvtFormatMessage: the nine flags, counting in characters.
+// EvtFormatMessage as the reader meets it: without a publisher, with a small buffer, typed inserts.
 #include "EvtsimTestUtil.h"
 
 #include "platform/Strings.h"
@@ -69,79 +69,6 @@ protected:
     UniqueEvtHandle pub;
 };
 
-TEST_F(FormatTest, FlagsWithPublisher) {
-    struct Case {
-        DWORD flag;
-        const wchar_t* text;
-    } cases[] = {
-        {EvtFormatMessageEvent, L"User bob did log on.\r\nDone: Yes"},
-        {EvtFormatMessageLevel, L"Info level"},
-        {EvtFormatMessageTask, L"Logon"},
-        {EvtFormatMessageOpcode, L"Info"},
-        {EvtFormatMessageChannel, L"Application log"},
-        {EvtFormatMessageProvider, L"Test provider"},
-    };
-    for (const auto& c : cases) {
-        std::wstring out;
-        ASSERT_EQ(0u, format(pub.get(), events[0].get(), c.flag, out)) << c.flag;
-        EXPECT_EQ(wcslen(c.text) + 1, out.size()) << c.flag;  // characters, terminator included
-        EXPECT_STREQ(c.text, out.c_str());
-    }
-    std::wstring out;
-    EXPECT_EQ(0u, format(pub.get(), nullptr, EvtFormatMessageId, out, 500));
-    EXPECT_STREQ(L"Plain message", out.c_str());
-}
-
-TEST_F(FormatTest, KeywordsAreAMultiStringEndingInAnExtraNul) {
-    std::wstring out;
-    ASSERT_EQ(0u, format(pub.get(), events[0].get(), EvtFormatMessageKeyword, out));
-    EXPECT_EQ(std::wstring(L"First\0Second\0Audit Success\0\0", 28), out);
-}
-
-TEST_F(FormatTest, MissingMessages) {
-    std::wstring out;
-    EXPECT_EQ(15027u, format(pub.get(), events[2].get(), EvtFormatMessageEvent, out));  // no message for id 99
-    EXPECT_EQ(15028u, format(pub.get(), nullptr, EvtFormatMessageId, out, 4242));
-    // A template asking for more inserts than the event has: text with the marker, and 15029.
-    EXPECT_EQ(15029u, format(pub.get(), events[1].get(), EvtFormatMessageEvent, out));
-    EXPECT_STREQ(L"Needs %4", out.c_str());
-}
-
-TEST_F(FormatTest, PublisherMetadataErrors) {
-    EXPECT_EQ(nullptr, evtsim::EvtOpenPublisherMetadata(nullptr, L"Nobody", nullptr, 0, 0));
-    EXPECT_EQ(2u, GetLastError());
-    std::wstring out;
-    EXPECT_EQ(6u, format(reinterpret_cast<EVT_HANDLE>(0x55), events[0].get(), EvtFormatMessageEvent, out));
-    EXPECT_EQ(87u, format(pub.get(), events[0].get(), 10, out));
-    // A provider registered without its resources: no text from it at all. Locale
-    // missing (15033); resource file missing (15100) or without the language
-    // (1815), as dotnet's EventLog NativeWrapper.cs and Fluent Bit's winevtlog.c
-    // meet them.
-    const struct {
-        const char* name;
-        DWORD missing;
-    } cases[] = {{"No-Locale", 15033}, {"No-File", 15100}, {"No-Language", 1815}};
-    for (const auto& c : cases) {
-        evtsim::ProviderDef def;
-        def.name = c.name;
-        def.missingResources = c.missing;
-        def.levels = {{4, "Info level"}};
-        store.addProvider(def);
-        UniqueEvtHandle meta(evtsim::EvtOpenPublisherMetadata(nullptr, widen(c.name).c_str(), nullptr, 0, 0));
-        ASSERT_TRUE(meta) << c.name;
-        for (DWORD flag : {EvtFormatMessageEvent, EvtFormatMessageLevel, EvtFormatMessageXml})
-            EXPECT_EQ(c.missing, format(meta.get(), events[0].get(), flag, out)) << c.name << " " << flag;
-    }
-    // The file is what the provider says: a rewritten file is read again.
-    evtsim::ProviderDef def;
-    def.name = "No-Locale";
-    def.levels = {{4, "Now installed"}};
-    store.addProvider(def);
-    UniqueEvtHandle meta(evtsim::EvtOpenPublisherMetadata(nullptr, L"No-Locale", nullptr, 0, 0));
-    ASSERT_EQ(0u, format(meta.get(), events[0].get(), EvtFormatMessageLevel, out));
-    EXPECT_STREQ(L"Now installed", out.c_str());
-}
-
 // Without a publisher handle the service formats from the texts a forwarded event
 // carries, and otherwise the names Winmeta.xml defines (EvtFormatMessage: "You can
 // also set this parameter to NULL if the event property that you are formatting is
@@ -194,15 +121,6 @@ TEST_F(FormatTest, WithoutPublisherRenderingInfoThenWinmetaNames) {
         EXPECT_EQ(c.keywordList, out) << i;
         EXPECT_EQ(15028u, format(nullptr, ev, EvtFormatMessageProvider, out)) << "no Winmeta name";
     }
-}
-
-TEST_F(FormatTest, XmlCarriesRenderingInfo) {
-    std::wstring out;
-    ASSERT_EQ(0u, format(pub.get(), events[0].get(), EvtFormatMessageXml, out));
-    EXPECT_NE(std::wstring::npos, out.find(L"<RenderingInfo Culture='en-US'><Message>User bob did log on.&#xD;\nDone: Yes</Message>"
-                                           L"<Level>Info level</Level><Task>Logon</Task>"));
-    EXPECT_NE(std::wstring::npos, out.find(L"<Keywords><Keyword>First</Keyword><Keyword>Second</Keyword>"));
-    EXPECT_EQ(out.size() - 1 - wcslen(L"</Event>"), out.rfind(L"</Event>"));
 }
 
 // A buffer too small for the text is not refused: what fits is copied (here with

@@ -79,23 +79,6 @@ TEST_F(RenderTest, ElevenSystemPathsHaveTheServiceTypes) {
     LocalFree(sidText);
 }
 
-TEST_F(RenderTest, SystemContextGivesEighteenValuesMissingOnesNull) {
-    UniqueEvtHandle ctx(evtsim::EvtCreateRenderContext(0, nullptr, EvtRenderContextSystem));
-    DWORD used = 0, count = 0;
-    evtsim::EvtRender(ctx.get(), event.get(), EvtRenderEventValues, 0, nullptr, &used, &count);
-    std::vector<BYTE> buf(used);
-    ASSERT_TRUE(evtsim::EvtRender(ctx.get(), event.get(), EvtRenderEventValues, used, buf.data(), &used, &count));
-    ASSERT_EQ(static_cast<DWORD>(EvtSystemPropertyIdEND), count);
-    auto* v = reinterpret_cast<EVT_VARIANT*>(buf.data());
-    EXPECT_EQ(EvtVarTypeGuid, v[EvtSystemProviderGuid].Type);
-    EXPECT_EQ(0x54849625u, v[EvtSystemProviderGuid].GuidVal->Data1);
-    EXPECT_EQ(EvtVarTypeNull, v[EvtSystemQualifiers].Type);
-    EXPECT_EQ(EvtVarTypeNull, v[EvtSystemActivityID].Type);
-    EXPECT_EQ(EvtVarTypeUInt32, v[EvtSystemProcessID].Type);
-    EXPECT_EQ(EvtVarTypeByte, v[EvtSystemVersion].Type);
-    EXPECT_EQ(EvtVarTypeSid, v[EvtSystemUserID].Type);
-}
-
 // System values come from a scan of the System element alone (the cost model);
 // they must be what the full parse gives, for every shape the generator makes.
 TEST(RenderCost, SystemScanGivesWhatTheFullParseGives) {
@@ -281,32 +264,6 @@ TEST_F(RenderTest, XmlIsTerminatedUtf16SizedInBytes) {
     EXPECT_FALSE(evtsim::EvtRender(nullptr, event.get(), EvtRenderEventXml, used - 1, buf.data(), &used, &count));
     EXPECT_EQ(122u, GetLastError());
     EXPECT_EQ((xml.size() + 1) * 2, used);
-}
-
-TEST_F(RenderTest, Misuse) {
-    UniqueEvtHandle ctx(evtsim::EvtCreateRenderContext(0, nullptr, EvtRenderContextSystem));
-    BYTE buf[4096];
-    DWORD used = 0, count = 0;
-    struct Case {
-        EVT_HANDLE context;
-        EVT_HANDLE fragment;
-        DWORD flags;
-        DWORD error;
-    } cases[] = {
-        {nullptr, event.get(), EvtRenderEventValues, 87},
-        {ctx.get(), event.get(), EvtRenderEventXml, 87},
-        {nullptr, event.get(), EvtRenderBookmark, 87},
-        {nullptr, reinterpret_cast<EVT_HANDLE>(0x77), EvtRenderEventXml, 6},
-        {ctx.get(), ctx.get(), EvtRenderEventValues, 87},
-    };
-    for (const auto& c : cases) {
-        EXPECT_FALSE(evtsim::EvtRender(c.context, c.fragment, c.flags, sizeof buf, buf, &used, &count));
-        EXPECT_EQ(c.error, GetLastError());
-    }
-    LPCWSTR bad[] = {L"System/EventID"};
-    EXPECT_EQ(nullptr, evtsim::EvtCreateRenderContext(1, bad, EvtRenderContextValues));
-    EXPECT_EQ(nullptr, evtsim::EvtCreateRenderContext(0, nullptr, 7));
-    EXPECT_EQ(87u, GetLastError());
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 #include <atomic>
 #include <string>
 
+#include "main/Run.h"
 #include "main/ShutdownWatcher.h"
+#include "monitor/WinEventMon.h"
 #include "platform/Handles.h"
 
 using namespace skorva;
@@ -41,6 +43,7 @@ TEST(ShutdownWatcher, ParentFromTheEnvironment) {
         {std::to_wstring(pi.dwProcessId), 97},
         {L"not-a-pid", 98},
         {L"", -1},  // empty: nothing to watch
+        {std::to_wstring(GetCurrentProcessId()), -1},  // alive: the watch is woken and joined at the end
     };
     for (const auto& c : cases) {
         SetEnvironmentVariableW(L"SKORVAD_PROCESSID", c.value.c_str());
@@ -62,4 +65,21 @@ TEST(ShutdownWatcher, ConsoleEventsRunTheCallbackOnce) {
     EXPECT_EQ(calls.load(), 1);
     EXPECT_EQ(lastArgument.load(), 42u);
     EXPECT_EQ(WaitForSingleObject(w.shutdownEvent(), 0), static_cast<DWORD>(WAIT_OBJECT_0));
+}
+
+TEST(ShutdownHandlers, InterruptsStopTheCurrentMonitorOthersPassOn) {
+    struct Case {
+        DWORD code;
+        BOOL handled;
+    };
+    const Case cases[] = {{CTRL_C_EVENT, TRUE}, {CTRL_BREAK_EVENT, TRUE}, {CTRL_CLOSE_EVENT, FALSE},
+                          {CTRL_LOGOFF_EVENT, FALSE}, {CTRL_SHUTDOWN_EVENT, FALSE}};
+    for (const Case& c : cases) {
+        WinEventMon mon(L"C:\\skorva-test");
+        setCurrentMonitor(&mon);
+        EXPECT_EQ(consoleCtrlHandler(c.code), c.handled) << c.code;
+        EXPECT_EQ(mon.stopping(), c.handled == TRUE) << c.code;
+        setCurrentMonitor(nullptr);
+    }
+    EXPECT_EQ(consoleCtrlHandler(CTRL_C_EVENT), TRUE);  // no monitor: nothing to stop, still handled
 }

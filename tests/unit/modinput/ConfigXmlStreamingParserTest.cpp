@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "modinput/ConfigXmlStreamingParser.h"
+#include "modinput/ConfigInput.h"
 #include "platform/Paths.h"
 #include "platform/SkorvaException.h"
 #include "platform/Strings.h"

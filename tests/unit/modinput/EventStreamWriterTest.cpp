@@ -45,42 +45,6 @@ protected:
 
 }  // namespace
 
-TEST(EventStreamWriter, ExactBytesOfAStream) {
-    std::string out = capture([](EventStreamWriter& w) {
-        ModinputEvent e;
-        e.stanza = "WinEventLog://Security";
-        e.time = "1706735107";
-        e.data = "01/31/2024 09:05:07 PM\nLogName=Security";
-        e.source = "WinEventLog:Security";
-        e.sourcetype = "WinEventLog:Security";
-        e.index = "main";
-        EXPECT_TRUE(w.writeEvent(e));
-        ModinputEvent bare;  // empty data: the element is still written
-        bare.unbroken = true;
-        bare.done = true;
-        bare.host = "h";
-        EXPECT_TRUE(w.writeEvent(bare));
-    });
-    EXPECT_EQ(out,
-              "<stream>\n"
-              "<event stanza=\"WinEventLog://Security\">\n"
-              "<time>1706735107</time>\n"
-              "<data>01/31/2024 09:05:07 PM\nLogName=Security</data>\n"
-              "<source>WinEventLog:Security</source>\n"
-              "<sourcetype>WinEventLog:Security</sourcetype>\n"
-              "<index>main</index>\n"
-              "</event>\n"
-              "<event unbroken=\"1\">\n"
-              "<host>h</host>\n"
-              "<done/>\n"
-              "</event>\n"
-              "</stream>\n");
-}
-
-TEST(EventStreamWriter, NoEventNoStream) {
-    EXPECT_EQ(capture([](EventStreamWriter&) {}), "");
-}
-
 TEST(EventStreamWriter, Escaping) {
     struct Case {
         std::string in, out;

@@ -8,7 +8,6 @@
 
 #include "platform/Regex.h"
 #include "platform/SkorvaException.h"
-#include "platform/ThreadRegistry.h"
 
 using namespace skorva;
 
@@ -47,20 +46,4 @@ TEST(SkorvaException, ExpandsTheSystemErrorText) {
     EXPECT_EQ(std::string(e.what()).find("%m"), std::string::npos);
     auto w = SkorvaException::withError(ERROR_ACCESS_DENIED, "100%% %m");
     EXPECT_EQ(std::string(w.what()).rfind("100% ", 0), 0u);
-}
-
-TEST(ThreadRegistry, MainThreadOnlyOnce) {
-    {
-        MainThread main;
-        EXPECT_TRUE(ThreadRegistry::isRegistered("Main Thread"));
-        EXPECT_EQ(ThreadRegistry::currentName(), "Main Thread");
-        try {
-            MainThread second;
-            FAIL() << "second main thread accepted";
-        } catch (const SkorvaException& e) {
-            EXPECT_STREQ(e.what(), "Main Thread created twice!");
-        }
-    }
-    EXPECT_FALSE(ThreadRegistry::isRegistered("Main Thread"));
-    MainThread again;  // allowed once the first is gone
 }

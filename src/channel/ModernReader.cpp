@@ -1,0 +1,392 @@
+// The reading side of a channel: opening it as a query or a subscription,
+// fetching batches with EvtNext, turning each event into a record, and the
+// recovery from read errors.
+//
+// Every re-open resumes after the last event sent (the position), kept in
+// memory as it goes and restored from the checkpoint file at the first open.
+//
+// start_from "newest": the existing records are read newest first by a query,
+// on the thread that made it, until it reports no more items. The newest
+// record when that phase began (the anchor) goes to the "reverse" file before
+// the main checkpoint first moves; the main checkpoint then follows the oldest
+// record sent. A phase cut short (stop, reset, crash) resumes after that one,
+// and records already sent are never sent again from the query. When the query
+// is done the anchor becomes the main checkpoint, the "reverse" file goes, and
+// the channel subscribes after the anchor: records that arrived meanwhile are
+// read forward once. A later run knows the phase is over from a main
+// checkpoint without a "reverse" one.
+#include "channel/ModernReader.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/Clock.h"
+#include "platform/Logger.h"
+#include "platform/Strings.h"
+
+namespace skorva {
+
+namespace {
+
+constexpr DWORD kMissingChannelPauseMs = 20000;  // a removed channel is not polled in a tight loop
+constexpr uint64_t kSlowTranslationMs = 10;
+
+}  // namespace
+
+ModernReader::ModernReader(const std::string& channelName, const std::wstring& channelNameW,
+                           const ChannelSettings& settings, EventRenderer& renderer, SidTextTranslator& sids,
+                           CheckpointPolicy& checkpoints)
+    : channelName_(channelName),
+      channelNameW_(channelNameW),
+      settings_(settings),
+      renderer_(renderer),
+      sids_(sids),
+      checkpoints_(checkpoints) {}
+
+bool ModernReader::prepare(const char* fn) {
+    renderer_.closeRenderContext();
+    // Binding to a domain controller for evt_resolve_ad_obj comes with the
+    // directory translation (a later stage); SIDs are translated locally.
+
+    notifyEvent_.reset(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    if (!notifyEvent_) {
+        LOG_ERROR("%s: Failed to create notify event handler: (%lu)", fn, ::GetLastError());
+        return false;
+    }
+    LOG_DEBUG("%s: Creating notify event handler: (%lu)", fn, ::GetLastError());
+
+    const uint32_t configured =
+        settings_.batchSize >= 1 && settings_.batchSize <= 1000 ? static_cast<uint32_t>(settings_.batchSize) : 1;
+    batchSize_ = std::min(configured, batchLimit_);
+    eventSlots_.assign(batchSize_, nullptr);
+    startFromNewest_ = settings_.startFrom == "newest";
+    if (!positionLoaded_) loadPosition();
+    return true;
+}
+
+// The checkpoint files as the last run left them. Done once: afterwards the
+// position in memory is newer than any file.
+void ModernReader::loadPosition() {
+    positionLoaded_ = true;
+    if (checkpoints_.checkpointFilePath().empty()) return;
+    checkpoints_.loadFiles(startFromNewest_);
+    if (!settings_.currentOnly || checkpoints_.phaseOpen())
+        position_ = checkpoints_.getBookMark(std::wstring(), &positionId_);
+}
+
+void ModernReader::opened() {
+    channelMissing_ = false;
+    channelState_ = true;
+    initialized_ = true;
+}
+
+bool ModernReader::open(const char* fn) {
+    channelMissing_ = false;
+    if (reversePhaseOpen()) {
+        if (!queryEvtChannel(channelNameW_, false, false)) {
+            LOG_ERROR("%s: Init failed, unable to query Windows Event Log channel.", fn);
+            return false;
+        }
+    } else if (!subscribeToEvtChannel(channelNameW_)) {
+        LOG_ERROR("%s: Init failed, unable to subscribe to Windows Event Log channel '%s': errorCode=%lu", fn,
+                  channelName_.c_str(), ::GetLastError());
+        return false;
+    }
+    if (!renderer_.setRenderContext()) {
+        LOG_ERROR("%s: Init failed, unable to set render context for Windows Event Log channel'%s'.", fn,
+                  channelName_.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool ModernReader::queryEvtChannel(const std::wstring& name, bool forward, bool fromFile) {
+    static const char* const fn = "WinEventLogChannel::queryEvtChannel";
+    LOG_DEBUG("%s Query channel %S", fn, name.c_str());
+    subscribed_ = false;
+    reverseComplete_ = false;
+    guardActive_ = false;
+    const DWORD flags = (fromFile ? EvtQueryFilePath : EvtQueryChannelPath) |
+                        (forward ? EvtQueryForwardDirection : EvtQueryReverseDirection);
+    resultHandle_.reset(evtApi().EvtQuery(nullptr, name.c_str(), L"*", flags));
+    if (!resultHandle_) {
+        channelMissing_ = ::GetLastError() == ERROR_EVT_CHANNEL_NOT_FOUND;
+        LOG_ERROR("%s: Failed to query Windows Event Log channel=%S", fn, name.c_str());
+        return false;
+    }
+    setReversePhase(!forward && !fromFile);
+    if (fromFile) {
+        const Bookmark bookmark = checkpoints_.getBookMark();
+        if (bookmark) evtApi().EvtSeek(resultHandle_.get(), 0, bookmark.get(), 0, EvtSeekRelativeToBookmark);
+        return true;
+    }
+    // Read on after the oldest record already sent, else from the anchor itself
+    // (it may not have gone out), else from the newest record. Whatever the seek
+    // lands on, records already sent are skipped by their id: a seek past the
+    // end lands on the last record rather than nowhere.
+    const bool afterPosition = position_.valid();
+    EVT_HANDLE from = afterPosition ? position_.get() : checkpoints_.anchor();
+    if (!from) return true;
+    guardActive_ = true;
+    guardId_ = afterPosition ? positionId_ : checkpoints_.anchorId();
+    guardInclusive_ = !afterPosition;
+    if (!evtApi().EvtSeek(resultHandle_.get(), afterPosition ? 1 : 0, from, 0, EvtSeekRelativeToBookmark))
+        LOG_ERROR("%s: Unable to set seek position to the given bookmark", fn);
+    return true;
+}
+
+bool ModernReader::subscribeToEvtChannel(const std::wstring& name) {
+    static const char* const fn = "WinEventLogChannel::subscribeToEvtChannel";
+    LOG_DEBUG("%s: Subscribe to channel %S", fn, name.c_str());
+    // current_only skips what the last run left; within a run nothing is skipped.
+    EVT_HANDLE bookmark = position_ && (positionFromRun_ || !settings_.currentOnly) ? position_.get() : nullptr;
+    const DWORD flags = bookmark                 ? EvtSubscribeStartAfterBookmark
+                        : settings_.currentOnly ? EvtSubscribeToFutureEvents
+                                                : EvtSubscribeStartAtOldestRecord;
+    const auto subscribe = [&](EVT_HANDLE after, DWORD how) {
+        resultHandle_.reset(evtApi().EvtSubscribe(nullptr, notifyEvent_.get(), name.c_str(), L"*", after, nullptr,
+                                                  nullptr, how));
+        return resultHandle_.valid();
+    };
+    const std::string narrowName = narrow(name);
+    bool ok = subscribe(bookmark, flags);
+    if (!ok && bookmark && ::GetLastError() == ERROR_EVT_QUERY_RESULT_STALE) {
+        // The records around the position were cleared away: all that is left is newer.
+        LOG_WARN("%s: The records after the last event sent from Windows Event Log channel '%s' are gone (the log "
+                 "was cleared or rolled over); reading it from its oldest record",
+                 fn, narrowName.c_str());
+        ok = subscribe(nullptr, EvtSubscribeStartAtOldestRecord);
+    }
+    if (!ok) {
+        channelMissing_ = ::GetLastError() == ERROR_EVT_CHANNEL_NOT_FOUND;
+        subscribed_ = false;
+        LOG_ERROR("%s: Could not subscribe to Windows Event Log channel '%s'", fn, narrowName.c_str());
+        return false;
+    }
+    subscribed_ = true;
+    setReversePhase(false);
+    // The service signals only records written from now on: what already waits
+    // is read at once, without waiting for a signal.
+    ::SetEvent(notifyEvent_.get());
+    LOG_INFO("%s: Subscribed to Windows Event Log channel '%s'", fn, narrowName.c_str());
+    return true;
+}
+
+void ModernReader::endReversePhase() {
+    setReversePhase(false);
+    guardActive_ = false;
+    uint64_t anchorId = 0;
+    Bookmark anchor = checkpoints_.endPhase(anchorId);
+    if (anchor) {
+        position_ = std::move(anchor);
+        positionId_ = anchorId;
+        positionFromRun_ = true;
+    }
+    uninit();
+}
+
+void ModernReader::markWritten(EVT_HANDLE event, uint64_t recordNumber) {
+    const EvtApi& api = evtApi();
+    if (!event || !api.EvtCreateBookmark || !api.EvtUpdateBookmark) return;
+    if (!position_) position_.create();
+    if (!position_.update(event)) {
+        LOG_ERROR("%s: Failed to update Windows Event Log bookmark, channel='%s'", "WinEventLogChannel::markWritten",
+                  channelName_.c_str());
+        return;
+    }
+    positionId_ = recordNumber;
+    positionFromRun_ = true;
+}
+
+void ModernReader::uninit() {
+    LOG_DEBUG("Uninitializing Windows Event Log channel '%s'", channelName_.c_str());
+    if (const DWORD error = closeEvtHandleNow(resultHandle_))
+        LOG_WARN("Failed to close handle for channel '%s' errorcode = %x", channelName_.c_str(),
+                 static_cast<unsigned>(error));
+    if (const DWORD error = renderer_.closeRenderContext())
+        LOG_WARN("Failed to close renderContext for channel '%s' errorcode = %x", channelName_.c_str(),
+                 static_cast<unsigned>(error));
+    notifyEvent_.reset();
+    // The domain-controller binding is released here once it exists (a later stage).
+    initialized_ = false;
+    subscribed_ = false;
+    eventsPending_ = false;
+    LOG_INFO("channel '%s' is un-initialized", channelName_.c_str());
+}
+
+void ModernReader::getEventsNew(EventBatch& records) {
+    static const char* const fn = "WinEventLogChannel::getEventsNew";
+    eventsPending_ = false;
+    if (!initialized_) return;
+    // A deliberate bound on the work of one call: about 3000 events.
+    const uint32_t passLimit = (1001 / batchSize_) * 3;
+    records.reserve(records.size() + static_cast<size_t>(passLimit + 1) * batchSize_);
+    bool anyRead = false;
+    for (uint32_t pass = 0;; ++pass) {
+        DWORD returned = 0;
+        // EvtNext waits only for a result set's own work: at the end of a query
+        // or with nothing waiting on a subscription it reports no more items.
+        if (!evtApi().EvtNext(resultHandle_.get(), batchSize_, eventSlots_.data(), INFINITE, 0, &returned)) {
+            handleGetEventsError(anyRead, 0, returned);
+            return;
+        }
+        LOG_INFO("%s: read %d events", fn, static_cast<int>(returned));
+        anyRead = true;
+        const BatchEnd end = readBatch(records, returned);
+        closeSlots(0, returned);  // those no record took
+        if (end == BatchEnd::Stop) return;
+        // A short batch is not the end: the service caps a batch by size too.
+        // Only "no more items" says that nothing waits.
+        if (pass == passLimit) {
+            eventsPending_ = true;
+            return;
+        }
+    }
+}
+
+ModernReader::BatchEnd ModernReader::readBatch(EventBatch& records, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i)
+        if (!readEvent(records, i, count)) return BatchEnd::Stop;
+    return count < batchSize_ ? BatchEnd::Short : BatchEnd::Full;
+}
+
+// False when the rest of this call is given up.
+bool ModernReader::readEvent(EventBatch& records, uint32_t index, uint32_t count) {
+    EventRecord& record = records.emplace_back();
+    record.handle.reset(std::exchange(eventSlots_[index], nullptr));
+
+    // A rendering error drops the event; 122 and 6 also end this call.
+    const auto goesOnAfter = [&](DWORD error) {
+        if (error == ERROR_INVALID_HANDLE) {
+            resetChannel(records, index, count);
+        } else {
+            records.pop_back();
+            if (error != ERROR_INSUFFICIENT_BUFFER) return true;
+        }
+        std::vector<uint8_t>().swap(values_);
+        valuesSize_ = 0;
+        return false;
+    };
+
+    DWORD error = renderer_.renderEvent(record, values_, valuesSize_);
+    if (error) return goesOnAfter(error);
+    const auto* values = reinterpret_cast<const EVT_VARIANT*>(values_.data());
+    if (!admitted(values, record)) {
+        records.pop_back();
+        return true;
+    }
+    if (settings_.renderXml && (error = renderer_.renderEventAsXml(record)) != 0) return goesOnAfter(error);
+
+    error = renderer_.setEventProperties(values, record);
+    if (error) {
+        LOG_ERROR("Failed to set properties for event; EventRecordID=%llu channel=\"%s\" error=%lu",
+                  static_cast<unsigned long long>(record.recordNumber), channelName_.c_str(), error);
+        if (error == ERROR_INVALID_HANDLE) {
+            resetChannel(records, index, count);
+            return false;
+        }
+    }
+    // Directory-object translation of the message (evt_resolve_ad_obj) belongs
+    // here; it comes with a later stage.
+    if (settings_.resolveAdObj) translateSids(record);
+    if (!settings_.renderXml) record.addField(L"Message", record.message, settings_.excludedFields);
+    return true;
+}
+
+// Records the newest-first reading sent already, and event codes the ranges
+// exclude, are dropped before anything else is rendered.
+bool ModernReader::admitted(const EVT_VARIANT* values, EventRecord& record) {
+    const EVT_VARIANT& recordId = values[EventRenderer::kRecordId];
+    if (reversePhase_ && recordId.Type == EvtVarTypeUInt64) {
+        checkpoints_.noteAnchor(record.handle.get(), recordId.UInt64Val);
+        if (alreadySent(recordId.UInt64Val)) return false;
+    }
+    const EVT_VARIANT& eventId = values[EventRenderer::kEventId];
+    if (eventId.Type != EvtVarTypeUInt16) return true;
+    record.eventCode = eventId.UInt16Val;
+    return settings_.filters.admitsCode(record.eventCode, "WinEventLogChannelBase::includeEvent", channelName_);
+}
+
+void ModernReader::translateSids(EventRecord& record) {
+    static const char* const fn = "WinEventLogChannel::getEventsNew";
+    LOG_INFO("%s (%d): translating SID", fn, 1070);
+    const uint64_t started = tickNow();
+    narrowInto(record.message, sidMessage_);
+    sids_.translate(sidMessage_, record.xml);
+    // With XML only the XML is translated and the message is left as it was.
+    if (record.xml.empty()) widenInto(sidMessage_, record.message);
+    const uint64_t took = tickNow() - started;
+    if (took > kSlowTranslationMs)
+        LOG_INFO("%s: translateSidLocally took=%llu msec", fn, static_cast<unsigned long long>(took));
+}
+
+bool ModernReader::handleGetEventsError(bool anyRead, uint32_t index, uint32_t count) {
+    static const char* const fn = "WinEventLogChannelBase::handleGetEventsError";
+    const DWORD error = ::GetLastError();
+    switch (error) {
+    case ERROR_NO_MORE_ITEMS:
+        if (!subscribed_) reverseComplete_ = true;
+        break;
+    case ERROR_INVALID_OPERATION:
+        // What an idle subscription may answer instead of "no more items".
+        if (subscribed_) break;
+        logNoEvents(fn, error);
+        break;
+    case ERROR_EVT_CHANNEL_NOT_FOUND:
+        channelMissing_ = true;
+        sleepMs(kMissingChannelPauseMs);
+        [[fallthrough]];
+    case ERROR_INVALID_HANDLE:
+        LOG_INFO("%s: Unable to get Windows event logs, channel='%s', Error=(0x%x)", fn, channelName_.c_str(),
+                 static_cast<unsigned>(error));
+        LOG_INFO("%s: Setting the '%s' channel state to updated", fn, channelName_.c_str());
+        channelState_ = false;
+        break;
+    case ERROR_EVT_QUERY_RESULT_STALE:
+        // Cleared or rolled over under the handle: only a new one reads on.
+        LOG_WARN("%s: The Windows Event Log channel='%s' was cleared or rolled over while it was read, Error=(0x%x); "
+                 "it is opened again after the last event sent",
+                 fn, channelName_.c_str(), static_cast<unsigned>(error));
+        channelState_ = false;
+        break;
+    case RPC_S_INVALID_BOUND:
+        // The batch was over what one call may carry, and the handle's position
+        // has moved past it: re-open after the last event sent, with half the batch.
+        logNoEvents(fn, error);
+        if (batchSize_ > 1) batchLimit_ = batchSize_ / 2;
+        LOG_WARN("%s: The batch of Windows Event Log channel='%s' was too large for the event log service, "
+                 "Error=(0x%x); it is opened again after the last event sent with batch_size = %lu",
+                 fn, channelName_.c_str(), static_cast<unsigned>(error), static_cast<unsigned long>(batchLimit_));
+        channelState_ = false;
+        break;
+    default:
+        logNoEvents(fn, error);
+        break;
+    }
+    // Slots no record took are closed whatever was read before: they would leak.
+    closeSlots(index, count);
+    return anyRead;
+}
+
+void ModernReader::logNoEvents(const char* fn, DWORD error) const {
+    LOG_DEBUG("%s: EventNext returned no events for Windows Event Log channel='%s', Error=(0x%x). Try reducing "
+              "'batch_size' config value in inputs.conf. Current batch_size = %ld",
+              fn, channelName_.c_str(), static_cast<unsigned>(error), static_cast<long>(batchSize_));
+}
+
+void ModernReader::resetChannel(EventBatch& records, uint32_t index, uint32_t count) {
+    closeSlots(index + 1, count);
+    if (!records.empty()) records.pop_back();
+    LOG_INFO("%s: Setting the '%s' channel state to updated", "WinEventLogChannelBase::resetChannel",
+             channelName_.c_str());
+    channelState_ = false;
+}
+
+void ModernReader::closeSlots(uint32_t from, uint32_t count) {
+    const auto close = evtApi().EvtClose;
+    const uint32_t end = std::min<uint32_t>(count, static_cast<uint32_t>(eventSlots_.size()));
+    for (uint32_t i = from; i < end; ++i)
+        if (EVT_HANDLE h = std::exchange(eventSlots_[i], nullptr); h && close) close(h);
+}
+
+}  // namespace skorva

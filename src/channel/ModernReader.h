@@ -1,0 +1,112 @@
+#pragma once
+// A channel read through the modern event log API: a newest-first query or a
+// subscription, batches fetched with EvtNext and turned into records, and the
+// recovery from read errors. Every re-open resumes after the last event sent
+// (the position).
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "channel/EventRecord.h"
+#include "channel/EventRenderer.h"
+#include "checkpoint/CheckpointPolicy.h"
+#include "config/ChannelSettings.h"
+#include "directory/SidTextTranslator.h"
+#include "eventlog/Bookmark.h"
+#include "platform/Handles.h"
+
+namespace skorva {
+
+class ModernReader {
+public:
+    ModernReader(const std::string& channelName, const std::wstring& channelNameW, const ChannelSettings& settings,
+                 EventRenderer& renderer, SidTextTranslator& sids, CheckpointPolicy& checkpoints);
+    ModernReader(const ModernReader&) = delete;
+    ModernReader& operator=(const ModernReader&) = delete;
+
+    // Before opening: the notify event, the batch size, and (once) the position
+    // the checkpoint files hold. False when the notify event cannot be made.
+    bool prepare(const char* fn);
+    // Opens the query (newest first) or the subscription.
+    bool open(const char* fn);
+    // Marks the channel open and sound.
+    void opened();
+    void uninit();
+    void getEventsNew(EventBatch& records);
+    bool queryEvtChannel(const std::wstring& name, bool forward, bool fromFile);
+    bool subscribeToEvtChannel(const std::wstring& name);
+    bool handleGetEventsError(bool anyRead, uint32_t index, uint32_t count);
+    void resetChannel(EventBatch& records, uint32_t index, uint32_t count);
+    void endReversePhase();
+    void markWritten(EVT_HANDLE event, uint64_t recordNumber);
+    void setReversePhase(bool on) {
+        reversePhase_ = on;
+        checkpoints_.setReversePhase(on);
+    }
+
+    bool initialized() const { return initialized_; }
+    bool channelState() const { return channelState_; }
+    void setUpdated() { channelState_ = false; }
+    bool channelMissing() const { return channelMissing_; }
+    bool subscriptionReady() const { return initialized_ && subscribed_; }
+    bool eventsPending() const { return eventsPending_; }
+    HANDLE notifyEvent() const { return notifyEvent_.get(); }
+    bool readingReverse() const { return initialized_ && !subscribed_ && reversePhase_; }
+    bool reversePhaseOpen() const { return startFromNewest_ && !checkpoints_.phaseDone(); }
+    bool reverseComplete() const { return reverseComplete_; }
+    uint32_t batchSize() const { return batchSize_; }
+
+private:
+    enum class BatchEnd { Full, Short, Stop };
+    BatchEnd readBatch(EventBatch& records, uint32_t count);
+    bool readEvent(EventBatch& records, uint32_t index, uint32_t count);
+    // False when the event is dropped before it is rendered further.
+    bool admitted(const EVT_VARIANT* values, EventRecord& record);
+    void translateSids(EventRecord& record);
+    void loadPosition();
+    void closeSlots(uint32_t from, uint32_t count);
+    void logNoEvents(const char* fn, DWORD error) const;
+    // True when the newest-first reading already sent this record.
+    bool alreadySent(uint64_t recordId) const {
+        return guardActive_ && (guardInclusive_ ? recordId > guardId_ : recordId >= guardId_);
+    }
+
+    const std::string& channelName_;
+    const std::wstring& channelNameW_;
+    const ChannelSettings& settings_;
+    EventRenderer& renderer_;
+    SidTextTranslator& sids_;
+    CheckpointPolicy& checkpoints_;
+
+    UniqueEvtHandle resultHandle_;
+    UniqueHandle notifyEvent_;
+    bool initialized_ = false;
+    bool channelState_ = false;
+    bool channelMissing_ = false;
+    bool subscribed_ = false;
+    bool eventsPending_ = false;
+    bool startFromNewest_ = false;
+    uint32_t batchSize_ = 1;
+    uint32_t batchLimit_ = 1000;          // lowered while EvtNext refuses larger batches
+    std::vector<EVT_HANDLE> eventSlots_;  // EvtNext's array, one slot per batch entry
+    std::vector<uint8_t> values_;         // rendered system values, reused
+    DWORD valuesSize_ = 0;
+    std::string sidMessage_;              // narrow message for SID translation, reused
+
+    // The last event sent: every re-open resumes after it. Restored from the
+    // checkpoint file at the first open, then kept by markWritten.
+    Bookmark position_;
+    uint64_t positionId_ = 0;
+    bool positionLoaded_ = false;   // the checkpoint file was consulted
+    bool positionFromRun_ = false;  // an event was sent in this run
+
+    // While the newest-first query is read: which records are already out.
+    bool reversePhase_ = false;      // the query is open
+    bool reverseComplete_ = false;   // the query reported no more items
+    bool guardActive_ = false;       // records from `guardId_` up are out already
+    uint64_t guardId_ = 0;
+    bool guardInclusive_ = false;    // the record `guardId_` itself is not out yet
+};
+
+}  // namespace skorva

@@ -1,0 +1,10 @@
+#include "eventlog/EvtApi.h"
+
+namespace skorva {
+
+ApiTable& apiTable() {
+    static ApiTable table;
+    return table;
+}
+
+}  // namespace skorva

@@ -1,0 +1,98 @@
+#pragma once
+// The process-wide table of event log, event collector and directory entry
+// points. Filled once by WinEventLogAPIInitializer (resolved by name from the
+// system directory); every other piece of the program calls these functions only
+// through this table, after asking the initializer whether its group is
+// available. Unit tests fill it with fakes or with the simulated event log.
+
+#include <windows.h>
+#include <winevt.h>
+
+// MinGW's evcoll.h uses this type without defining it.
+#ifndef EC_OBJECT_ARRAY_PROPERTY_HANDLE
+typedef HANDLE EC_OBJECT_ARRAY_PROPERTY_HANDLE;
+#endif
+#include <evcoll.h>
+
+#include <dsgetdc.h>
+#include <lmcons.h>
+#include <lmapibuf.h>
+#include <ntdsapi.h>
+
+#include "platform/Handles.h"
+
+namespace skorva {
+
+struct EvtApi {
+    decltype(&::EvtSubscribe) EvtSubscribe = nullptr;
+    decltype(&::EvtQuery) EvtQuery = nullptr;
+    decltype(&::EvtNext) EvtNext = nullptr;
+    decltype(&::EvtRender) EvtRender = nullptr;
+    decltype(&::EvtClose) EvtClose = nullptr;
+    decltype(&::EvtCreateRenderContext) EvtCreateRenderContext = nullptr;
+    decltype(&::EvtOpenPublisherMetadata) EvtOpenPublisherMetadata = nullptr;
+    decltype(&::EvtFormatMessage) EvtFormatMessage = nullptr;
+    decltype(&::EvtCreateBookmark) EvtCreateBookmark = nullptr;
+    decltype(&::EvtUpdateBookmark) EvtUpdateBookmark = nullptr;
+    decltype(&::EvtNextChannelPath) EvtNextChannelPath = nullptr;
+    decltype(&::EvtOpenChannelEnum) EvtOpenChannelEnum = nullptr;
+    decltype(&::EvtSeek) EvtSeek = nullptr;
+};
+
+struct EcApi {
+    decltype(&::EcClose) EcClose = nullptr;
+    decltype(&::EcOpenSubscriptionEnum) EcOpenSubscriptionEnum = nullptr;
+    decltype(&::EcDeleteSubscription) EcDeleteSubscription = nullptr;
+    decltype(&::EcEnumNextSubscription) EcEnumNextSubscription = nullptr;
+    decltype(&::EcGetObjectArrayProperty) EcGetObjectArrayProperty = nullptr;
+    decltype(&::EcGetObjectArraySize) EcGetObjectArraySize = nullptr;
+    decltype(&::EcGetSubscriptionProperty) EcGetSubscriptionProperty = nullptr;
+    decltype(&::EcSaveSubscription) EcSaveSubscription = nullptr;
+    decltype(&::EcGetSubscriptionRunTimeStatus) EcGetSubscriptionRunTimeStatus = nullptr;
+    decltype(&::EcOpenSubscription) EcOpenSubscription = nullptr;
+    decltype(&::EcInsertObjectArrayElement) EcInsertObjectArrayElement = nullptr;
+    decltype(&::EcSetObjectArrayProperty) EcSetObjectArrayProperty = nullptr;
+    decltype(&::EcSetSubscriptionProperty) EcSetSubscriptionProperty = nullptr;
+    decltype(&::EcRemoveObjectArrayElement) EcRemoveObjectArrayElement = nullptr;
+    decltype(&::EcRetrySubscription) EcRetrySubscription = nullptr;
+};
+
+struct DsApi {
+    decltype(&::DsGetDcNameW) DsGetDcNameW = nullptr;
+    decltype(&::NetApiBufferFree) NetApiBufferFree = nullptr;
+    decltype(&::DsBindW) DsBindW = nullptr;
+    decltype(&::DsUnBindW) DsUnBindW = nullptr;
+    decltype(&::DsMapSchemaGuidsW) DsMapSchemaGuidsW = nullptr;
+    decltype(&::DsCrackNamesW) DsCrackNamesW = nullptr;
+    decltype(&::DsFreeNameResultW) DsFreeNameResultW = nullptr;
+    decltype(&::DsFreeSchemaGuidMapW) DsFreeSchemaGuidMapW = nullptr;
+};
+
+struct ApiTable {
+    EvtApi evt;
+    EcApi ec;
+    DsApi ds;
+};
+
+// The one table of the process.
+ApiTable& apiTable();
+inline const EvtApi& evtApi() { return apiTable().evt; }
+
+// Closes through the table: an EVT_HANDLE (query, subscription, event, bookmark,
+// render context, publisher metadata, channel enumeration) belongs to the
+// library that made it.
+inline void closeEvtHandle(EVT_HANDLE h) noexcept {
+    if (auto fn = apiTable().evt.EvtClose) fn(h);
+}
+using UniqueEvtHandle = UniqueAny<EVT_HANDLE, &closeEvtHandle>;
+
+// Closes `handle` now, for a caller that reports a failed close; the error of
+// a failed EvtClose, else 0.
+inline DWORD closeEvtHandleNow(UniqueEvtHandle& handle) {
+    const EVT_HANDLE raw = handle.release();
+    const auto close = apiTable().evt.EvtClose;
+    if (!raw || !close || close(raw)) return 0;
+    return ::GetLastError();
+}
+
+}  // namespace skorva

@@ -1,0 +1,46 @@
+#pragma once
+// The monitor's part of one channel: its place in the dispatch loop, its
+// counters and the batches its passes reuse.
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "channel/EventRecord.h"
+#include "modinput/EventStreamWriter.h"
+#include "platform/Handles.h"
+
+namespace skorva {
+
+class WinEventMon;
+class WinEventLogChannel;
+struct ChannelWork;
+
+// What a completion packet carries: its address leads back to the channel.
+struct WorkOverlapped {
+    OVERLAPPED overlapped;
+    ChannelWork* work;
+};
+
+struct ChannelWork {
+    WorkOverlapped overlapped = {};
+    WinEventMon* monitor = nullptr;
+    WinEventLogChannel* channel = nullptr;
+    UniqueRegisteredWait wait;
+    bool waitSetUp = false;
+    bool enabled = true;
+    std::atomic<uint64_t> total{0};
+    std::atomic<uint64_t> emptyMsg{0};
+    uint64_t failingRecord = 0;  // the event that failed to be written last, and how often
+    unsigned failures = 0;
+    // Reused by every pass: the batch being written and the one being read.
+    EventBatch batches[2];
+};
+
+// Per-thread output scratch: reused for every event the thread writes.
+struct OutputScratch {
+    ModinputEvent record;
+};
+
+}  // namespace skorva

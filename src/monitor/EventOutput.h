@@ -1,0 +1,35 @@
+#pragma once
+// The monitor's output: the event stream on standard output (or another file),
+// written one whole event at a time under the output lock.
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "channel/EventRecord.h"
+#include "modinput/EventStreamWriter.h"
+#include "platform/Handles.h"
+
+namespace skorva {
+
+class EventOutput {
+public:
+    // Output goes to `out` instead of standard output (set before the first event).
+    void setOutput(FILE* out) { out_ = out; }
+    // Writes one event; a failure is reported once.
+    void write(const ModinputEvent& record);
+    // Ends the stream ("</stream>" when it was begun).
+    void close() { writer_.reset(); }
+
+private:
+    CriticalSection lock_;
+    FILE* out_ = stdout;
+    std::unique_ptr<EventStreamWriter> writer_;
+    bool failed_ = false;
+};
+
+// The classic text of an event: "key=value" per field, "$"-keys by their value
+// alone, each value ended by a line feed, the whole trimmed.
+void classicText(const EventFields& fields, std::string& out);
+
+}  // namespace skorva

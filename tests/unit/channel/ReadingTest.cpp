@@ -1,0 +1,176 @@
+// Opening a channel, reading it in bounded passes, and where reading resumes.
+#include "ReaderFixture.h"
+#include "checkpoint/WELCheckPoint.h"
+#include "platform/Paths.h"
+
+namespace skorva::test {
+namespace {
+
+using Reading = ReaderTest;
+
+TEST_F(Reading, BatchesAreClampedAndOneCallIsBoundedByThePassLimit) {
+    struct {
+        int batchSize;
+        size_t records;
+        uint32_t used;          // batch size in use
+        size_t firstCall;       // records read by the first call
+        int evtNextCalls;       // EvtNext calls of the first call
+        bool pending;
+    } cases[] = {
+        {0, 3, 1, 3, 4, false},        // outside 1..1000: one event per batch
+        {1001, 3, 1, 3, 4, false},
+        {-7, 2, 1, 2, 3, false},
+        {10, 25, 10, 25, 4, false},    // a short batch is not the end: "no more items" is
+        {1000, 2000, 1000, 2000, 3, false},  // full batches: EvtNext again until it has none
+        {1, 3100, 1, 3004, 3004, true},      // pass limit 3003, plus the first batch
+        {10, 3100, 10, 3010, 301, true},
+        {1000, 4500, 1000, 4000, 4, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.batchSize);
+        store_.deleteChannel(kChannel);
+        store_.createChannel(kChannel);
+        append(c.records);
+        ChannelSettings s = settings(c.batchSize);
+        s.suppressText = true;
+        WinEventLogChannel& ch = open(s);
+        EXPECT_EQ(ch.batchSize(), c.used);
+        EvtNextCounter::install();
+        EventBatch records;
+        ch.getEventsNew(records);
+        EXPECT_EQ(records.size(), c.firstCall);
+        EXPECT_EQ(EvtNextCounter::calls(), c.evtNextCalls);
+        EXPECT_EQ(ch.eventsPending(), c.pending);
+        records.clear();
+        ch.getEventsNew(records);  // the rest
+        EXPECT_EQ(records.size(), c.records - c.firstCall);
+        EXPECT_FALSE(ch.eventsPending());
+        channel_.reset();
+        installEvtsimApi();
+    }
+}
+
+// A checkpoint that is neither a bookmark nor a checkpoint string is set aside,
+// never deleted, and the channel starts as its settings say.
+TEST_F(Reading, UnreadableCheckpointIsKeptAsideAndReported) {
+    append(2);
+    ASSERT_TRUE(createDirectories(settings().checkpointDir));
+    channel_ = std::make_unique<WinEventLogChannel>(kChannel, settings());
+    const std::wstring path = channel_->checkpointFilePath();
+    ASSERT_TRUE(WELCheckPoint::saveCheckpointStr(path, "torn <BookmarkList", false));
+    ASSERT_TRUE(channel_->init());
+    std::string kept;
+    ASSERT_TRUE(readFile(path + L".unreadable", kept));
+    EXPECT_EQ(kept, "torn <BookmarkList");
+    EXPECT_TRUE(log_.contains("cannot be read and is kept as")) << log_.dump();  // the operator's pointer to it
+    EXPECT_EQ(drain(*channel_), ids(1, 2));
+}
+
+TEST_F(Reading, RestartAfterTheNewestFirstPhaseWithNothingNewRepeatsNothing) {
+    append(4);
+    ChannelSettings s = settings();
+    s.startFrom = "newest";
+    WinEventLogChannel& ch = open(s);
+    EXPECT_EQ(drain(ch), ids(4, 1));
+    ch.endReversePhase();
+    open(s);
+    EXPECT_TRUE(channel_->subscriptionReady());
+    append(1);
+    EXPECT_EQ(drain(*channel_), ids(5, 5));
+}
+
+// Stopped inside the newest-first phase (after `sent` records went out and were
+// checkpointed): the next run sends what is older than them, once, and then
+// what arrived meanwhile.
+TEST_F(Reading, RestartInsideTheNewestFirstPhaseLosesAndRepeatsNothing) {
+    struct {
+        const char* what;
+        size_t sent;         // of the five records, newest first
+        bool keepMain;       // the main checkpoint file survives
+        std::vector<uint64_t> next;  // what the next run reads backwards
+    } cases[] = {
+        {"two sent", 2, true, {3, 2, 1}},
+        {"all sent, phase not declared over", 5, true, {}},
+        {"nothing checkpointed", 0, true, {7, 6, 5, 4, 3, 2, 1}},
+        {"anchor written, main lost", 2, false, {5, 4, 3, 2, 1}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        store_.deleteChannel(kChannel);
+        store_.createChannel(kChannel);
+        std::vector<std::string> failures;
+        removeRecursive(settings().checkpointDir, failures);
+        append(5);
+        ChannelSettings s = settings(2);
+        s.startFrom = "newest";
+        {
+            WinEventLogChannel& ch = open(s);
+            EventBatch records;
+            ch.getEventsNew(records);
+            ASSERT_EQ(records.size(), 5u);
+            if (c.sent) {
+                EventRecord& last = records[c.sent - 1];
+                ch.markWritten(last.handle.get(), last.recordNumber);
+                ASSERT_TRUE(ch.checkPoint(last.handle.get(), last.recordNumber, false));
+            }
+            if (!c.keepMain) ASSERT_TRUE(::DeleteFileW(ch.checkpointFilePath().c_str()));
+        }
+        append(2);  // 6 and 7 arrive while it is down
+        WinEventLogChannel& ch = open(s);
+        ASSERT_TRUE(ch.readingReverse());
+        EXPECT_EQ(drain(ch), c.next);
+        EXPECT_TRUE(ch.reverseComplete());
+        ch.endReversePhase();
+        ASSERT_TRUE(ch.init());
+        EXPECT_EQ(drain(ch), c.sent ? ids(6, 7) : std::vector<uint64_t>{});
+    }
+}
+
+// The "reverse" file must hold the phase's newest record before the main
+// checkpoint moves: else a later run would take the phase for over.
+TEST_F(Reading, MainCheckpointWaitsForTheReverseOne) {
+    append(3);
+    ChannelSettings s = settings();
+    s.startFrom = "newest";
+    WinEventLogChannel& ch = open(s);
+    ASSERT_TRUE(createDirectories(ch.checkpointFilePath() + L"_reverse"));  // cannot be written
+    EventBatch records;
+    ch.getEventsNew(records);
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_FALSE(ch.checkPoint(records[0].handle.get(), records[0].recordNumber, false));
+    EXPECT_FALSE(pathExists(ch.checkpointFilePath()));
+}
+
+TEST_F(Reading, InitFailuresLeaveTheChannelClosed) {
+    struct {
+        const char* what;
+        bool useOldApi;
+        bool deleteChannel;
+        const char* faults;
+        bool missing;
+        bool renderContext;
+    } cases[] = {
+        {"legacy", true, false, "", false, true},
+        {"missing", false, true, "", true, true},
+        {"denied", false, false, "EvtSubscribe=5", false, true},
+        {"render context", false, false, "", false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        if (c.deleteChannel) store_.deleteChannel(kChannel);
+        store_.setFaults(c.faults);
+        ChannelSettings s = settings();
+        s.useOldApi = c.useOldApi;
+        if (!c.renderContext) apiTable().evt.EvtCreateRenderContext = nullptr;
+        WinEventLogChannel& ch = open(s, false);
+        EXPECT_FALSE(ch.initialized());
+        EXPECT_EQ(ch.channelMissing(), c.missing);
+        EXPECT_EQ(ch.notifyEvent(), nullptr);
+        if (c.deleteChannel) store_.createChannel(kChannel);
+        store_.setFaults("");
+        installEvtsimApi();
+    }
+}
+
+}  // namespace
+}  // namespace skorva::test

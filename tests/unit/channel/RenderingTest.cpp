@@ -1,0 +1,240 @@
+#include <gtest/gtest.h>
+
+#include "RenderFixture.h"
+#include "directory/SidLookupCache.h"
+
+namespace skorva {
+namespace {
+
+using namespace test;
+
+TEST_F(RenderingTest, ClassicFieldsOfASecurityEventInOrder) {
+    store_.append("Security", logonEvent());
+    EventRecord r = readOne("Security");
+    const Fields expected = {
+        {L"$Timestamp", expectedTimestamp(1706735107)},
+        {L"LogName", L"Security"},
+        {L"EventCode", L"4624"},
+        {L"EventType", L"0"},
+        {L"ComputerName", L"host.example.test"},
+        {L"User", L"NOT_TRANSLATED"},
+        {L"Sid", L"S-1-5-18"},
+        {L"SidType", L"0"},
+        {L"SourceName", L"Test security auditing"},
+        {L"Type", L"Information"},
+        {L"RecordNumber", L"1"},
+        {L"Keywords", L"Audit Success, Interactive"},
+        {L"TaskCategory", L"Logon"},
+        {L"OpCode", L"Info"},
+    };
+    EXPECT_EQ(fieldsOf(r), expected);
+    EXPECT_EQ(r.message, L"An account logged on.\r\n\tAccount Name:\talice\r\n\tLogon Type:\t2");
+    EXPECT_EQ(r.time, 1706735107u);
+    EXPECT_EQ(r.eventCode, 4624u);
+    EXPECT_EQ(r.publisher, L"Test-Auditing");
+}
+
+TEST_F(RenderingTest, UserSidIsTranslatedWhenResolutionIsOn) {
+    SidLookupCache::instance().clear();
+    store_.append("Security", logonEvent());
+    ChannelSettings s;
+    s.resolveAdObj = true;
+    EventRecord r = readOne("Security", s);
+    ASSERT_GE(r.fields.size(), 8u);
+    EXPECT_EQ(fieldsOf(r)[5], (std::pair<std::wstring, std::wstring>(L"User", L"NT AUTHORITY\\SYSTEM")));
+    EXPECT_EQ(r.fields[6].value, L"S-1-5-18");
+    EXPECT_EQ(r.fields[7].value, std::to_wstring(SidTypeWellKnownGroup));
+}
+
+TEST_F(RenderingTest, EachSuppressSwitchLeavesOutItsFieldOnly) {
+    store_.append("Security", logonEvent());
+    const std::vector<std::wstring> all = {L"$Timestamp", L"LogName",     L"EventCode",    L"EventType",
+                                           L"ComputerName", L"User",      L"Sid",          L"SidType",
+                                           L"SourceName", L"Type",        L"RecordNumber", L"Keywords",
+                                           L"TaskCategory", L"OpCode"};
+    const struct {
+        bool ChannelSettings::*flag;
+        const wchar_t* field;
+    } cases[] = {{&ChannelSettings::suppressSourceName, L"SourceName"}, {&ChannelSettings::suppressType, L"Type"},
+                 {&ChannelSettings::suppressKeywords, L"Keywords"},     {&ChannelSettings::suppressTask, L"TaskCategory"},
+                 {&ChannelSettings::suppressOpcode, L"OpCode"},         {&ChannelSettings::suppressText, nullptr}};
+    for (const auto& c : cases) {
+        ChannelSettings s;
+        s.*c.flag = true;
+        EventRecord r = readOne("Security", s);
+        std::vector<std::wstring> want = all;
+        if (c.field) want.erase(std::find(want.begin(), want.end(), c.field));
+        EXPECT_EQ(keys(r.fields), want) << (c.field ? narrow(c.field) : "text");
+        EXPECT_EQ(r.message.empty(), c.field == nullptr);
+    }
+}
+
+TEST_F(RenderingTest, ExcludedFieldsAreAbsentAndTheRestKeepTheirOrder) {
+    store_.append("Security", logonEvent());
+    ChannelSettings s;
+    s.excludedFields = {L"EventType", L"Sid", L"Keywords"};
+    EventRecord r = readOne("Security", s);
+    const std::vector<std::wstring> want = {L"$Timestamp", L"LogName",    L"EventCode",    L"ComputerName",
+                                            L"User",       L"SidType",    L"SourceName",   L"Type",
+                                            L"RecordNumber", L"TaskCategory", L"OpCode"};
+    EXPECT_EQ(keys(r.fields), want);
+}
+
+// Task 0 is "None"; a task without a name is its number; an opcode without a
+// name is looked up as a message id of the provider, else "None".
+TEST_F(RenderingTest, TaskAndOpcodeFallbacks) {
+    struct Case {
+        uint16_t task;
+        uint8_t opcode;
+        const wchar_t* taskText;
+        const wchar_t* opcodeText;
+    } cases[] = {{0, 0, L"None", L"Info"}, {999, 0, L"999", L"Info"}, {12544, 77, L"Logon", L"Custom step"},
+                 {12544, 78, L"Logon", L"None"}};
+    for (const Case& c : cases) {
+        evtsim::EventSpec e = logonEvent();
+        e.task = c.task;
+        e.opcode = c.opcode;
+        store_.clearChannel("Security");
+        store_.append("Security", e);
+        const Fields fields = fieldsOf(readOne("Security"));
+        ASSERT_EQ(fields.size(), 14u);
+        EXPECT_EQ(fields[12].second, c.taskText) << c.task;
+        EXPECT_EQ(fields[13].second, c.opcodeText) << int(c.opcode);
+    }
+}
+
+TEST_F(RenderingTest, ProviderWithoutMetadataGetsWinmetaNamesAndPlaceholderData) {
+    evtsim::EventSpec e = logonEvent();
+    e.provider = "Not-Registered";
+    e.task = 5;
+    store_.append("Security", e);
+    store_.append("Security", e);
+    auto records = readAll("Security");
+    ASSERT_EQ(records.size(), 2u);
+    const Fields tail = fieldsOf(records[1], 8);
+    // Level 0, opcode 0 and the audit keyword have Winmeta names; task 5 has none.
+    const Fields expected = {{L"SourceName", L"Not-Registered"},
+                             {L"Type", L"Log Always"},
+                             {L"RecordNumber", L"2"},
+                             {L"Keywords", L"Audit Success"},
+                             {L"TaskCategory", L"5"},
+                             {L"OpCode", L"Info"}};
+    EXPECT_EQ(tail, expected);
+    EXPECT_EQ(records[1].message, L"alice\n2\n");
+}
+
+// With no message to format, the message is the event's data: every value with
+// something to show, as text, typed ones as the event's XML writes them.
+TEST_F(RenderingTest, PlaceholderMessageShowsEveryDataValueAsText) {
+    evtsim::ProviderDef def = auditProvider();
+    def.name = "Typed-Auditing";
+    def.events.clear();
+    def.templates = {{4624,
+                      {{"Count", EvtVarTypeUInt32, false},
+                       {"LogonId", EvtVarTypeHexInt64, false},
+                       {"Guid", EvtVarTypeGuid, false},
+                       {"Sid", EvtVarTypeSid, false},
+                       {"When", EvtVarTypeFileTime, false},
+                       {"Ok", EvtVarTypeBoolean, false},
+                       {"Blob", EvtVarTypeBinary, false},
+                       {"Port", EvtVarTypeUInt16, true},
+                       {"Delta", EvtVarTypeInt32, false},
+                       {"Empty", EvtVarTypeString, false},
+                       {"Name", EvtVarTypeString, false}}}};
+    store_.addProvider(def);
+    evtsim::EventSpec e = logonEvent();
+    e.provider = "Typed-Auditing";
+    e.data = {{"Count", "42"},   {"LogonId", "0x3e7"}, {"Guid", "{bf967aba-0de6-11d0-a285-00aa003049e2}"},
+              {"Sid", "S-1-5-32-544"}, {"When", "2024-01-31T21:05:07.1234567Z"}, {"Ok", "false"},
+              {"Blob", "0a1bff"}, {"Port", "80"}, {"Port", "443"}, {"Delta", "-5"}, {"Empty", ""}, {"Name", "alice"}};
+    store_.append("Security", e);
+    EventRecord r = readOne("Security");
+    EXPECT_EQ(r.message, L"42\n0x3e7\n{BF967ABA-0DE6-11D0-A285-00AA003049E2}\nS-1-5-32-544\n"
+                         L"2024-01-31T21:05:07.1234567Z\nfalse\n0A1BFF\n80, 443\n-5\nalice\n");
+}
+
+TEST_F(RenderingTest, ForwardedEventIsFormattedFromItsRenderingInformation) {
+    evtsim::EventSpec e = logonEvent();
+    e.provider = "Remote-Provider";
+    e.channel = "Security";
+    e.rendering = true;
+    e.renderMessage = "Remote text of the event.";
+    e.renderLevel = "Information";
+    e.renderTask = "Logon";
+    e.renderOpcode = "Info";
+    e.renderProvider = "Remote security auditing";
+    e.renderKeywords = {"Audit Success"};
+    store_.append("ForwardedEvents", e);
+    EventRecord r = readOne("ForwardedEvents");
+    const Fields tail = fieldsOf(r, 8);
+    const Fields expected = {{L"SourceName", L"Remote security auditing"},
+                             {L"Type", L"Information"},
+                             {L"RecordNumber", L"1"},
+                             {L"Keywords", L"Audit Success"},
+                             {L"TaskCategory", L"Logon"},
+                             {L"OpCode", L"Info"}};
+    EXPECT_EQ(tail, expected);
+    EXPECT_EQ(r.fields[1].value, L"Security");
+    EXPECT_EQ(r.message, L"Remote text of the event.");
+}
+
+// Resources missing for the locale (15033), or a provider registered without its
+// resource file (15100) or its language (1815): no text from the publisher, so the
+// text the event carries is used.
+TEST_F(RenderingTest, MissingResourcesFallBackToTheEventsRenderingInformation) {
+    for (DWORD missing : {15033u, 15100u, 1815u}) {
+        evtsim::ProviderDef def = auditProvider();
+        def.name = "No-Resources";
+        def.missingResources = missing;
+        store_.addProvider(def);
+        store_.clearChannel("Security");
+        evtsim::EventSpec e = logonEvent();
+        e.provider = "No-Resources";
+        e.rendering = true;
+        e.renderMessage = "Embedded message.";
+        e.renderLevel = "Embedded level";
+        store_.append("Security", e);
+        EventRecord r = readOne("Security");
+        EXPECT_EQ(r.message, L"Embedded message.") << missing;
+        EXPECT_EQ(fieldsOf(r)[9], (std::pair<std::wstring, std::wstring>(L"Type", L"Embedded level"))) << missing;
+    }
+}
+
+TEST_F(RenderingTest, ValuesBufferIsOverAllocatedOnceAndReused) {
+    store_.append("Security", logonEvent());
+    store_.append("Security", logonEvent());
+    channel_ = std::make_unique<WinEventLogChannelBase>("Security", ChannelSettings());
+    ASSERT_TRUE(channel_->setRenderContext());
+    auto records = readAll("Security");
+    ASSERT_EQ(records.size(), 2u);
+    ASSERT_GT(valuesSize_, 0u);
+    EXPECT_EQ(values_.size(), static_cast<size_t>(valuesSize_) * 16);
+}
+
+TEST_F(RenderingTest, XmlRenderingAndABadHandle) {
+    store_.append("Security", logonEvent());
+    auto records = readAll("Security");
+    ASSERT_EQ(records.size(), 1u);
+    ASSERT_EQ(channel_->renderEventAsXml(records[0]), 0u);
+    EXPECT_EQ(records[0].xml.rfind(L"<Event xmlns=", 0), 0u);
+    EXPECT_NE(records[0].xml.find(L"<EventID>4624</EventID>"), std::wstring::npos);
+
+    EventRecord bad;
+    bad.handle.reset(reinterpret_cast<EVT_HANDLE>(0x7777));
+    EXPECT_EQ(channel_->renderEventAsXml(bad), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(channel_->renderEvent(bad, values_, valuesSize_), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    bad.handle.release();
+}
+
+TEST_F(RenderingTest, InvalidHandleWhileFormattingIsPassedUp) {
+    store_.append("Security", logonEvent());
+    store_.setFaults("EvtFormatMessage=6");
+    std::vector<DWORD> results;
+    auto records = readAll("Security", ChannelSettings(), &results);
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_EQ(results[0], static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(keys(records[0].fields).back(), L"SourceName") << "stops at the level";
+}
+
+}  // namespace
+}  // namespace skorva

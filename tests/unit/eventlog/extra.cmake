@@ -1,0 +1,7 @@
+# A decoy wevtapi.dll beside unit_eventlog.exe (its own folder, so no other test
+# shares the decoy): the loader must take the System32 copy, never this one.
+set_target_properties(unit_eventlog PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/eventlog")
+add_library(unit_eventlog_decoy SHARED "${dir}/decoy/DecoyWevtapi.cpp")
+set_target_properties(unit_eventlog_decoy PROPERTIES OUTPUT_NAME wevtapi PREFIX ""
+                      RUNTIME_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/eventlog")
+add_dependencies(unit_eventlog unit_eventlog_decoy)

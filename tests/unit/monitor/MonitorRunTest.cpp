@@ -1,0 +1,168 @@
+// The monitor's run over the simulated event log in process, where the end-to-end
+// tests cannot reach: failed writes, suppressed checkpoints, a channel that
+// never comes back.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <map>
+#include <regex>
+#include <stdexcept>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MonitorTestSupport.h"
+#include "EvtsimInProcess.h"
+#include "LogCapture.h"
+#include "RunTestSupport.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
+#include "platform/Clock.h"
+#include "platform/Paths.h"
+
+using namespace skorva;
+using namespace skorva::test;
+
+namespace {
+
+std::vector<uint64_t> recordNumbers(const std::string& stream) {
+    static const std::regex re("RecordNumber=(\\d+)");
+    std::vector<uint64_t> ids;
+    for (auto it = std::sregex_iterator(stream.begin(), stream.end(), re); it != std::sregex_iterator(); ++it)
+        ids.push_back(std::stoull((*it)[1].str()));
+    return ids;
+}
+
+size_t countOf(const std::string& s, const std::string& what) {
+    size_t n = 0;
+    for (size_t pos = s.find(what); pos != std::string::npos; pos = s.find(what, pos + 1)) ++n;
+    return n;
+}
+
+// Polls the output until `events` events are out; gives up after a generous bound
+// (the assertions that follow then report what arrived).
+void waitForEvents(const CapturedOutput& out, size_t events) {
+    for (int i = 0; i < 600 && countOf(out.text(), "<event ") < events; ++i) ::Sleep(50);
+}
+
+struct LiveRun {
+    EvtsimStore store;
+    CapturedOutput out;
+    std::unique_ptr<WinEventMon> mon;
+    std::thread thread;
+    bool started = false;
+
+    LiveRun() { WinEventLogAPIInitializer::useFilledEvtTableForTesting(true); }
+    ~LiveRun() {
+        if (thread.joinable()) {
+            mon->stop();
+            thread.join();
+        }
+    }
+    void start(Params params, const std::string& channel = "Application") {
+        if (!mon) mon = std::make_unique<WinEventMon>(store.root() + L"\\checkpoints");
+        ASSERT_TRUE(mon->enumEvtLogChannels());
+        ASSERT_TRUE(mon->configure(stanzas({{"WinEventLog://" + channel, std::move(params)}})));
+        mon->setOutput(out.file());
+        thread = std::thread([this] { started = mon->start(); });
+    }
+    void stop() {
+        mon->stop();
+        thread.join();
+    }
+};
+
+}  // namespace
+
+// A monitor whose output fails at chosen events, as it would without memory.
+class FailingMonitor : public WinEventMon {
+public:
+    using WinEventMon::WinEventMon;
+    std::map<uint64_t, int> failures;  // record number -> failures left
+    bool processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch) override {
+        auto it = failures.find(event.recordNumber);
+        if (it != failures.end() && it->second-- > 0) throw std::runtime_error("no room");
+        return WinEventMon::processEvent(work, event, scratch);
+    }
+};
+
+// A failed write is reported and read again: nothing after it is taken for
+// written, and an event that never goes through is given up after three tries.
+TEST(MonitorRun, FailedWritesAreReadAgainNeverSkippedSilently) {
+    struct {
+        const char* threads;
+        std::map<uint64_t, int> failures;
+        std::vector<uint64_t> lost;
+    } cases[] = {
+        {"0", {{50, 1}, {250, 2}}, {}},
+        {"4", {{50, 1}, {250, 2}}, {}},
+        {"0", {{120, 100}}, {120}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.threads);
+        LiveRun run;
+        run.store.createChannel("Application");
+        run.store.generate("Application", 300, 6);
+        auto mon = std::make_unique<FailingMonitor>(run.store.root() + L"\\checkpoints");
+        mon->failures = c.failures;
+        run.mon = std::move(mon);
+        LogCapture log;
+        run.start({{"batch_size", "1000"}, {"use_threads", c.threads}, {"thread_wait_time_msec", "100"}});
+        // Failed events come again, some others twice: wait for every distinct one.
+        for (int i = 0; i < 600; ++i) {
+            const std::vector<uint64_t> now = recordNumbers(run.out.text());
+            if (std::set<uint64_t>(now.begin(), now.end()).size() >= 300 - c.lost.size()) break;
+            ::Sleep(50);
+        }
+        const std::wstring checkpoint = run.mon->findChannel("Application")->checkpointFilePath();
+        run.stop();
+        run.mon.reset();
+        const std::vector<uint64_t> ids = recordNumbers(run.out.text());
+        std::set<uint64_t> missing;
+        for (uint64_t id = 1; id <= 300; ++id) missing.insert(id);
+        for (uint64_t id : ids) missing.erase(id);
+        EXPECT_EQ(std::vector<uint64_t>(missing.begin(), missing.end()), c.lost);
+        EXPECT_TRUE(log.has(LogLevel::Error, "WinEventMon::processLogChannel: Failed to write event rec_id=" +
+                                                 std::to_string(c.failures.begin()->first) +
+                                                 " of channel='Application': 'no room'; it is read again after the "
+                                                 "last event written"));
+        EXPECT_EQ(log.has(LogLevel::Error, "WinEventMon::processLogChannel: Event rec_id=120 of "
+                                           "channel='Application' failed to be written 3 times and is skipped"),
+                  !c.lost.empty());
+        std::string bookmark;
+        ASSERT_TRUE(readFile(checkpoint, bookmark));
+        EXPECT_NE(bookmark.find("RecordId='300'"), std::string::npos) << bookmark;
+    }
+}
+
+TEST(MonitorRun, SuppressedCheckpointWritesNoFile) {
+    LiveRun run;
+    run.store.createChannel("Application");
+    run.store.generate("Application", 20, 4);
+    run.start({{"suppress_checkpoint", "true"}});
+    waitForEvents(run.out, 20);
+    const std::wstring checkpoint = run.mon->findChannel("Application")->checkpointFilePath();
+    run.stop();
+    run.mon.reset();
+    EXPECT_EQ(recordNumbers(run.out.text()).size(), 20u);
+    EXPECT_FALSE(pathExists(checkpoint));
+}
+
+TEST(MonitorRun, ChannelThatNeverComesBackIsGivenUpAfterItsWaitTime) {
+    LiveRun run;
+    run.store.createChannel("Application");
+    run.store.generate("Application", 3, 5);
+    ManualClock clock;  // the 500 ms availability sleeps pass at once
+    ScopedClock useClock(clock);
+    LogCapture log;
+    run.start({{"channel_wait_time", "2"}});
+    waitForEvents(run.out, 3);
+    run.store.deleteChannel("Application");
+    // The reader notices the deleted channel on its next pass; the dispatch loop
+    // then retries four times and gives the channel up, which ends the run.
+    run.thread.join();
+    EXPECT_TRUE(run.started);
+    EXPECT_TRUE(log.has(LogLevel::Error, "WinEventMon::start: Channel Application failed to become available in 2000 ms."))
+        << log.dump();
+}
