@@ -1,11 +1,8 @@
 #include "platform/Logger.h"
 
-#include <windows.h>
-
 #include <cstdio>
 
-#include "platform/Handles.h"
-#include "platform/Paths.h"
+#include "platform/LogFile.h"
 #include "platform/Strings.h"
 
 namespace skorva {
@@ -102,6 +99,8 @@ Logger::Logger() {
     message_.reserve(1024);
 }
 
+Logger::~Logger() = default;
+
 Logger& Logger::instance() {
     static Logger logger;
     return logger;
@@ -118,37 +117,12 @@ LoggerConfig Logger::config() const {
     return config_;
 }
 
-void Logger::FileCloser::operator()(void* handle) const noexcept { ::CloseHandle(handle); }
-
 void Logger::openLocked() {
-    file_.reset();
-    fileSize_ = 0;
-    if (config_.file.empty()) return;
-    std::wstring path = config_.file;
-    size_t cut = path.find_last_of(L"\\/");
-    if (cut != std::wstring::npos) createDirectories(path.substr(0, cut));
-    UniqueHandle file(::CreateFileW(longPath(path).c_str(), FILE_APPEND_DATA,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file) return;
-    LARGE_INTEGER size;
-    if (::GetFileSizeEx(file.get(), &size)) fileSize_ = static_cast<uint64_t>(size.QuadPart);
-    file_.reset(file.release());
-}
-
-void Logger::rotateLocked() {
-    file_.reset();
-    const std::wstring& base = config_.file;
-    if (config_.backups == 0) {
-        ::DeleteFileW(longPath(base).c_str());
-    } else {
-        ::DeleteFileW(longPath(base + L"." + std::to_wstring(config_.backups)).c_str());
-        for (unsigned i = config_.backups; i > 1; --i)
-            ::MoveFileExW(longPath(base + L"." + std::to_wstring(i - 1)).c_str(),
-                          longPath(base + L"." + std::to_wstring(i)).c_str(), MOVEFILE_REPLACE_EXISTING);
-        ::MoveFileExW(longPath(base).c_str(), longPath(base + L".1").c_str(), MOVEFILE_REPLACE_EXISTING);
-    }
-    openLocked();
+    if (!file_) file_ = std::make_unique<LogFile>();
+    if (file_->open(config_.file) || fileComplained_) return;
+    // Said once: the run goes on without its log file.
+    fileComplained_ = true;
+    fprintf(stderr, "Log file '%s' cannot be written; log lines are not kept.\n", narrow(config_.file).c_str());
 }
 
 void Logger::apply(const LoggerConfig& config) {
@@ -156,26 +130,6 @@ void Logger::apply(const LoggerConfig& config) {
     config_ = config;
     threshold_.store(static_cast<int>(config.level));
     openLocked();
-}
-
-bool Logger::configure(const std::wstring& configPath, const std::map<std::string, std::string>& substitutions,
-                       const std::wstring& defaultFile) {
-    LoggerConfig config;
-    config.file = defaultFile;
-    std::string text, error;
-    bool ok = readFile(configPath, text);
-    if (!ok) {
-        fprintf(stderr, "Logging configuration '%s' could not be read; logging at INFO to '%s'.\n",
-                narrow(configPath).c_str(), narrow(defaultFile).c_str());
-    } else if (!parseLoggerConfig(text, substitutions, config, error)) {
-        fprintf(stderr, "Logging configuration '%s' is invalid (%s); logging at INFO to '%s'.\n",
-                narrow(configPath).c_str(), error.c_str(), narrow(defaultFile).c_str());
-        config = LoggerConfig{};
-        config.file = defaultFile;
-        ok = false;
-    }
-    apply(config);
-    return ok;
 }
 
 int Logger::addSink(Sink sink) {
@@ -200,7 +154,7 @@ void Logger::log(LogLevel level, const char* fmt, ...) {
 void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
     if (!enabled(level)) return;
     // A line logged on an error path leaves the caller's GetLastError() as it was.
-    KeepLastError keep;
+    LogErrorGuard keep;
     std::lock_guard<std::mutex> lock(mutex_);
     va_list copy;
     va_copy(copy, args);
@@ -214,23 +168,18 @@ void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
     message_.resize(n > 0 ? static_cast<size_t>(n) : 0);
     // Unlocking and re-locking here would let another line in between; write()
     // does the same work without the lock, so share the body.
-    SYSTEMTIME st;
-    ::GetLocalTime(&st);
+    char time[24];
+    unsigned long thread = 0;
+    logLineStamp(time, thread);
     char head[96];
-    int hn = snprintf(head, sizeof head, "%04u-%02u-%02u %02u:%02u:%02u.%03u %-6s [%lu] ", st.wYear, st.wMonth,
-                      st.wDay, st.wHour, st.wMinute, st.wSecond, st.wMilliseconds, logLevelName(level),
-                      static_cast<unsigned long>(::GetCurrentThreadId()));
+    int hn = snprintf(head, sizeof head, "%s %-6s [%lu] ", time, logLevelName(level), thread);
     line_.assign(head, hn > 0 ? static_cast<size_t>(hn) : 0);
     line_ += message_;
     line_ += '\n';
-    if (file_) {
-        if (config_.maxFileBytes > 0 && fileSize_ + line_.size() > config_.maxFileBytes && fileSize_ > 0)
-            rotateLocked();
-        if (file_) {
-            DWORD written = 0;
-            ::WriteFile(file_.get(), line_.data(), static_cast<DWORD>(line_.size()), &written, nullptr);
-            fileSize_ += written;
-        }
+    if (file_ && file_->isOpen()) {
+        if (config_.maxFileBytes > 0 && file_->size() + line_.size() > config_.maxFileBytes && file_->size() > 0)
+            file_->rotate(config_.backups);
+        file_->write(line_.data(), line_.size());
     }
     if (config_.alsoStderr) fwrite(line_.data(), 1, line_.size(), stderr);
     for (auto& [id, sink] : sinks_) sink(level, message_);

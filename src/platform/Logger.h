@@ -21,6 +21,8 @@
 
 namespace skorva {
 
+class LogFile;
+
 enum class LogLevel : int { Debug = 0, Info, Notice, Warn, Error, Crit, Alert, Fatal, Emerg };
 
 const char* logLevelName(LogLevel level);
@@ -67,19 +69,14 @@ public:
 
 private:
     Logger();
-    void rotateLocked();
+    ~Logger();
     void openLocked();
 
     static std::atomic<int> threshold_;
     mutable std::mutex mutex_;
     LoggerConfig config_;
-    // The log file's HANDLE, closed by its owner (no Windows header here: the
-    // text logic that logs also builds natively).
-    struct FileCloser {
-        void operator()(void* handle) const noexcept;
-    };
-    std::unique_ptr<void, FileCloser> file_;
-    uint64_t fileSize_ = 0;
+    std::unique_ptr<LogFile> file_;  // the operating system's side (LogFile.h)
+    bool fileComplained_ = false;    // an unwritable log file is reported once
     std::map<int, Sink> sinks_;
     int nextSinkId_ = 1;
     std::string line_;

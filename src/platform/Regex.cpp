@@ -1,6 +1,8 @@
 #include "platform/Regex.h"
 
+#if defined(_WIN32)
 #include <windows.h>
+#endif
 
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
@@ -11,9 +13,11 @@ namespace skorva {
 
 namespace {
 
-// One match-data block per thread, enough for a yes/no search. Kept in fiber
-// local storage, whose callback frees it when the thread ends (a thread_local
-// object with a destructor is not reliably destroyed by every toolchain).
+// One match-data block per thread, enough for a yes/no search.
+#if defined(_WIN32)
+// Kept in fiber local storage, whose callback frees it when the thread ends (a
+// thread_local object with a destructor is not reliably destroyed by MinGW's
+// runtime).
 void WINAPI freeMatchData(void* data) {
     if (data) pcre2_match_data_free(static_cast<pcre2_match_data*>(data));
 }
@@ -28,6 +32,17 @@ pcre2_match_data* threadMatchData() {
     }
     return md;
 }
+#else
+// The native build of the text logic (sanitizers, fuzzing).
+pcre2_match_data* threadMatchData() {
+    struct Owner {
+        pcre2_match_data* md = pcre2_match_data_create(1, nullptr);
+        ~Owner() { pcre2_match_data_free(md); }
+    };
+    thread_local Owner owner;
+    return owner.md;
+}
+#endif
 
 }  // namespace
 

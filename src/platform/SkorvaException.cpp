@@ -1,30 +1,11 @@
 #include "platform/SkorvaException.h"
 
-#include <windows.h>
-
 #include <cstdarg>
 #include <cstdio>
 
 #include "platform/Strings.h"
 
 namespace skorva {
-
-std::string systemErrorText(unsigned long error) {
-    wchar_t* buf = nullptr;
-    DWORD n = ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
-                                   FORMAT_MESSAGE_IGNORE_INSERTS,
-                               nullptr, error, 0, reinterpret_cast<wchar_t*>(&buf), 0, nullptr);
-    std::string text;
-    if (n != 0 && buf != nullptr) {
-        text = narrow(std::wstring_view(buf, n));
-        ::LocalFree(buf);
-        while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ' ||
-                                 text.back() == '.'))
-            text.pop_back();
-    }
-    if (text.empty()) text = format("Unknown error 0x%lx", error);
-    return text;
-}
 
 std::string expandErrorDirective(const char* fmt, unsigned long error) {
     std::string out;
@@ -60,7 +41,7 @@ static std::string vformatWithError(unsigned long error, const char* fmt, va_lis
 }
 
 SkorvaException::SkorvaException(const char* fmt, ...) {
-    unsigned long error = ::GetLastError();
+    unsigned long error = lastSystemError();
     va_list args;
     va_start(args, fmt);
     message_ = vformatWithError(error, fmt, args);

@@ -24,8 +24,10 @@ private:
 };
 
 // The system's message text for a Win32 error number, without the trailing line
-// break ("Unknown error 0x..." when the system has none).
+// break ("Unknown error 0x..." when the system has none), and the thread's last
+// error (SystemError.cpp: the Windows side).
 std::string systemErrorText(unsigned long error);
+unsigned long lastSystemError();
 // Expands "%m" in `fmt` to the text of `error`, leaving other directives.
 std::string expandErrorDirective(const char* fmt, unsigned long error);
 

@@ -1,0 +1,91 @@
+#include "platform/LogFile.h"
+
+#include <windows.h>
+
+#include <cstdio>
+
+#include "platform/Handles.h"
+#include "platform/Logger.h"
+#include "platform/Paths.h"
+#include "platform/Strings.h"
+
+namespace skorva {
+
+struct LogFile::Handle {
+    UniqueHandle file;
+};
+
+LogFile::LogFile() : handle_(std::make_unique<Handle>()) {}
+LogFile::~LogFile() = default;
+
+bool LogFile::open(const std::wstring& path) {
+    handle_->file.reset();
+    path_ = path;
+    size_ = 0;
+    if (path.empty()) return true;
+    const size_t cut = path.find_last_of(L"\\/");
+    if (cut != std::wstring::npos) createDirectories(path.substr(0, cut));
+    handle_->file.reset(::CreateFileW(longPath(path).c_str(), FILE_APPEND_DATA,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!handle_->file) return false;
+    LARGE_INTEGER size;
+    if (::GetFileSizeEx(handle_->file.get(), &size)) size_ = static_cast<uint64_t>(size.QuadPart);
+    return true;
+}
+
+bool LogFile::isOpen() const { return handle_->file.valid(); }
+
+void LogFile::write(const char* data, size_t length) {
+    DWORD written = 0;
+    if (handle_->file) ::WriteFile(handle_->file.get(), data, static_cast<DWORD>(length), &written, nullptr);
+    size_ += written;
+}
+
+void LogFile::rotate(unsigned backups) {
+    handle_->file.reset();
+    const std::wstring base = path_;
+    if (backups == 0) {
+        ::DeleteFileW(longPath(base).c_str());
+    } else {
+        ::DeleteFileW(longPath(base + L"." + std::to_wstring(backups)).c_str());
+        for (unsigned i = backups; i > 1; --i)
+            ::MoveFileExW(longPath(base + L"." + std::to_wstring(i - 1)).c_str(),
+                          longPath(base + L"." + std::to_wstring(i)).c_str(), MOVEFILE_REPLACE_EXISTING);
+        ::MoveFileExW(longPath(base).c_str(), longPath(base + L".1").c_str(), MOVEFILE_REPLACE_EXISTING);
+    }
+    open(base);
+}
+
+bool Logger::configure(const std::wstring& configPath, const std::map<std::string, std::string>& substitutions,
+                       const std::wstring& defaultFile) {
+    LoggerConfig config;
+    config.file = defaultFile;
+    std::string text, error;
+    bool ok = readFile(configPath, text);
+    if (!ok) {
+        fprintf(stderr, "Logging configuration '%s' could not be read; logging at INFO to '%s'.\n",
+                narrow(configPath).c_str(), narrow(defaultFile).c_str());
+    } else if (!parseLoggerConfig(text, substitutions, config, error)) {
+        fprintf(stderr, "Logging configuration '%s' is invalid (%s); logging at INFO to '%s'.\n",
+                narrow(configPath).c_str(), error.c_str(), narrow(defaultFile).c_str());
+        config = LoggerConfig{};
+        config.file = defaultFile;
+        ok = false;
+    }
+    apply(config);
+    return ok;
+}
+
+void logLineStamp(char (&time)[24], unsigned long& threadId) {
+    SYSTEMTIME st;
+    ::GetLocalTime(&st);
+    snprintf(time, sizeof time, "%04u-%02u-%02u %02u:%02u:%02u.%03u", st.wYear % 10000u, st.wMonth % 100u,
+             st.wDay % 100u, st.wHour % 100u, st.wMinute % 100u, st.wSecond % 100u, st.wMilliseconds % 1000u);
+    threadId = ::GetCurrentThreadId();
+}
+
+LogErrorGuard::LogErrorGuard() noexcept : error_(::GetLastError()) {}
+LogErrorGuard::~LogErrorGuard() { ::SetLastError(error_); }
+
+}  // namespace skorva
