@@ -32,32 +32,4 @@ TEST(BookmarkTest, TextIsByteExact) {
               renderBookmark(bm.get()));
 }
 
-TEST(BookmarkTest, TextRoundTripsThroughCreate) {
-    EvtsimStore store;
-    const wchar_t* texts[] = {
-        L"<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='386038' IsCurrent='true'/>\r\n</BookmarkList>",
-        L"<BookmarkList Direction='backward'>\r\n  <Bookmark Channel='Security' RecordId='7' IsCurrent='true'/>\r\n</BookmarkList>",
-        L"<BookmarkList>\r\n</BookmarkList>",
-    };
-    for (const wchar_t* t : texts) {
-        UniqueEvtHandle bm(evtsim::EvtCreateBookmark(t));
-        ASSERT_TRUE(bm) << GetLastError();
-        EXPECT_EQ(t, renderBookmark(bm.get()));
-    }
-}
-
-TEST(BookmarkTest, MalformedTextFails) {
-    EvtsimStore store;
-    const wchar_t* bad[] = {L"", L"garbage", L"<BookmarkList>", L"<Other/>",
-                            L"<BookmarkList><Bookmark Channel='A'/></BookmarkList>",
-                            L"<BookmarkList><Bookmark Channel='A' RecordId='x'/></BookmarkList>"};
-    for (const wchar_t* t : bad) {
-        EXPECT_EQ(nullptr, evtsim::EvtCreateBookmark(t)) << t;
-        EXPECT_EQ(15008u, GetLastError());  // ERROR_EVT_MALFORMED_XML_TEXT
-    }
-    UniqueEvtHandle bm(evtsim::EvtCreateBookmark(nullptr));
-    EXPECT_FALSE(evtsim::EvtUpdateBookmark(bm.get(), bm.get()));
-    EXPECT_EQ(6u, GetLastError());
-}
-
 }  // namespace

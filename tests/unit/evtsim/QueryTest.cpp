@@ -1,4 +1,5 @@
-// EvtQuery, EvtNext, EvtSeek, EvtClose and live changes to the channel.
+// EvtQuery, EvtNext, EvtSeek and EvtClose, the calls refused, and the channel list.
+#include <functional>
 #include <thread>
 
 #include "EvtsimTestUtil.h"
@@ -19,31 +20,6 @@ protected:
     }
     EvtsimStore store;
 };
-
-TEST_F(QueryTest, ForwardAndReverseOrder) {
-    auto fwd = query(EvtQueryForwardDirection);
-    ASSERT_TRUE(fwd);
-    EXPECT_EQ((std::vector<uint64_t>{1, 2, 3, 4, 5}), recordIds(readAll(fwd.get(), 2)));
-    auto rev = query(EvtQueryReverseDirection);
-    EXPECT_EQ((std::vector<uint64_t>{5, 4, 3, 2, 1}), recordIds(readAll(rev.get(), 3)));
-}
-
-TEST_F(QueryTest, NextAtEndReportsNoMoreItemsAndReturnsZero) {
-    auto q = query(EvtQueryForwardDirection);
-    readAll(q.get());
-    EVT_HANDLE h[4];
-    DWORD got = 99;
-    EXPECT_FALSE(evtsim::EvtNext(q.get(), 4, h, INFINITE, 0, &got));
-    EXPECT_EQ(259u, GetLastError());  // ERROR_NO_MORE_ITEMS
-    EXPECT_EQ(0u, got);
-}
-
-TEST_F(QueryTest, ForwardQuerySeesRecordsAppendedLater) {
-    auto q = query(EvtQueryForwardDirection);
-    readAll(q.get());
-    store.append("Application", sampleEvent(200));
-    EXPECT_EQ((std::vector<uint64_t>{6}), recordIds(readAll(q.get())));
-}
 
 // Every returned handle is the caller's to close, and closing the query closes
 // them too (EvtClose remarks): using one afterwards fails.
@@ -113,35 +89,6 @@ TEST_F(QueryTest, BatchBoundShortOrFailed) {
     evtsim::setBatchLimit(evtsim::BatchLimit::FromEnvironment);
 }
 
-TEST_F(QueryTest, BadArguments) {
-    struct Case {
-        const wchar_t* path;
-        const wchar_t* query;
-        DWORD flags;
-        DWORD error;
-    } cases[] = {
-        {L"NoSuchChannel", L"*", EvtQueryChannelPath, 15007},
-        {L"Application", L"*", 0, 87},
-        {L"Application", L"*", EvtQueryChannelPath | EvtQueryForwardDirection | EvtQueryReverseDirection, 87},
-        {nullptr, L"*", EvtQueryChannelPath, 87},
-        {L"Application", L"*[System[(EventID=1)]]", EvtQueryChannelPath, 15001},
-    };
-    for (const auto& c : cases) {
-        SetLastError(0);
-        EXPECT_EQ(nullptr, evtsim::EvtQuery(nullptr, c.path, c.query, c.flags)) << (c.path ? "path" : "null");
-        EXPECT_EQ(c.error, GetLastError());
-    }
-    EVT_HANDLE h[1];
-    DWORD got = 0;
-    EXPECT_FALSE(evtsim::EvtNext(reinterpret_cast<EVT_HANDLE>(0x1234), 1, h, 0, 0, &got));
-    EXPECT_EQ(6u, GetLastError());
-    auto q = query(EvtQueryForwardDirection);
-    EXPECT_FALSE(evtsim::EvtNext(q.get(), 0, h, 0, 0, &got));
-    EXPECT_EQ(87u, GetLastError());
-    EXPECT_FALSE(evtsim::EvtClose(reinterpret_cast<EVT_HANDLE>(0x1234)));
-    EXPECT_EQ(6u, GetLastError());
-}
-
 TEST_F(QueryTest, SeekOrigins) {
     UniqueEvtHandle bm(evtsim::EvtCreateBookmark(
         L"<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='3' IsCurrent='true'/>\r\n</BookmarkList>"));
@@ -154,20 +101,13 @@ TEST_F(QueryTest, SeekOrigins) {
         DWORD flags;
         uint64_t firstId;  // 0: seek fails
     } cases[] = {
-        {EvtQueryForwardDirection, 0, nullptr, EvtSeekRelativeToFirst, 1},
-        {EvtQueryForwardDirection, 2, nullptr, EvtSeekRelativeToFirst, 3},
-        {EvtQueryForwardDirection, 0, nullptr, EvtSeekRelativeToLast, 5},
-        {EvtQueryForwardDirection, -1, nullptr, EvtSeekRelativeToLast, 4},
         {EvtQueryForwardDirection, 0, bm.get(), EvtSeekRelativeToBookmark, 3},
         {EvtQueryForwardDirection, 1, bm.get(), EvtSeekRelativeToBookmark, 4},
         {EvtQueryReverseDirection, 1, bm.get(), EvtSeekRelativeToBookmark, 2},
-        {EvtQueryReverseDirection, 0, nullptr, EvtSeekRelativeToFirst, 5},
         {EvtQueryForwardDirection, 1, missing.get(), EvtSeekRelativeToBookmark | EvtSeekStrict, 0},
-        {EvtQueryForwardDirection, 9, nullptr, EvtSeekRelativeToFirst | EvtSeekStrict, 0},
         // Past either end the seek lands on the last record within the boundary
         // (EVT_SEEK_FLAGS remarks), or fails under strict.
         {EvtQueryForwardDirection, 9, nullptr, EvtSeekRelativeToFirst, 5},
-        {EvtQueryForwardDirection, -9, nullptr, EvtSeekRelativeToLast, 1},
         {EvtQueryReverseDirection, 3, bm.get(), EvtSeekRelativeToBookmark, 1},
         {EvtQueryReverseDirection, 3, bm.get(), EvtSeekRelativeToBookmark | EvtSeekStrict, 0},
     };
@@ -185,49 +125,70 @@ TEST_F(QueryTest, SeekOrigins) {
         EXPECT_EQ(c.firstId, ids[0]) << c.flags << " " << c.position;
     }
 }
-
-TEST_F(QueryTest, SeekRelativeToCurrentCountsFromTheLastReturned) {
+// What a caller gets wrong or asks of what is not there: FALSE or NULL and the
+// error the reader tells apart. One row per kind of refusal.
+TEST_F(QueryTest, RefusedCallsAnswerTheirError) {
     auto q = query(EvtQueryForwardDirection);
-    readAll(q.get(), 2, 2);  // 1, 2
-    ASSERT_TRUE(evtsim::EvtSeek(q.get(), 2, nullptr, 0, EvtSeekRelativeToCurrent));
-    EXPECT_EQ((std::vector<uint64_t>{4, 5}), recordIds(readAll(q.get())));
-}
-
-TEST_F(QueryTest, ClearMakesTheQueryStaleAndIdsKeepCounting) {
-    auto q = query(EvtQueryForwardDirection);
-    readAll(q.get(), 1, 1);
-    store.clearChannel("Application");
+    auto events = readAll(q.get());
+    EXPECT_EQ(259u, GetLastError());  // ERROR_NO_MORE_ITEMS ends every result set
+    HANDLE signal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const auto bad = reinterpret_cast<EVT_HANDLE>(0x1234);
+    const auto opened = [](EVT_HANDLE h) { return !!UniqueEvtHandle(h); };
+    const auto subscribe = [&](LPCWSTR channel, DWORD flags) {
+        return opened(evtsim::EvtSubscribe(nullptr, signal, channel, nullptr, nullptr, nullptr, nullptr, flags));
+    };
     EVT_HANDLE h[1];
-    DWORD got = 0;
-    EXPECT_FALSE(evtsim::EvtNext(q.get(), 1, h, 0, 0, &got));
-    EXPECT_EQ(15011u, GetLastError());  // ERROR_EVT_QUERY_RESULT_STALE
-    EXPECT_EQ(6u, store.append("Application", sampleEvent(1)));
-    auto again = query(EvtQueryForwardDirection);
-    EXPECT_EQ((std::vector<uint64_t>{6}), recordIds(readAll(again.get())));
+    DWORD got = 0, used = 0, count = 0;
+    BYTE buf[64];
+    const auto render = [&](EVT_HANDLE ev, DWORD flags) {
+        return !!evtsim::EvtRender(nullptr, ev, flags, sizeof buf, buf, &used, &count);
+    };
+    const struct {
+        const char* what;
+        std::function<bool()> succeeded;
+        DWORD error;
+    } cases[] = {
+        {"query of a missing channel",
+         [&] { return opened(evtsim::EvtQuery(nullptr, L"Nope", nullptr, EvtQueryChannelPath)); }, 15007},
+        {"subscription to a missing channel", [&] { return subscribe(L"Nope", EvtSubscribeToFutureEvents); }, 15007},
+        {"query without its kind", [&] { return opened(evtsim::EvtQuery(nullptr, L"Application", nullptr, 0)); }, 87},
+        {"start after no bookmark", [&] { return subscribe(L"Application", EvtSubscribeStartAfterBookmark); }, 87},
+        {"next of no result set", [&] { return !!evtsim::EvtNext(bad, 1, h, 0, 0, &got); }, 6},
+        {"values without a context", [&] { return render(events[0].get(), EvtRenderEventValues); }, 87},
+        {"render of no event", [&] { return render(bad, EvtRenderEventXml); }, 6},
+        {"malformed bookmark text", [&] { return opened(evtsim::EvtCreateBookmark(L"<BookmarkList>")); }, 15008},
+        {"metadata of an unknown publisher",
+         [&] { return opened(evtsim::EvtOpenPublisherMetadata(nullptr, L"Nobody", nullptr, 0, 0)); }, 2},
+        {"close of no handle", [&] { return !!evtsim::EvtClose(bad); }, 6},
+    };
+    for (const auto& c : cases) {
+        SetLastError(0);
+        EXPECT_FALSE(c.succeeded()) << c.what;
+        EXPECT_EQ(c.error, GetLastError()) << c.what;
+    }
+    CloseHandle(signal);
 }
 
-TEST_F(QueryTest, DeletedChannelIsNotFoundUntilMadeAgain) {
-    auto q = query(EvtQueryForwardDirection);
-    store.deleteChannel("Application");
-    EVT_HANDLE h[1];
-    DWORD got = 0;
-    EXPECT_FALSE(evtsim::EvtNext(q.get(), 1, h, 0, 0, &got));
-    EXPECT_EQ(15007u, GetLastError());
-    EXPECT_EQ(nullptr, evtsim::EvtQuery(nullptr, L"Application", L"*", EvtQueryChannelPath));
-    EXPECT_EQ(15007u, GetLastError());
-    store.createChannel("Application");
-    store.append("Application", sampleEvent(1));
-    // The old handle belongs to the removed channel; a new one reads the new channel from id 1.
-    EXPECT_FALSE(evtsim::EvtNext(q.get(), 1, h, 0, 0, &got));
-    EXPECT_EQ(6u, GetLastError());
-    auto fresh = query(EvtQueryForwardDirection);
-    EXPECT_EQ((std::vector<uint64_t>{1}), recordIds(readAll(fresh.get())));
-}
-
-TEST_F(QueryTest, ChannelNamesAreCaseInsensitive) {
-    UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"application", nullptr, EvtQueryChannelPath));
-    ASSERT_TRUE(q);
-    EXPECT_EQ(5u, readAll(q.get()).size());
+// EvtNextChannelPath counts in characters, the terminator included.
+TEST(ChannelEnumTest, SizeProtocolInCharacters) {
+    EvtsimStore store;
+    for (const char* c : {"System", "Microsoft-Windows-Sysmon/Operational", "Application"}) store.createChannel(c);
+    UniqueEvtHandle e(evtsim::EvtOpenChannelEnum(nullptr, 0));
+    ASSERT_TRUE(e);
+    std::vector<std::wstring> names;
+    std::wstring buf;
+    DWORD used = 0;
+    while (true) {
+        if (evtsim::EvtNextChannelPath(e.get(), static_cast<DWORD>(buf.size()), buf.empty() ? nullptr : buf.data(), &used)) {
+            names.emplace_back(buf.c_str());
+            continue;
+        }
+        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) break;
+        buf.assign(used, L'\0');
+    }
+    EXPECT_EQ(259u, GetLastError());
+    EXPECT_EQ((std::vector<std::wstring>{L"Application", L"Microsoft-Windows-Sysmon/Operational", L"System"}), names);
+    EXPECT_EQ(wcslen(L"Microsoft-Windows-Sysmon/Operational") + 1, buf.size());  // grew to the reported size
 }
 
 }  // namespace
