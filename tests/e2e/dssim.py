@@ -1,7 +1,7 @@
 """Drives the simulated directory service (tools/dssim) from process-level tests.
 
     directory = DssimDirectory(tmp_path / "directory")
-    directory.use_sample()          # or directory.write("[dc]\\nname = ...")
+    directory.use_sample()
     directory.faults("DsBindW=1722,once")
     env = directory.env()           # DSSIM_DIRECTORY for a program under Wine
     directory.calls()["DsCrackNamesW"]
@@ -26,9 +26,6 @@ class DssimDirectory:
         env["DSSIM_DIRECTORY"] = winpath(self.root)
         env.update(extra)
         return env
-
-    def write(self, text):
-        (self.root / "directory.txt").write_text(text, encoding="utf-8")
 
     def use_sample(self):
         shutil.copyfile(SAMPLE, self.root / "directory.txt")

@@ -34,12 +34,6 @@ bool resolve(HMODULE m, const char* name, T& fn) {
     return fn != nullptr;
 }
 
-void printModule(const char* key, HMODULE m) {
-    wchar_t path[MAX_PATH] = L"";
-    GetModuleFileNameW(m, path, MAX_PATH);
-    std::printf("%s=%ls\n", key, path);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -52,8 +46,6 @@ int main(int argc, char** argv) {
         std::printf("load=%lu\n", GetLastError());
         return 2;
     }
-    printModule("netapi32", netapi);
-    printModule("ntdsapi", ntdsapi);
     decltype(&::DsGetDcNameW) getDcName;
     decltype(&::NetApiBufferFree) bufferFree;
     decltype(&::DsBindW) bind;

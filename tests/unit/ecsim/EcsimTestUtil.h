@@ -3,13 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "Ecsim.h"
-#include "SubscriptionStore.h"
+#include "TempFolder.h"
 
 namespace ecsim_test {
 
@@ -18,30 +16,20 @@ namespace ecsim_test {
 class CollectorStore {
 public:
     explicit CollectorStore(bool running = true) {
-        static std::atomic<unsigned> counter{0};
-        wchar_t temp[MAX_PATH];
-        DWORD n = GetTempPathW(MAX_PATH, temp);
-        root_ = std::wstring(temp, n) + L"ecsim-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-                std::to_wstring(counter++);
-        CreateDirectoryW(root_.c_str(), nullptr);
-        if (running) CreateDirectoryW((root_ + L"\\collector").c_str(), nullptr);
-        ecsim::setStoreRoot(root_);
+        if (running) CreateDirectoryW((folder_.path() + L"\\collector").c_str(), nullptr);
+        ecsim::setStoreRoot(folder_.path());
         ecsim::setFaults("");
     }
     ~CollectorStore() {
         ecsim::clearFaults();
         ecsim::setStoreRoot(L"");
-        for (const wchar_t* f : {L"\\collector\\subscriptions.txt", L"\\collector\\faults.txt"})
-            DeleteFileW((root_ + f).c_str());
-        RemoveDirectoryW((root_ + L"\\collector").c_str());
-        RemoveDirectoryW(root_.c_str());
     }
     CollectorStore(const CollectorStore&) = delete;
     CollectorStore& operator=(const CollectorStore&) = delete;
 
     void write(const std::wstring& file, const std::string& text) {
-        HANDLE h = CreateFileW((root_ + L"\\collector\\" + file).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                               FILE_ATTRIBUTE_NORMAL, nullptr);
+        HANDLE h = CreateFileW((folder_.path() + L"\\collector\\" + file).c_str(), GENERIC_WRITE, 0, nullptr,
+                               CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
         ASSERT_NE(INVALID_HANDLE_VALUE, h);
         DWORD written = 0;
         WriteFile(h, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
@@ -50,7 +38,7 @@ public:
     void subscriptions(const std::string& text) { write(L"subscriptions.txt", text); }
 
 private:
-    std::wstring root_;
+    skorva::test::TempFolder folder_{L"ecsim"};
 };
 
 // Three subscriptions as the collector check meets them.
@@ -97,6 +85,5 @@ inline std::vector<BYTE> property(EC_HANDLE sub, EC_SUBSCRIPTION_PROPERTY_ID id)
     EXPECT_TRUE(ecsim::EcGetSubscriptionProperty(sub, id, 0, used, reinterpret_cast<PEC_VARIANT>(buf.data()), &used));
     return buf;
 }
-inline const EC_VARIANT& variant(const std::vector<BYTE>& buf) { return *reinterpret_cast<const EC_VARIANT*>(buf.data()); }
 
 }  // namespace ecsim_test

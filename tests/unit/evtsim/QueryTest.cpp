@@ -1,4 +1,5 @@
-// EvtQuery, EvtNext, EvtSeek, EvtClose and live changes to the channel.
+// EvtQuery, EvtNext, EvtSeek and EvtClose, the calls refused, and the channel list.
+#include <functional>
 #include <thread>
 
 #include "EvtsimTestUtil.h"
@@ -123,6 +124,71 @@ TEST_F(QueryTest, SeekOrigins) {
         ASSERT_EQ(1u, ids.size());
         EXPECT_EQ(c.firstId, ids[0]) << c.flags << " " << c.position;
     }
+}
+// What a caller gets wrong or asks of what is not there: FALSE or NULL and the
+// error the reader tells apart. One row per kind of refusal.
+TEST_F(QueryTest, RefusedCallsAnswerTheirError) {
+    auto q = query(EvtQueryForwardDirection);
+    auto events = readAll(q.get());
+    EXPECT_EQ(259u, GetLastError());  // ERROR_NO_MORE_ITEMS ends every result set
+    HANDLE signal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const auto bad = reinterpret_cast<EVT_HANDLE>(0x1234);
+    const auto opened = [](EVT_HANDLE h) { return !!UniqueEvtHandle(h); };
+    const auto subscribe = [&](LPCWSTR channel, DWORD flags) {
+        return opened(evtsim::EvtSubscribe(nullptr, signal, channel, nullptr, nullptr, nullptr, nullptr, flags));
+    };
+    EVT_HANDLE h[1];
+    DWORD got = 0, used = 0, count = 0;
+    BYTE buf[64];
+    const auto render = [&](EVT_HANDLE ev, DWORD flags) {
+        return !!evtsim::EvtRender(nullptr, ev, flags, sizeof buf, buf, &used, &count);
+    };
+    const struct {
+        const char* what;
+        std::function<bool()> succeeded;
+        DWORD error;
+    } cases[] = {
+        {"query of a missing channel",
+         [&] { return opened(evtsim::EvtQuery(nullptr, L"Nope", nullptr, EvtQueryChannelPath)); }, 15007},
+        {"subscription to a missing channel", [&] { return subscribe(L"Nope", EvtSubscribeToFutureEvents); }, 15007},
+        {"query without its kind", [&] { return opened(evtsim::EvtQuery(nullptr, L"Application", nullptr, 0)); }, 87},
+        {"start after no bookmark", [&] { return subscribe(L"Application", EvtSubscribeStartAfterBookmark); }, 87},
+        {"next of no result set", [&] { return !!evtsim::EvtNext(bad, 1, h, 0, 0, &got); }, 6},
+        {"values without a context", [&] { return render(events[0].get(), EvtRenderEventValues); }, 87},
+        {"render of no event", [&] { return render(bad, EvtRenderEventXml); }, 6},
+        {"malformed bookmark text", [&] { return opened(evtsim::EvtCreateBookmark(L"<BookmarkList>")); }, 15008},
+        {"metadata of an unknown publisher",
+         [&] { return opened(evtsim::EvtOpenPublisherMetadata(nullptr, L"Nobody", nullptr, 0, 0)); }, 2},
+        {"close of no handle", [&] { return !!evtsim::EvtClose(bad); }, 6},
+    };
+    for (const auto& c : cases) {
+        SetLastError(0);
+        EXPECT_FALSE(c.succeeded()) << c.what;
+        EXPECT_EQ(c.error, GetLastError()) << c.what;
+    }
+    CloseHandle(signal);
+}
+
+// EvtNextChannelPath counts in characters, the terminator included.
+TEST(ChannelEnumTest, SizeProtocolInCharacters) {
+    EvtsimStore store;
+    for (const char* c : {"System", "Microsoft-Windows-Sysmon/Operational", "Application"}) store.createChannel(c);
+    UniqueEvtHandle e(evtsim::EvtOpenChannelEnum(nullptr, 0));
+    ASSERT_TRUE(e);
+    std::vector<std::wstring> names;
+    std::wstring buf;
+    DWORD used = 0;
+    while (true) {
+        if (evtsim::EvtNextChannelPath(e.get(), static_cast<DWORD>(buf.size()), buf.empty() ? nullptr : buf.data(), &used)) {
+            names.emplace_back(buf.c_str());
+            continue;
+        }
+        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) break;
+        buf.assign(used, L'\0');
+    }
+    EXPECT_EQ(259u, GetLastError());
+    EXPECT_EQ((std::vector<std::wstring>{L"Application", L"Microsoft-Windows-Sysmon/Operational", L"System"}), names);
+    EXPECT_EQ(wcslen(L"Microsoft-Windows-Sysmon/Operational") + 1, buf.size());  // grew to the reported size
 }
 
 }  // namespace
