@@ -13,7 +13,9 @@
 #include <string>
 #include <vector>
 
-#if defined(__GNUC__)
+#if defined(__clang__)
+#define SKORVA_PRINTF(fmtIndex, firstArg) __attribute__((format(printf, fmtIndex, firstArg)))
+#elif defined(__GNUC__)
 #define SKORVA_PRINTF(fmtIndex, firstArg) __attribute__((format(gnu_printf, fmtIndex, firstArg)))
 #else
 #define SKORVA_PRINTF(fmtIndex, firstArg)

@@ -46,7 +46,9 @@ bool parseUInt64(std::string_view s, uint64_t& out);
 
 // printf into a std::string.
 std::string format(const char* fmt, ...)
-#if defined(__GNUC__)
+#if defined(__clang__)
+    __attribute__((format(printf, 1, 2)))
+#elif defined(__GNUC__)
     __attribute__((format(gnu_printf, 1, 2)))
 #endif
     ;
