@@ -134,6 +134,9 @@ BOOL WINAPI consoleCtrlHandler(DWORD ctrlType) {
 void setCurrentMonitor(WinEventMon* monitor) { currentMonitor.store(monitor); }
 
 int programMain(int argc, wchar_t** argv) {
+    // Libraries come from System32 only, for every load of the process, before
+    // anything is loaded: none can be planted beside the executable.
+    ::SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
     // Standard error carries exact texts (usage, start-up failures): no CR insertion.
     _setmode(_fileno(stderr), _O_BINARY);
     CommandLine commandLine = parseCommandLine(argc, argv);

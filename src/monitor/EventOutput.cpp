@@ -1,5 +1,6 @@
 #include "monitor/EventOutput.h"
 
+#include <cerrno>
 #include <mutex>
 
 #include "platform/Logger.h"
@@ -7,13 +8,16 @@
 
 namespace skorva {
 
-void EventOutput::write(const ModinputEvent& record) {
+bool EventOutput::write(const ModinputEvent& record) {
     std::lock_guard<CriticalSection> lock(lock_);
+    if (broken_) return false;
     if (!writer_) writer_ = std::make_unique<EventStreamWriter>(out_);
-    if (!writer_->writeEvent(record) && !failed_) {
-        failed_ = true;
-        LOG_ERROR("%s: Failed to write event to output", "WinEventMon::processEvent");
-    }
+    if (writer_->writeEvent(record)) return true;
+    broken_ = true;
+    LOG_ERROR("%s: Failed to write event to output (errno=%d): the daemon no longer reads the event stream; stopping "
+              "without checkpointing past the last event written",
+              "WinEventMon::processEvent", errno);
+    return false;
 }
 
 void classicText(const EventFields& fields, std::string& out) {

@@ -184,6 +184,12 @@ void PassPipeline::run(ChannelWork& work) {
         // never passes an event that did not go out.
         size_t written = writeBatch(work, batch, scratch);
         const bool failed = written < size;
+        if (failed && monitor_.outputBroken()) {
+            // Nothing more can be written: the position stays at the last event that was.
+            if (written > 0) position.advance(batch[written - 1]);
+            position.checkpoint();
+            break;
+        }
         if (failed && giveUpOn(work, batch[written])) ++written;
         if (written > 0) position.advance(batch[written - 1]);
         position.checkpoint();
@@ -251,6 +257,7 @@ size_t PassPipeline::writeEvents(ChannelWork& work, EventRecord* first, size_t c
         const char* reason = "unknown error";
         try {
             monitor_.processEvent(work, first[i], scratch);
+            if (monitor_.outputBroken()) return i;  // event i did not go out
             continue;
         } catch (const std::exception& e) {
             reason = e.what();

@@ -95,7 +95,8 @@ bool WinEventMon::start() {
     LOG_DEBUG("%s: Starting WinEventMon", "WinEventMon::start");
     knownChannels().clear();
     WinEventLogAPIInitializer::initWinEvtApi();
-    return dispatcher_.run(channels_);
+    // A run cut short by a stream the daemon stopped reading is a failed run.
+    return dispatcher_.run(channels_) && !output_.broken();
 }
 
 void WinEventMon::stop() {
@@ -147,7 +148,8 @@ bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScra
     record.index = settings.index;
     record.source = settings.source;
     record.sourcetype = settings.sourceType;
-    output_.write(record);
+    // A stream nobody reads ends the run: nothing more can reach the daemon.
+    if (!output_.write(record)) stop();
     return true;
 }
 

@@ -79,6 +79,8 @@ public:
     void processLogChannel(ChannelWork& work) { pipeline_.run(work); }
     // Filters one event and writes it under the output lock; false when excluded.
     virtual bool processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch);
+    // The daemon stopped reading the stream: no event can be written any more.
+    bool outputBroken() const { return output_.broken(); }
     static unsigned writerThreadCount(size_t size, int32_t threadCount, size_t& share) {
         return PassPipeline::writerThreadCount(size, threadCount, share);
     }

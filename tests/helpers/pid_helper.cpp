@@ -4,6 +4,8 @@
 //   pid-helper ended   starts a child that exits at once, keeps its handle (so
 //                      the id still names an ended process) and prints its id
 //   pid-helper exit    ends at once
+//   pid-helper hold F  opens file F sharing nothing, as backup and antivirus
+//                      tools do, prints its id and keeps it open
 #include <windows.h>
 
 #include <cstdio>
@@ -23,6 +25,11 @@ int main(int argc, char** argv) {
     const char* mode = argc > 1 ? argv[1] : "wait";
     if (strcmp(mode, "exit") == 0) return 0;
     DWORD pid = ::GetCurrentProcessId();
+    HANDLE held = INVALID_HANDLE_VALUE;
+    if (strcmp(mode, "hold") == 0 && argc > 2) {
+        held = ::CreateFileA(argv[2], GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, 0, nullptr);
+        if (held == INVALID_HANDLE_VALUE) return 3;
+    }
     PROCESS_INFORMATION child = {};
     if (strcmp(mode, "ended") == 0) {
         char self[MAX_PATH] = {};
@@ -38,6 +45,7 @@ int main(int argc, char** argv) {
     printf("%lu\n", static_cast<unsigned long>(pid));
     fflush(stdout);
     waitForStdinEnd();
+    if (held != INVALID_HANDLE_VALUE) ::CloseHandle(held);
     if (child.hProcess) {
         ::CloseHandle(child.hThread);
         ::CloseHandle(child.hProcess);

@@ -1,6 +1,5 @@
-// The real loading path under the test prefix: the simulated event log is
-// installed as System32\wevtapi.dll and a decoy of the same name lies beside
-// this executable.
+// The real loading path under the test prefix: the stand-ins are installed in
+// System32 and decoys of the same names lie beside this executable.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -50,22 +49,37 @@ private:
 
 }  // namespace
 
-TEST(LoaderSystemPath, EventLogGroupComesFromSystem32NotFromBesideTheExecutable) {
-    std::wstring exe = moduleFileName(nullptr);
-    const std::wstring decoy = exe.substr(0, exe.find_last_of(L"\\/") + 1) + L"wevtapi.dll";
-    ASSERT_NE(::GetFileAttributesW(decoy.c_str()), INVALID_FILE_ATTRIBUTES) << "decoy missing: " << narrow(decoy);
-    ASSERT_EQ(::GetModuleHandleW(L"wevtapi.dll"), nullptr) << "loaded before the test";
-
-    WatchingOps ops;
-    WinEventLogAPIInitializer::resetForTesting();
-    WinEventLogAPIInitializer::setLibraryOps(&ops);
-    bool available = WinEventLogAPIInitializer::isEvtApiAvailable();
-    WinEventLogAPIInitializer::setLibraryOps(nullptr);
-
-    ASSERT_EQ(ops.loads.size(), 1u);
-    EXPECT_TRUE(endsWith(asciiLower(narrow(ops.loads[0])), "\\system32\\wevtapi.dll")) << narrow(ops.loads[0]);
-    EXPECT_TRUE(endsWith(asciiLower(narrow(ops.resolvedFrom)), "\\system32\\wevtapi.dll")) << narrow(ops.resolvedFrom);
-    EXPECT_FALSE(ops.decoyMarker);
-    EXPECT_TRUE(available);
+// Every group comes from System32, never from the decoys of the same names that
+// lie beside this executable.
+TEST(LoaderSystemPath, EveryGroupComesFromSystem32NotFromBesideTheExecutable) {
+    const std::wstring exe = moduleFileName(nullptr);
+    const std::wstring folder = exe.substr(0, exe.find_last_of(L"\\/") + 1);
+    struct {
+        bool (*query)();
+        std::vector<const char*> dlls;
+    } groups[] = {
+        {&WinEventLogAPIInitializer::isEvtApiAvailable, {"wevtapi.dll"}},
+        {&WinEventLogAPIInitializer::isEcApiAvailable, {"wecapi.dll"}},
+        {&WinEventLogAPIInitializer::isAdsApiAvailable, {"netapi32.dll", "ntdsapi.dll"}},
+    };
+    for (const auto& g : groups) {
+        SCOPED_TRACE(g.dlls[0]);
+        for (const char* dll : g.dlls) {
+            ASSERT_NE(::GetFileAttributesW((folder + widen(dll)).c_str()), INVALID_FILE_ATTRIBUTES) << "decoy missing";
+            ASSERT_EQ(::GetModuleHandleW(widen(dll).c_str()), nullptr) << "loaded before the test";
+        }
+        WatchingOps ops;
+        WinEventLogAPIInitializer::resetForTesting();
+        WinEventLogAPIInitializer::setLibraryOps(&ops);
+        g.query();
+        WinEventLogAPIInitializer::setLibraryOps(nullptr);
+        ASSERT_EQ(ops.loads.size(), g.dlls.size());
+        for (size_t i = 0; i < g.dlls.size(); ++i)
+            EXPECT_TRUE(endsWith(asciiLower(narrow(ops.loads[i])), std::string("\\system32\\") + g.dlls[i]))
+                << narrow(ops.loads[i]);
+        EXPECT_TRUE(asciiLower(narrow(ops.resolvedFrom)).find("\\system32\\") != std::string::npos)
+            << narrow(ops.resolvedFrom);
+        EXPECT_FALSE(ops.decoyMarker);
+    }
     WinEventLogAPIInitializer::resetForTesting();
 }

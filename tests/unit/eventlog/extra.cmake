@@ -1,7 +1,9 @@
-# A decoy wevtapi.dll beside unit_eventlog.exe (its own folder, so no other test
-# shares the decoy): the loader must take the System32 copy, never this one.
+# Decoys of the loaded libraries beside unit_eventlog.exe (its own folder, so no
+# other test shares them): the loader must take the System32 copies, never these.
 set_target_properties(unit_eventlog PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/eventlog")
-add_library(unit_eventlog_decoy SHARED "${dir}/decoy/DecoyWevtapi.cpp")
-set_target_properties(unit_eventlog_decoy PROPERTIES OUTPUT_NAME wevtapi PREFIX ""
-                      RUNTIME_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/eventlog")
-add_dependencies(unit_eventlog unit_eventlog_decoy)
+foreach(decoy wevtapi wecapi netapi32 ntdsapi)
+  add_library(unit_eventlog_decoy_${decoy} SHARED "${dir}/decoy/DecoyWevtapi.cpp")
+  set_target_properties(unit_eventlog_decoy_${decoy} PROPERTIES OUTPUT_NAME ${decoy} PREFIX ""
+                        RUNTIME_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/eventlog")
+  add_dependencies(unit_eventlog unit_eventlog_decoy_${decoy})
+endforeach()
