@@ -29,7 +29,7 @@ public:
     ShutdownWatcher& operator=(const ShutdownWatcher&) = delete;
 
     // Set once the callback has run.
-    HANDLE shutdownEvent() const { return event_.get(); }
+    HANDLE shutdownEvent() const { return state_ ? state_->event.get() : nullptr; }
     // Runs the callback as a console interrupt would (once at most).
     void fire();
 
@@ -39,19 +39,32 @@ public:
     // events Wine cannot send, such as Ctrl-Break).
     static BOOL WINAPI consoleHandler(DWORD ctrlType);
 
-private:
-    static DWORD WINAPI parentWatch(void* self);
-    void watchParent(DWORD pid);
+    // Where the watcher takes its memory from (the C library; tests make it fail).
+    struct Allocators {
+        void* (*allocate)(size_t);
+        void* (*allocateZeroed)(size_t, size_t);
+    };
+    static void setAllocators(const Allocators* allocators);
 
-    Callback callback_;
-    uintptr_t argument_;
-    ExitFunction exit_;
-    UniqueHandle event_;
-    UniqueHandle parent_;
-    UniqueHandle stopWatch_;  // set by the destructor: the parent watch returns
-    UniqueHandle thread_;
-    CriticalSection lock_;
-    bool consoleHandlerInstalled_ = false;
+private:
+    // What the console handler and the parent watch share with the watcher.
+    struct State {
+        Callback callback;
+        uintptr_t argument;
+        ExitFunction exit;
+        UniqueHandle event;
+        UniqueHandle parent;
+        UniqueHandle stopWatch;  // set by the destructor: the parent watch returns
+        UniqueHandle thread;
+        CriticalSection lock;
+        bool consoleHandlerInstalled = false;
+    };
+    static DWORD WINAPI parentWatch(void* state);
+    void watchParent(DWORD pid);
+    // The daemon's process id from SKORVAD_PROCESSID, 0 when it names none.
+    bool parentFromEnvironment(DWORD& pid);
+
+    State* state_ = nullptr;
 };
 
 }  // namespace skorva

@@ -3,7 +3,11 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <io.h>
+
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "main/Run.h"
@@ -50,6 +54,43 @@ TEST(ShutdownWatcher, ParentFromTheEnvironment) {
         exitCode = -1;
         ShutdownWatcher w(&onShutdown, 0, ShutdownWatcher::WatchBoth, 0, &recordExit);
         EXPECT_EQ(exitCode.load(), c.code) << std::string(c.value.begin(), c.value.end());
+    }
+    SetEnvironmentVariableW(L"SKORVAD_PROCESSID", nullptr);
+}
+
+// Out of memory while it starts: the texts on standard error, then exit code 1.
+TEST(ShutdownWatcher, AllocationFailuresEndWithTheirTextAndOne) {
+    static const ShutdownWatcher::Allocators noMalloc{[](size_t) -> void* { return nullptr; }, &calloc};
+    static const ShutdownWatcher::Allocators noCalloc{&malloc, [](size_t, size_t) -> void* { return nullptr; }};
+    struct {
+        const ShutdownWatcher::Allocators* allocators;
+        const char* text;
+    } cases[] = {{&noMalloc, "Memory error: malloc: "}, {&noCalloc, "Memory error: calloc: 102\n"}};
+    SetEnvironmentVariableW(L"SKORVAD_PROCESSID", std::to_wstring(GetCurrentProcessId()).c_str());
+    for (const auto& c : cases) {
+        char path[MAX_PATH];
+        ASSERT_TRUE(GetTempPathA(MAX_PATH, path));
+        const std::string file = std::string(path) + "skorva-watcher-stderr.txt";
+        fflush(stderr);
+        const int saved = _dup(_fileno(stderr));
+        FILE* capture = fopen(file.c_str(), "w+b");
+        _dup2(_fileno(capture), _fileno(stderr));
+        exitCode = -1;
+        ShutdownWatcher::setAllocators(c.allocators);
+        {
+            ShutdownWatcher w(&onShutdown, 0, ShutdownWatcher::WatchBoth, 0, &recordExit);
+        }
+        ShutdownWatcher::setAllocators(nullptr);
+        fflush(stderr);
+        _dup2(saved, _fileno(stderr));
+        _close(saved);
+        std::string text(256, '\0');
+        fseek(capture, 0, SEEK_SET);
+        text.resize(fread(text.data(), 1, text.size(), capture));
+        fclose(capture);
+        remove(file.c_str());
+        EXPECT_EQ(exitCode.load(), 1);
+        EXPECT_EQ(text.rfind(c.text, 0), 0u) << text;
     }
     SetEnvironmentVariableW(L"SKORVAD_PROCESSID", nullptr);
 }
