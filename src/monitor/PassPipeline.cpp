@@ -98,12 +98,15 @@ DWORD WINAPI writeSlice(void* param) {
     return 0;
 }
 
+}  // namespace
+
 // The newest event written in this pass: the position reading resumes after,
 // checkpointed after each batch.
-class PassPosition {
+class PassPipeline::Position {
 public:
-    explicit PassPosition(WinEventLogChannel& channel) : channel_(channel) {}
+    explicit Position(WinEventLogChannel& channel) : channel_(channel) {}
     void advance(EventRecord& event) {
+        if (!event.handle) return;  // taken already: the position is there
         last_ = std::move(event.handle);
         record_ = event.recordNumber;
         channel_.markWritten(last_.get(), record_);
@@ -124,8 +127,6 @@ private:
     UniqueEvtHandle last_;
     uint64_t record_ = 0;
 };
-
-}  // namespace
 
 unsigned PassPipeline::writerThreadCount(size_t size, int32_t threadCount, size_t& share) {
     share = 0;
@@ -157,7 +158,7 @@ void PassPipeline::run(ChannelWork& work) {
         LOG_ERROR("%s: Could not create reading thread 0x%08x", fn, static_cast<unsigned>(::GetLastError()));
         return;
     }
-    PassPosition position(channel);
+    Position position(channel);
     uint64_t retrieved = 0;
     OutputScratch scratch;
     bool more = true;
@@ -182,7 +183,7 @@ void PassPipeline::run(ChannelWork& work) {
                  static_cast<unsigned long long>(size));
         // Written in batch order up to the first event that failed: the position
         // never passes an event that did not go out.
-        size_t written = writeBatch(work, batch, scratch);
+        size_t written = writeBatch(work, batch, scratch, position);
         const bool failed = written < size;
         if (failed && monitor_.outputBroken()) {
             // Nothing more can be written: the position stays at the last event that was.
@@ -212,7 +213,7 @@ void PassPipeline::run(ChannelWork& work) {
               static_cast<unsigned long long>(work.emptyMsg.load()), name);
 }
 
-size_t PassPipeline::writeBatch(ChannelWork& work, EventBatch& batch, OutputScratch& scratch) {
+size_t PassPipeline::writeBatch(ChannelWork& work, EventBatch& batch, OutputScratch& scratch, Position& position) {
     const size_t size = batch.size();
     size_t share = 0;
     const unsigned planned = writerThreadCount(size, work.channel->settings().threadCount, share);
@@ -234,7 +235,20 @@ size_t PassPipeline::writeBatch(ChannelWork& work, EventBatch& batch, OutputScra
         handles.push_back(slice.thread.get());
         taken += share;
     }
-    size_t written = taken + writeEvents(work, batch.data() + taken, size - taken, scratch);
+    size_t written = taken;
+    if (writers.empty()) {
+        const size_t step = std::max<size_t>(work.channel->batchSize(), 1);
+        while (written < size) {
+            const size_t n = std::min(step, size - written);
+            const size_t ok = writeEvents(work, batch.data() + written, n, scratch);
+            written += ok;
+            if (ok < n) break;
+            position.advance(batch[written - 1]);
+            position.checkpoint();
+        }
+    } else {
+        written += writeEvents(work, batch.data() + taken, size - taken, scratch);
+    }
     if (!handles.empty())
         ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), TRUE, INFINITE);
     size_t sliceStart = 0;

@@ -26,9 +26,12 @@ public:
     static unsigned writerThreadCount(size_t size, int32_t threadCount, size_t& share);
 
 private:
+    class Position;
     // Writes one batch; how many of its events went out, in batch order, before
-    // the first that failed.
-    size_t writeBatch(ChannelWork& work, EventBatch& batch, OutputScratch& scratch);
+    // the first that failed. Written by this thread alone, the position moves
+    // and is checkpointed after each reader batch, so that a crash repeats at
+    // most one of them.
+    size_t writeBatch(ChannelWork& work, EventBatch& batch, OutputScratch& scratch, Position& position);
     bool giveUpOn(ChannelWork& work, const EventRecord& event);
 
     WinEventMon& monitor_;
