@@ -23,6 +23,8 @@ UNITS = [
     "filter/EventTextLookup.cpp",
     "checkpoint/WELCheckPointBaseText.cpp",  # checkpoint strings
     "directory/SidScanner.cpp",
+    "channel/EventLogRecordParser.cpp",      # classic event log records
+    "channel/LegacyEventXml.cpp",
 ]
 
 
