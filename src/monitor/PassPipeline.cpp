@@ -104,25 +104,28 @@ class PassPosition {
 public:
     explicit PassPosition(WinEventLogChannel& channel) : channel_(channel) {}
     void advance(EventRecord& event) {
-        last_ = std::move(event.handle);
+        last_ = std::move(event.handle);  // none for a legacy channel: the record number is its position
         record_ = event.recordNumber;
+        any_ = true;
         channel_.markWritten(last_.get(), record_);
     }
     void checkpoint() const {
-        if (channel_.settings().suppressCheckpoint || !last_) return;
+        if (channel_.settings().suppressCheckpoint || !any_) return;
         if (!channel_.checkPoint(last_.get(), record_, false))
             LOG_ERROR("%s: Failed to checkpoint for channel='%s'", kProcess, channel_.channelName().c_str());
     }
     void finish() {
-        if (!last_) return;
+        if (!any_) return;
         checkpoint();
         last_.reset();
+        any_ = false;
     }
 
 private:
     WinEventLogChannel& channel_;
     UniqueEvtHandle last_;
     uint64_t record_ = 0;
+    bool any_ = false;  // an event was written in this pass
 };
 
 }  // namespace
