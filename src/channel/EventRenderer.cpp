@@ -25,26 +25,6 @@ constexpr uint64_t kFileTimeUnixEpoch = 116444736000000000ull;  // 100 ns ticks,
 
 bool isString(const EVT_VARIANT& v) { return v.Type == EvtVarTypeString && v.StringVal; }
 
-// A number's decimal digits, without allocating.
-class Decimal {
-public:
-    explicit Decimal(uint64_t n) {
-        wchar_t* p = digits_ + sizeof(digits_) / sizeof(digits_[0]);
-        do {
-            *--p = static_cast<wchar_t>(L'0' + n % 10);
-            n /= 10;
-        } while (n);
-        first_ = p;
-    }
-    operator std::wstring_view() const {
-        return std::wstring_view(first_, static_cast<size_t>(digits_ + sizeof(digits_) / sizeof(digits_[0]) - first_));
-    }
-
-private:
-    wchar_t digits_[20];
-    const wchar_t* first_;
-};
-
 }  // namespace
 
 EventRenderer::EventRenderer(const std::string& channelName, const ChannelSettings& settings,
@@ -144,7 +124,6 @@ DWORD EventRenderer::setEventProperties(const EVT_VARIANT* values, EventRecord& 
     // formatted for nothing, and formatting is most of the cost of an event.
     if (settings_.renderXml) return 0;
 
-    addSystemFields(values, record);
     EVT_HANDLE metadata = nullptr;
     if (isString(values[kProvider])) {
         record.publisher.assign(values[kProvider].StringVal);
@@ -152,116 +131,108 @@ DWORD EventRenderer::setEventProperties(const EVT_VARIANT* values, EventRecord& 
     } else {
         LOG_INFO("%s: Failed to get the publisher name from event, channel='%s'", kFn, channel);
     }
-    if (const DWORD error = addFormattedFields(values, metadata, record)) return error;
+    const bool complete = addClassicFields(
+        record, settings_, fieldText_, [&](ClassicField field, std::wstring_view& value, std::wstring& scratch) {
+            return field < ClassicField::SourceName ? systemValue(field, values, record, value, scratch)
+                                                    : formattedValue(field, values, metadata, record, value, scratch);
+        });
+    // A handle that went bad while formatting ends the event.
+    if (!complete) return ERROR_INVALID_HANDLE;
     if (!settings_.suppressText) formatter_.formatEventMessage(metadata, record);
     return 0;
 }
 
 // Timestamp, LogName, EventCode, EventType, ComputerName and the user's SID.
-void EventRenderer::addSystemFields(const EVT_VARIANT* values, EventRecord& record) {
+FieldValue EventRenderer::systemValue(ClassicField field, const EVT_VARIANT* values, EventRecord& record,
+                                      std::wstring_view& value, std::wstring& scratch) {
     static const char* const kFn = "WinEventLogChannelBase::setEventProperties";
     const char* const channel = channelName_.c_str();
-    const FieldNameSet& excluded = settings_.excludedFields;
-    const auto field = [&](bool present, std::wstring_view key, std::wstring_view value, const char* what) {
-        if (present)
-            record.addField(key, value, excluded);
-        else
-            LOG_INFO("%s: Failed to get %s from event, channel='%s'", kFn, what, channel);
+    const auto present = [&](bool has, std::wstring_view text, const char* what) {
+        if (has) {
+            value = text;
+            return FieldValue::Present;
+        }
+        LOG_INFO("%s: Failed to get %s from event, channel='%s'", kFn, what, channel);
+        return FieldValue::Absent;
     };
     const auto text = [](const EVT_VARIANT& v) {
         return isString(v) ? std::wstring_view(v.StringVal) : std::wstring_view();
     };
-    const bool hasTime = values[kTimeCreated].Type == EvtVarTypeFileTime &&
-                         formatLocalTimestamp(values[kTimeCreated].FileTimeVal, fieldText_);
-    field(hasTime, L"$Timestamp", fieldText_, "timestamp");
-    field(isString(values[kChannel]), L"LogName", text(values[kChannel]), "the publisher name");
-    const bool hasCode = values[kEventId].Type == EvtVarTypeUInt16;
-    if (hasCode) record.eventCode = values[kEventId].UInt16Val;
-    field(hasCode, L"EventCode", Decimal(record.eventCode), "event id");
-    const bool hasLevel = values[kLevel].Type == EvtVarTypeByte;
-    field(hasLevel, L"EventType", Decimal(hasLevel ? values[kLevel].ByteVal : 0), "level id");
-    field(isString(values[kComputer]), L"ComputerName", text(values[kComputer]), "the computer name");
-    if (values[kUserId].Type == EvtVarTypeSid && values[kUserId].SidVal)
-        addUserFields(values[kUserId], record);
-    else  // '%m' of the message: the C library's text for errno.
-        LOG_WARN("%s: Failed to get sid from event, channel='%s', '%s'.", kFn, channel, std::strerror(errno));
-}
-
-void EventRenderer::addUserFields(const EVT_VARIANT& user, EventRecord& record) {
-    const FieldNameSet& excluded = settings_.excludedFields;
-    SidProps& sid = sidProps_;
-    sid.valid = false;
-    sid.sidType = 0;
-    sid.domainName.clear();
-    if (!sid.processSid(user.SidVal, settings_.resolveAdObj)) {
-        LOG_DEBUG("%s: Unable to process sid for Windows Event Log='%s'; evtlog_id='%d';",
-                  "WinEventLogChannelBase::setEventProperties", channelName_.c_str(),
-                  static_cast<int>(record.eventCode));
-        return;
+    switch (field) {
+    case ClassicField::Timestamp: {
+        const bool hasTime = values[kTimeCreated].Type == EvtVarTypeFileTime &&
+                             formatLocalTimestamp(values[kTimeCreated].FileTimeVal, scratch);
+        return present(hasTime, scratch, "timestamp");
     }
-    std::wstring& text = fieldText_;
-    text = sid.domainName;
-    if (!text.empty()) text += L'\\';
-    text += sid.accountName;
-    record.addField(L"User", text, excluded);
-    record.addField(L"Sid", sid.sidString, excluded);
-    record.addField(L"SidType", Decimal(sid.sidType), excluded);
+    case ClassicField::LogName: return present(isString(values[kChannel]), text(values[kChannel]), "the publisher name");
+    case ClassicField::EventCode: {
+        const bool hasCode = values[kEventId].Type == EvtVarTypeUInt16;
+        if (hasCode) record.eventCode = values[kEventId].UInt16Val;
+        return present(hasCode, decimalText(record.eventCode, scratch), "event id");
+    }
+    case ClassicField::EventType: {
+        const bool hasLevel = values[kLevel].Type == EvtVarTypeByte;
+        return present(hasLevel, decimalText(hasLevel ? values[kLevel].ByteVal : 0, scratch), "level id");
+    }
+    case ClassicField::ComputerName:
+        return present(isString(values[kComputer]), text(values[kComputer]), "the computer name");
+    case ClassicField::User:
+        if (values[kUserId].Type != EvtVarTypeSid || !values[kUserId].SidVal) {
+            user_.clear();  // '%m' of the message: the C library's text for errno.
+            LOG_WARN("%s: Failed to get sid from event, channel='%s', '%s'.", kFn, channel, std::strerror(errno));
+        } else if (!user_.process(values[kUserId].SidVal, settings_.resolveAdObj)) {
+            LOG_DEBUG("%s: Unable to process sid for Windows Event Log='%s'; evtlog_id='%d';", kFn, channel,
+                      static_cast<int>(record.eventCode));
+        }
+        return user_.value(field, value, scratch);
+    default: return user_.value(field, value, scratch);
+    }
 }
 
-// SourceName, Type, RecordNumber, Keywords, TaskCategory and OpCode. A handle
-// that went bad while formatting ends the event (ERROR_INVALID_HANDLE).
-DWORD EventRenderer::addFormattedFields(const EVT_VARIANT* values, EVT_HANDLE metadata, EventRecord& record) {
+// SourceName, Type, RecordNumber, Keywords, TaskCategory and OpCode, each built
+// in `text`. A handle that went bad while formatting aborts the event.
+FieldValue EventRenderer::formattedValue(ClassicField field, const EVT_VARIANT* values, EVT_HANDLE metadata,
+                                         EventRecord& record, std::wstring_view& value, std::wstring& text) {
     static const char* const kFn = "WinEventLogChannelBase::setEventProperties";
     const char* const channel = channelName_.c_str();
-    const FieldNameSet& excluded = settings_.excludedFields;
     const auto recId = [&record] { return static_cast<unsigned long long>(record.recordNumber); };
     const auto handleWentBad = [this] { return formatter_.lastFormatError() == ERROR_INVALID_HANDLE; };
-    const EVT_HANDLE event = record.handle.get();
-    std::wstring& text = fieldText_;
     const auto formatted = [&](DWORD flag) {
-        return formatter_.formatMessageByFlag(metadata, event, flag, kNoMessageId, text);
+        return formatter_.formatMessageByFlag(metadata, record.handle.get(), flag, kNoMessageId, text);
     };
-
-    if (!settings_.suppressSourceName) {
+    switch (field) {
+    case ClassicField::SourceName:
         if (!formatted(EvtFormatMessageProvider)) {
-            LOG_INFO("%s: Failed to format source name of event log, channel='%s', rec_id=%llu", kFn, channel,
-                     recId());
+            LOG_INFO("%s: Failed to format source name of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
             text = record.publisher;
         }
-        record.addField(L"SourceName", text, excluded);
-    }
-    if (!settings_.suppressType) {
-        if (formatted(EvtFormatMessageLevel)) {
-            record.addField(L"Type", text, excluded);
-        } else {
-            LOG_INFO("%s: Failed to format level of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
-            if (handleWentBad()) return ERROR_INVALID_HANDLE;
-        }
-    }
-    record.addField(L"RecordNumber", Decimal(record.recordNumber), excluded);
-    if (!settings_.suppressKeywords) {
-        if (!formatted(EvtFormatMessageKeyword)) {
-            LOG_INFO("%s: Failed to format keyword of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
-            if (handleWentBad()) return ERROR_INVALID_HANDLE;
-            text = L"None";
-        }
-        record.addField(L"Keywords", text, excluded);
-    }
-    if (!settings_.suppressTask) {
+        break;
+    case ClassicField::Type:
+        if (formatted(EvtFormatMessageLevel)) break;
+        LOG_INFO("%s: Failed to format level of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
+        return handleWentBad() ? FieldValue::Abort : FieldValue::Absent;
+    case ClassicField::RecordNumber: decimalText(record.recordNumber, text); break;
+    case ClassicField::Keywords:
+        if (formatted(EvtFormatMessageKeyword)) break;
+        LOG_INFO("%s: Failed to format keyword of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
+        if (handleWentBad()) return FieldValue::Abort;
+        text = L"None";
+        break;
+    case ClassicField::TaskCategory: {
         const bool numeric = values[kTask].Type == EvtVarTypeUInt16;
         if (numeric && values[kTask].UInt16Val == 0) {
             text = L"None";
         } else if (!formatted(EvtFormatMessageTask)) {
             LOG_INFO("%s: Failed to format task of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
-            if (handleWentBad()) return ERROR_INVALID_HANDLE;
+            if (handleWentBad()) return FieldValue::Abort;
             if (numeric)
-                text.assign(Decimal(values[kTask].UInt16Val));
+                decimalText(values[kTask].UInt16Val, text);
             else
-                text.assign(L"None");
+                text = L"None";
         }
-        record.addField(L"TaskCategory", text, excluded);
+        break;
     }
-    if (!settings_.suppressOpcode) {
+    case ClassicField::OpCode: {
         bool ok = formatted(EvtFormatMessageOpcode);
         if (!ok && values[kOpcode].Type == EvtVarTypeByte)
             ok = formatter_.formatMessageByFlag(metadata, nullptr, EvtFormatMessageId, values[kOpcode].ByteVal, text);
@@ -269,9 +240,12 @@ DWORD EventRenderer::addFormattedFields(const EVT_VARIANT* values, EVT_HANDLE me
             LOG_INFO("%s: Failed to format opCode of event log, channel='%s', rec_id=%llu", kFn, channel, recId());
             text = L"None";
         }
-        record.addField(L"OpCode", text, excluded);
+        break;
     }
-    return 0;
+    default: return FieldValue::Absent;
+    }
+    value = text;
+    return FieldValue::Present;
 }
 
 }  // namespace skorva

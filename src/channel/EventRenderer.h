@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "channel/ClassicFields.h"
 #include "channel/EventRecord.h"
 #include "channel/MessageFormatter.h"
 #include "config/ChannelSettings.h"
-#include "directory/SidProps.h"
 
 namespace skorva {
 
@@ -47,16 +47,17 @@ public:
     DWORD setEventProperties(const EVT_VARIANT* values, EventRecord& record);
 
 private:
-    void addSystemFields(const EVT_VARIANT* values, EventRecord& record);
-    void addUserFields(const EVT_VARIANT& user, EventRecord& record);
-    DWORD addFormattedFields(const EVT_VARIANT* values, EVT_HANDLE metadata, EventRecord& record);
+    FieldValue systemValue(ClassicField field, const EVT_VARIANT* values, EventRecord& record,
+                           std::wstring_view& value, std::wstring& scratch);
+    FieldValue formattedValue(ClassicField field, const EVT_VARIANT* values, EVT_HANDLE metadata,
+                              EventRecord& record, std::wstring_view& value, std::wstring& text);
 
     const std::string& channelName_;
     const ChannelSettings& settings_;
     MessageFormatter& formatter_;
     UniqueEvtHandle renderContext_;
     std::vector<uint8_t> xmlBuffer_;  // kept between events
-    SidProps sidProps_;               // reused for each event's user SID
+    UserFields user_;                 // reused for each event's user SID
     std::wstring fieldText_;          // one field's text before it joins the record
 };
 

@@ -22,8 +22,6 @@ constexpr DWORD kMaxFormatChars = 1u << 25;  // 64 MiB of text
 constexpr DWORD kFirstFormatChars = 2048;
 constexpr unsigned kMaxServiceRetries = 30;  // x 2 s: the "one minute" of the warning
 constexpr uint32_t kServiceRetrySleepMs = 2000;
-constexpr uint64_t kSweepIntervalMs = 2000;
-constexpr uint64_t kMetadataIdleMs = 10000;
 
 const char* formatFlagName(DWORD flag) {
     static const char* const names[] = {"",
@@ -112,7 +110,7 @@ void MessageFormatter::cleanMetadataHandleCache(bool force) {
     if (!force && now < lastMetadataSweep_ + kSweepIntervalMs) return;
     lastMetadataSweep_ = now;
     for (auto it = publisherCache_.begin(); it != publisherCache_.end();) {
-        if (!force && it->second.lastUse + kMetadataIdleMs >= now) {
+        if (!force && it->second.lastUse + kIdleMs >= now) {
             ++it;
             continue;
         }

@@ -20,6 +20,10 @@ inline constexpr DWORD kNoMessageId = static_cast<DWORD>(-1);
 
 class MessageFormatter {
 public:
+    // A cached handle unused this long is closed, at sweeps at most this often.
+    static constexpr uint64_t kIdleMs = 10000;
+    static constexpr uint64_t kSweepIntervalMs = 2000;
+
     explicit MessageFormatter(const std::string& channelName);
     MessageFormatter(const MessageFormatter&) = delete;
     MessageFormatter& operator=(const MessageFormatter&) = delete;

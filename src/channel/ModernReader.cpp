@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "channel/ClassicFields.h"
 #include "platform/Clock.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"
@@ -289,7 +290,7 @@ bool ModernReader::readEvent(EventBatch& records, uint32_t index, uint32_t count
     // Directory-object translation of the message (evt_resolve_ad_obj) belongs
     // here; it comes with a later stage.
     if (settings_.resolveAdObj) translateSids(record);
-    if (!settings_.renderXml) record.addField(L"Message", record.message, settings_.excludedFields);
+    if (!settings_.renderXml) addMessageField(record, settings_);
     return true;
 }
 

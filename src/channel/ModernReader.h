@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "channel/ChannelReader.h"
 #include "channel/EventRecord.h"
 #include "channel/EventRenderer.h"
 #include "checkpoint/CheckpointPolicy.h"
@@ -18,7 +19,7 @@
 
 namespace skorva {
 
-class ModernReader {
+class ModernReader : public ChannelReader {
 public:
     ModernReader(const std::string& channelName, const std::wstring& channelNameW, const ChannelSettings& settings,
                  EventRenderer& renderer, SidTextTranslator& sids, CheckpointPolicy& checkpoints);
@@ -27,35 +28,36 @@ public:
 
     // Before opening: the notify event, the batch size, and (once) the position
     // the checkpoint files hold. False when the notify event cannot be made.
-    bool prepare(const char* fn);
+    bool prepare(const char* fn) override;
     // Opens the query (newest first) or the subscription.
-    bool open(const char* fn);
+    bool open(const char* fn) override;
     // Marks the channel open and sound.
-    void opened();
-    void uninit();
+    void opened() override;
+    void uninit() override;
     void getEventsNew(EventBatch& records);
+    void getEvents(EventBatch& records) override { getEventsNew(records); }
     bool queryEvtChannel(const std::wstring& name, bool forward, bool fromFile);
     bool subscribeToEvtChannel(const std::wstring& name);
     bool handleGetEventsError(bool anyRead, uint32_t index, uint32_t count);
     void resetChannel(EventBatch& records, uint32_t index, uint32_t count);
-    void endReversePhase();
-    void markWritten(EVT_HANDLE event, uint64_t recordNumber);
+    void endReversePhase() override;
+    void markWritten(EVT_HANDLE event, uint64_t recordNumber) override;
     void setReversePhase(bool on) {
         reversePhase_ = on;
         checkpoints_.setReversePhase(on);
     }
 
-    bool initialized() const { return initialized_; }
-    bool channelState() const { return channelState_; }
-    void setUpdated() { channelState_ = false; }
-    bool channelMissing() const { return channelMissing_; }
-    bool subscriptionReady() const { return initialized_ && subscribed_; }
-    bool eventsPending() const { return eventsPending_; }
-    HANDLE notifyEvent() const { return notifyEvent_.get(); }
-    bool readingReverse() const { return initialized_ && !subscribed_ && reversePhase_; }
-    bool reversePhaseOpen() const { return startFromNewest_ && !checkpoints_.phaseDone(); }
-    bool reverseComplete() const { return reverseComplete_; }
-    uint32_t batchSize() const { return batchSize_; }
+    bool initialized() const override { return initialized_; }
+    bool channelState() const override { return channelState_; }
+    void setUpdated() override { channelState_ = false; }
+    bool channelMissing() const override { return channelMissing_; }
+    bool subscriptionReady() const override { return initialized_ && subscribed_; }
+    bool eventsPending() const override { return eventsPending_; }
+    HANDLE notifyEvent() const override { return notifyEvent_.get(); }
+    bool readingReverse() const override { return initialized_ && !subscribed_ && reversePhase_; }
+    bool reversePhaseOpen() const override { return startFromNewest_ && !checkpoints_.phaseDone(); }
+    bool reverseComplete() const override { return reverseComplete_; }
+    uint32_t batchSize() const override { return batchSize_; }
 
 private:
     enum class BatchEnd { Full, Short, Stop };

@@ -13,7 +13,7 @@ WinEventLogChannel::WinEventLogChannel(std::string channelName, ChannelSettings 
 WinEventLogChannel::~WinEventLogChannel() {
     LOG_DEBUG("%s destroying instance of WinEventLogChannel", "WinEventLogChannel::~WinEventLogChannel");
     checkpoints_.finalCheckpoint();
-    if (reader_.initialized()) reader_.uninit();
+    if (active_->initialized()) active_->uninit();
     cleanMetadataHandleCache(true);
 }
 
@@ -31,16 +31,13 @@ bool WinEventLogChannel::init() {
                   channelName_.c_str());
         return fail();
     }
-    if (!reader_.prepare(fn)) return fail();
-    // The legacy reader takes this place once it exists.
-    if (settings_.useOldApi || !WinEventLogAPIInitializer::isEvtApiAvailable()) {
-        LOG_INFO("%s: Initializing Windows Event Log Api for XP", fn);
-        LOG_ERROR("%s: The legacy event log reader is not available in this build; channel '%s' is not read", fn,
-                  channelName_.c_str());
-        return fail();
-    }
-    if (!reader_.open(fn)) return fail();
-    reader_.opened();
+    const bool useLegacy = settings_.useOldApi || !WinEventLogAPIInitializer::isEvtApiAvailable();
+    active_ = useLegacy ? static_cast<ChannelReader*>(&legacy_) : &reader_;
+    checkpoints_.setLegacy(useLegacy);
+    if (!active_->prepare(fn)) return fail();
+    if (useLegacy) LOG_INFO("%s: Initializing Windows Event Log Api for XP", fn);
+    if (!active_->open(fn)) return fail();
+    active_->opened();
     LOG_INFO("%s: Successfully Initialized channel %s", fn, channelName_.c_str());
     return true;
 }

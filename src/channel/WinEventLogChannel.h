@@ -1,15 +1,17 @@
 #pragma once
-// The reader of one event log channel through the modern event log API. The
-// work is done by units of its own behind these names: the modern reader
-// (ModernReader), the checkpoint policy (checkpoint/CheckpointPolicy), the
-// directory-object cache and the blacklist memo (directory/).
+// The reader of one event log channel. The work is done by units of its own
+// behind these names: the modern reader (ModernReader) or, for classic logs read
+// through the classic API, the legacy reader (LegacyReader), both behind the
+// ChannelReader interface; the checkpoint policy (checkpoint/CheckpointPolicy),
+// the directory-object cache and the blacklist memo (directory/).
 //
 // Room for what comes with later stages: init() has the place of the event
-// collector subscription check and of a legacy reader beside the modern one.
+// collector subscription check.
 
 #include <cstdint>
 #include <string>
 
+#include "channel/LegacyReader.h"
 #include "channel/ModernReader.h"
 #include "channel/WinEventLogChannelBase.h"
 #include "checkpoint/CheckpointPolicy.h"
@@ -26,42 +28,46 @@ public:
     ~WinEventLogChannel() override;
 
     // ---- Reading
-    // Opens the channel: a newest-first query while the start is "newest" and
-    // that phase is not over, otherwise a subscription after the last event sent.
+    // Opens the channel: with the modern API a newest-first query while the
+    // start is "newest" and that phase is not over, otherwise a subscription
+    // after the last event sent; with the classic API (use_old_eventlog_api, or
+    // no modern API on the system) the log, read backwards or forwards alike.
     bool init();
-    // Closes the result handle, render context and notify event.
-    void uninit() { reader_.uninit(); }
+    // Closes the handles and the notify event.
+    void uninit() { active_->uninit(); }
     // Appends the events read in this call (bounded, about 3000 at most).
-    void getEventsNew(EventBatch& records) { reader_.getEventsNew(records); }
-    bool initialized() const { return reader_.initialized(); }
+    void getEventsNew(EventBatch& records) { active_->getEvents(records); }
+    bool initialized() const { return active_->initialized(); }
     // False once the result handle went bad ("updated"): the worker re-opens.
-    bool channelState() const { return reader_.channelState(); }
+    bool channelState() const { return active_->channelState(); }
     // Marks the channel "updated": it is re-opened after the last event sent.
-    void setUpdated() { reader_.setUpdated(); }
+    void setUpdated() { active_->setUpdated(); }
     // The channel did not exist at the last open or read.
-    bool channelMissing() const { return reader_.channelMissing(); }
-    // A subscription (not a query) is open.
-    bool subscriptionReady() const { return reader_.subscriptionReady(); }
+    bool channelMissing() const { return active_->channelMissing(); }
+    // The channel is read forward: new records signal the notify event.
+    bool subscriptionReady() const { return active_->subscriptionReady(); }
     // The last read filled its batches: more events may be waiting now.
-    bool eventsPending() const { return reader_.eventsPending(); }
-    HANDLE notifyEvent() const { return reader_.notifyEvent(); }
-    // The newest-first query of the existing events is open. A query belongs to
-    // the thread that made it: it is read and closed there.
-    bool readingReverse() const { return reader_.readingReverse(); }
+    bool eventsPending() const { return active_->eventsPending(); }
+    HANDLE notifyEvent() const { return active_->notifyEvent(); }
+    // The newest-first reading of the existing events is open. A query belongs
+    // to the thread that made it: it is read and closed there.
+    bool readingReverse() const { return active_->readingReverse(); }
     // The newest-first reading of the existing events has not ended yet (it ends
-    // only once its query reported no more items).
-    bool reversePhaseOpen() const { return reader_.reversePhaseOpen(); }
-    // The newest-first query reported no more items.
-    bool reverseComplete() const { return reader_.reverseComplete(); }
+    // only once it reached the oldest record).
+    bool reversePhaseOpen() const { return active_->reversePhaseOpen(); }
+    // The newest-first reading reached the oldest record.
+    bool reverseComplete() const { return active_->reverseComplete(); }
     // Ends the newest-first phase: its newest record becomes the position, the
-    // query is closed; the next init subscribes after it.
-    void endReversePhase() { reader_.endReversePhase(); }
+    // channel is closed; the next init reads forward after it.
+    void endReversePhase() { active_->endReversePhase(); }
     // The batch size in use (batch_size, 1 when outside 1..1000, halved while
     // the service refuses batches that large).
-    uint32_t batchSize() const { return reader_.batchSize(); }
-    // The events up to `event` are out: reading resumes after it whenever the
-    // channel is opened again in this run.
-    void markWritten(EVT_HANDLE event, uint64_t recordNumber) { reader_.markWritten(event, recordNumber); }
+    uint32_t batchSize() const { return active_->batchSize(); }
+    // The events up to `event` (the record `recordNumber`) are out: reading
+    // resumes after it whenever the channel is opened again in this run.
+    void markWritten(EVT_HANDLE event, uint64_t recordNumber) { active_->markWritten(event, recordNumber); }
+    // The channel is read through the classic API.
+    bool legacy() const { return active_ == &legacy_; }
 
     bool queryEvtChannel(const std::wstring& name, bool forward, bool fromFile) {
         return reader_.queryEvtChannel(name, forward, fromFile);
@@ -113,6 +119,8 @@ private:
 
     CheckpointPolicy checkpoints_{channelName_, channelNameW_, settings_};
     ModernReader reader_{channelName_, channelNameW_, settings_, renderer_, sids_, checkpoints_};
+    LegacyReader legacy_{channelName_, channelNameW_, settings_, messageFiles_, sids_, checkpoints_};
+    ChannelReader* active_ = &reader_;  // chosen by init()
     // Settings from the stanza the channel is made with.
     WinLookupAdObjCache adObjCache_{
         [this](const std::wstring& object, std::wstring& out, DWORD offered, DWORD wanted) {

@@ -2,7 +2,8 @@
 // The reader of one event log channel: the parts shared by every reader, each
 // a unit of its own behind these names: the event-code filter (the channel's
 // FilterSet), rendering (EventRenderer), message formatting with the publisher
-// cache (MessageFormatter) and SID translation (SidTextTranslator).
+// cache (MessageFormatter), the classic path's message files
+// (LegacyMessageFiles) and SID translation (SidTextTranslator).
 
 #include <cstdint>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "channel/EventRecord.h"
 #include "channel/EventRenderer.h"
+#include "channel/LegacyMessageFiles.h"
 #include "channel/MessageFormatter.h"
 #include "config/ChannelSettings.h"
 #include "directory/SidTextTranslator.h"
@@ -52,7 +54,11 @@ public:
     bool formatMessageByFlag(EVT_HANDLE metadata, EVT_HANDLE event, DWORD flag, DWORD messageId, std::wstring& out) {
         return formatter_.formatMessageByFlag(metadata, event, flag, messageId, out);
     }
-    void cleanMetadataHandleCache(bool force) { formatter_.cleanMetadataHandleCache(force); }
+    // Also lets go of the classic message files unused for a while.
+    void cleanMetadataHandleCache(bool force) {
+        formatter_.cleanMetadataHandleCache(force);
+        messageFiles_.sweep(force);
+    }
     // The error of the last formatMessageByFlag call (0 when it succeeded).
     DWORD lastFormatError() const { return formatter_.lastFormatError(); }
 
@@ -71,6 +77,7 @@ protected:
     MessageFormatter formatter_{channelName_};
     EventRenderer renderer_{channelName_, settings_, formatter_};
     SidTextTranslator sids_;
+    LegacyMessageFiles messageFiles_{channelName_};  // the classic path's messages
 };
 
 }  // namespace skorva

@@ -31,9 +31,7 @@ std::wstring CheckpointPolicy::checkpointPathFor(const std::wstring& suffix) con
     return skorva::checkpointFilePath(settings_.checkpointDir, channelNameW_, suffix);
 }
 
-bool CheckpointPolicy::usesLegacyCheckpoints() const {
-    return settings_.useOldApi || evtApi().EvtCreateBookmark == nullptr;
-}
+bool CheckpointPolicy::usesLegacyCheckpoints() const { return legacy_; }
 
 void CheckpointPolicy::finalCheckpoint() {
     if (hasPendingCheckpoint() && !checkPoint(nullptr, pendingRecordNumber_, true))
@@ -176,10 +174,30 @@ Bookmark CheckpointPolicy::getBookMark(const std::wstring& suffix, uint64_t* rec
         LOG_WARN("%s: Failed to get checkpoint string from persistent storage file='%s'", fn, narrow(path).c_str());
         return bookmark;
     }
-    if (!bookmark.createFrom(text))
-        LOG_INFO("%s Failed to create bookmark handle from checkpoint file: %s", fn, text.c_str());
-    if (bookmark && recordId) *recordId = Bookmark::recordIdOf(text);
+    // A checkpoint string left by the classic reader names the same record.
+    std::string converted;
+    const std::string* used = &text;
+    if (!bookmark.createFrom(text)) {
+        if (legacyBookmarkText(text, suffix == L"reverse", converted) && bookmark.createFrom(converted))
+            used = &converted;
+        else
+            LOG_INFO("%s Failed to create bookmark handle from checkpoint file: %s", fn, text.c_str());
+    }
+    if (bookmark && recordId) *recordId = Bookmark::recordIdOf(*used);
     return bookmark;
+}
+
+// The bookmark XML the service would have rendered for the record a legacy
+// checkpoint string names (in the "reverse" file, where the phase began).
+bool CheckpointPolicy::legacyBookmarkText(const std::string& text, bool reverse, std::string& out) const {
+    CheckpointMap map;
+    uint64_t id = 0;
+    if (text.find('<') != std::string::npos || !WELCheckPoint::parseCheckpointStr(text, map) ||
+        !parseUInt64(map[reverse ? "newest_record_id" : "record_id"], id) || id == 0)
+        return false;
+    out = "<BookmarkList>\r\n  <Bookmark Channel='" + channelName_ + "' RecordId='" + std::to_string(id) +
+          "' IsCurrent='true'/>\r\n</BookmarkList>";
+    return true;
 }
 
 bool CheckpointPolicy::deleteCheckpointFile() {
@@ -196,13 +214,16 @@ void CheckpointPolicy::loadFiles(bool newestFirst) {
     if (checkpointFilePath_.empty()) return;
     for (const wchar_t* suffix : {L"", L"reverse"}) {
         const std::wstring path = checkpointPathFor(suffix);
-        if (!pathExists(path) || WELCheckPointBase::validateCheckpointStr(path)) continue;
+        CheckpointMap map;
+        if (!pathExists(path) ||
+            (legacy_ ? readLegacyCheckpoint(suffix, map) : WELCheckPointBase::validateCheckpointStr(path)))
+            continue;
         LOG_ERROR("%s: Failed to checkpoint for channel='%s'", kInit, channelName_.c_str());
         quarantineUnreadable(path);
     }
     if (!newestFirst) return;
     phase_ = phaseEndedEarlier() ? Phase::Done : Phase::Open;
-    if (phase_ != Phase::Open) return;
+    if (phase_ != Phase::Open || legacy_) return;
     anchor_ = getBookMark(L"reverse", &anchorId_);
     anchorSaved_ = anchor_.valid();
 }
@@ -252,6 +273,42 @@ Bookmark CheckpointPolicy::endPhase(uint64_t& anchorId) {
     }
     anchorId = anchorId_;
     return std::move(anchor_);
+}
+
+bool CheckpointPolicy::readLegacyCheckpoint(const std::wstring& suffix, CheckpointMap& out) const {
+    const std::wstring path = checkpointPathFor(suffix);
+    std::string text;
+    out.clear();
+    if (path.empty() || !pathExists(path) || !WELCheckPoint::getCheckpointStr(path, text)) return false;
+    if (WELCheckPoint::parseCheckpointStr(text, out) && out.count("record_id")) return true;
+    out.clear();
+    const uint64_t recordId = Bookmark::recordIdOf(text);
+    if (recordId == 0) return false;
+    out["record_id"] = std::to_string(recordId);
+    return true;
+}
+
+void CheckpointPolicy::endLegacyPhase(uint64_t anchorId) {
+    static const char* const fn = "WinEventLogChannel::endReversePhase";
+    phase_ = Phase::Done;
+    readingReverse_ = false;
+    // The oldest record read backwards must not reach the main file after this.
+    pendingLegacy_ = false;
+    checkpointMap_.erase("newest_record_id");
+    checkpointMap_["record_id"] = std::to_string(anchorId);
+    if (checkpointFilePath_.empty() || settings_.suppressCheckpoint) return;
+    std::string str;
+    ensureCheckpointDirectory(fn);
+    if (!WELCheckPoint::buildCheckpointStr(checkpointMap_, str) ||
+        !WELCheckPoint::saveCheckpointStr(checkpointFilePath_, str, settings_.checkpointSync)) {
+        // The "reverse" file stays, so a restart finishes the phase rather than skip it.
+        LOG_ERROR("%s: Failed to checkpoint for channel='%s'", fn, channelName_.c_str());
+        return;
+    }
+    const std::wstring reversePath = checkpointPathFor(L"reverse");
+    if (pathExists(reversePath) && !::DeleteFileW(longPath(reversePath).c_str()))
+        LOG_WARN("%s: Failed to remove checkpoint_file='%s' for channel='%s', error=%lu", fn,
+                 narrow(reversePath).c_str(), channelName_.c_str(), ::GetLastError());
 }
 
 }  // namespace skorva

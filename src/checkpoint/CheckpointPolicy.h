@@ -38,6 +38,13 @@ public:
     bool hasPendingCheckpoint() const { return pendingBookmark_.valid() || pendingLegacy_; }
     // The legacy reader's position, written as a checkpoint string.
     CheckpointMap& checkpointMap() { return checkpointMap_; }
+    // The channel is read through the classic API: its checkpoints are
+    // checkpoint strings, not bookmarks.
+    void setLegacy(bool on) { legacy_ = on; }
+    // A legacy checkpoint file's pairs (suffix "" or "reverse"). A bookmark
+    // left by the modern reader gives its record as "record_id": the record
+    // numbers are the same. False when there is no usable file.
+    bool readLegacyCheckpoint(const std::wstring& suffix, CheckpointMap& out) const;
     // Set while the newest-first query is read (a legacy checkpoint then goes
     // to the "reverse" file).
     void setReversePhase(bool on) { readingReverse_ = on; }
@@ -57,6 +64,8 @@ public:
     // Ends the phase: the anchor becomes the main checkpoint and the "reverse"
     // file goes. Returns the anchor (empty when none was seen) and its record.
     Bookmark endPhase(uint64_t& anchorId);
+    // The same for a legacy channel: `anchorId` becomes the main checkpoint.
+    void endLegacyPhase(uint64_t anchorId);
 
 private:
     bool usesLegacyCheckpoints() const;
@@ -68,6 +77,7 @@ private:
     Bookmark bookmarkFor(EVT_HANDLE event);
     bool writeBookmark(const Bookmark& bookmark, const std::wstring& suffix);
     bool phaseEndedEarlier() const;
+    bool legacyBookmarkText(const std::string& text, bool reverse, std::string& out) const;
     void quarantineUnreadable(const std::wstring& path);
     void ensureCheckpointDirectory(const char* fn) const;
 
@@ -84,6 +94,7 @@ private:
     CheckpointMap checkpointMap_;
     std::string bookmarkText_;  // reused for every bookmark written
     bool readingReverse_ = false;
+    bool legacy_ = false;
 
     enum class Phase { Unknown, Open, Done };
     Phase phase_ = Phase::Unknown;

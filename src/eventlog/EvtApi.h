@@ -1,9 +1,10 @@
 #pragma once
-// The process-wide table of event log, event collector and directory entry
-// points. Filled once by WinEventLogAPIInitializer (resolved by name from the
-// system directory); every other piece of the program calls these functions only
-// through this table, after asking the initializer whether its group is
-// available. Unit tests fill it with fakes or with the simulated event log.
+// The process-wide table of event log, event collector, directory and classic
+// event log entry points. Filled once by WinEventLogAPIInitializer (resolved by
+// name from the system directory); every other piece of the program calls these
+// functions only through this table, after asking the initializer whether its
+// group is available. Unit tests fill it with fakes or with the simulated event
+// log.
 
 #include <windows.h>
 #include <winevt.h>
@@ -68,15 +69,27 @@ struct DsApi {
     decltype(&::DsFreeSchemaGuidMapW) DsFreeSchemaGuidMapW = nullptr;
 };
 
+// The classic event log functions (advapi32): the legacy reader's.
+struct LegacyApi {
+    decltype(&::OpenEventLogW) OpenEventLogW = nullptr;
+    decltype(&::ReadEventLogW) ReadEventLogW = nullptr;
+    decltype(&::GetNumberOfEventLogRecords) GetNumberOfEventLogRecords = nullptr;
+    decltype(&::GetOldestEventLogRecord) GetOldestEventLogRecord = nullptr;
+    decltype(&::CloseEventLog) CloseEventLog = nullptr;
+    decltype(&::NotifyChangeEventLog) NotifyChangeEventLog = nullptr;
+};
+
 struct ApiTable {
     EvtApi evt;
     EcApi ec;
     DsApi ds;
+    LegacyApi legacy;
 };
 
 // The one table of the process.
 ApiTable& apiTable();
 inline const EvtApi& evtApi() { return apiTable().evt; }
+inline const LegacyApi& legacyApi() { return apiTable().legacy; }
 
 // Closes through the table: an EVT_HANDLE (query, subscription, event, bookmark,
 // render context, publisher metadata, channel enumeration) belongs to the
@@ -94,5 +107,11 @@ inline DWORD closeEvtHandleNow(UniqueEvtHandle& handle) {
     if (!raw || !close || close(raw)) return 0;
     return ::GetLastError();
 }
+
+// A classic event log handle (OpenEventLogW) is closed through the table too.
+inline void closeEventLog(HANDLE h) noexcept {
+    if (auto fn = apiTable().legacy.CloseEventLog) fn(h);
+}
+using UniqueEventLog = UniqueAny<HANDLE, &closeEventLog>;
 
 }  // namespace skorva

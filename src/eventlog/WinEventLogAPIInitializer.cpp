@@ -38,6 +38,8 @@ struct LoaderState {
     std::atomic<bool> ecApiAvailable{false};
     bool adsApiAttempted = false;
     std::atomic<bool> adsApiAvailable{false};
+    bool legacyApiAttempted = false;
+    std::atomic<bool> legacyApiAvailable{false};
 };
 
 LoaderState& state() {
@@ -184,6 +186,16 @@ const char* resolveNtdsapiGroup(HMODULE module, DsApi& t) {
     return nullptr;
 }
 
+const char* resolveLegacyGroup(HMODULE module, LegacyApi& t) {
+    SKORVA_RESOLVE(t, OpenEventLogW);
+    SKORVA_RESOLVE(t, ReadEventLogW);
+    SKORVA_RESOLVE(t, GetNumberOfEventLogRecords);
+    SKORVA_RESOLVE(t, GetOldestEventLogRecord);
+    SKORVA_RESOLVE(t, CloseEventLog);
+    SKORVA_RESOLVE(t, NotifyChangeEventLog);
+    return nullptr;
+}
+
 #undef SKORVA_RESOLVE
 
 // One attempt at a group: its library loaded and every entry point resolved,
@@ -316,6 +328,21 @@ bool WinEventLogAPIInitializer::isAdsApiAvailable() {
     return state().adsApiAvailable;
 }
 
+bool WinEventLogAPIInitializer::isLegacyApiAvailable() {
+    static const char* const fn = "WinEventLogAPIInitializer::isLegacyApiAvailable";
+    LoaderState& s = state();
+    std::lock_guard<CriticalSection> guard(s.lock);
+    if (s.legacyApiAttempted) return s.legacyApiAvailable;
+    s.legacyApiAttempted = true;
+    const GroupLoad r = loadGroup(L"advapi32.dll", apiTable().legacy, &resolveLegacyGroup);
+    if (r.loaded != LoadResult::Ok)
+        LOG_ERROR("%s: Unable to get module handle for advapi32.dll: %d", fn, static_cast<int>(r.error));
+    else if (r.missing)
+        LOG_ERROR("%s: Failed to get proc address for '%s' dll function.", fn, r.missing);
+    s.legacyApiAvailable = r.ok();
+    return s.legacyApiAvailable;
+}
+
 bool WinEventLogAPIInitializer::forceLegacyApi() { return state().forceLegacyApi; }
 
 void WinEventLogAPIInitializer::setForceLegacyApi(bool force) { state().forceLegacyApi = force; }
@@ -337,6 +364,8 @@ void WinEventLogAPIInitializer::resetForTesting() {
     s.ecApiAvailable = false;
     s.adsApiAttempted = false;
     s.adsApiAvailable = false;
+    s.legacyApiAttempted = false;
+    s.legacyApiAvailable = false;
     apiTable() = ApiTable{};
 }
 
@@ -346,6 +375,13 @@ void WinEventLogAPIInitializer::useFilledEvtTableForTesting(bool available) {
     s.forceLegacyApi = false;
     s.evtApiAttempted = true;
     s.evtApiAvailable = available;
+}
+
+void WinEventLogAPIInitializer::useFilledLegacyTableForTesting() {
+    LoaderState& s = state();
+    std::lock_guard<CriticalSection> guard(s.lock);
+    s.legacyApiAttempted = true;
+    s.legacyApiAvailable = true;
 }
 
 }  // namespace skorva

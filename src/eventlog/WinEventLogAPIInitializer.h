@@ -6,7 +6,9 @@
 //
 // The event log and directory groups are tried once per process (the first
 // caller decides for everyone); the collector group is retried on every query
-// until it succeeds. One process-wide lock covers every attempt.
+// until it succeeds. The classic event log group comes from advapi32, which the
+// program imports and which is therefore always loaded. One process-wide lock
+// covers every attempt.
 
 #include <windows.h>
 
@@ -39,6 +41,8 @@ public:
     static bool isEvtApiAvailable();
     static bool isEcApiAvailable();
     static bool isAdsApiAvailable();
+    // The classic event log group (the legacy reader's), tried once.
+    static bool isLegacyApiAvailable();
 
     // Process-wide switch: when set the event log group counts as absent.
     static bool forceLegacyApi();
@@ -53,6 +57,8 @@ public:
     // Declares the event log group resolved by a caller that filled the table
     // itself (fakes or the in-process simulated event log).
     static void useFilledEvtTableForTesting(bool available);
+    // The same for the classic event log group.
+    static void useFilledLegacyTableForTesting();
 };
 
 }  // namespace skorva

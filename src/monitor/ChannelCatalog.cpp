@@ -38,6 +38,12 @@ bool ChannelCatalog::enumerateRegistry() {
         DWORD length = static_cast<DWORD>(sizeof name / sizeof name[0]);
         LONG rc = ::RegEnumKeyExW(key.get(), i, name, &length, nullptr, nullptr, nullptr, nullptr);
         if (rc != ERROR_SUCCESS) break;
+        // The service's own Parameters key (its ServiceDll) is no log: the
+        // classic API would open the Application log for that name.
+        UniqueHKey sub;
+        if (::RegOpenKeyExW(key.get(), name, 0, KEY_QUERY_VALUE, sub.put()) == ERROR_SUCCESS &&
+            ::RegQueryValueExW(sub.get(), L"ServiceDll", nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS)
+            continue;
         names.emplace_back(name, length);
     }
     key.reset();

@@ -106,26 +106,30 @@ class PassPipeline::Position {
 public:
     explicit Position(WinEventLogChannel& channel) : channel_(channel) {}
     void advance(EventRecord& event) {
-        if (!event.handle) return;  // taken already: the position is there
-        last_ = std::move(event.handle);
+        // Advanced to this event already (its handle taken): the position is there.
+        if (any_ && !event.handle && event.recordNumber == record_) return;
+        last_ = std::move(event.handle);  // none for a legacy channel: the record number is its position
         record_ = event.recordNumber;
+        any_ = true;
         channel_.markWritten(last_.get(), record_);
     }
     void checkpoint() const {
-        if (channel_.settings().suppressCheckpoint || !last_) return;
+        if (channel_.settings().suppressCheckpoint || !any_) return;
         if (!channel_.checkPoint(last_.get(), record_, false))
             LOG_ERROR("%s: Failed to checkpoint for channel='%s'", kProcess, channel_.channelName().c_str());
     }
     void finish() {
-        if (!last_) return;
+        if (!any_) return;
         checkpoint();
         last_.reset();
+        any_ = false;
     }
 
 private:
     WinEventLogChannel& channel_;
     UniqueEvtHandle last_;
     uint64_t record_ = 0;
+    bool any_ = false;  // an event was written in this pass
 };
 
 unsigned PassPipeline::writerThreadCount(size_t size, int32_t threadCount, size_t& share) {

@@ -192,6 +192,16 @@ bool parseUInt64(std::string_view s, uint64_t& out) {
     return true;
 }
 
+void appendDecimal(uint64_t n, std::wstring& out) {
+    wchar_t digits[20];
+    size_t count = 0;
+    do {
+        digits[count++] = static_cast<wchar_t>(L'0' + n % 10);
+        n /= 10;
+    } while (n);
+    while (count) out += digits[--count];
+}
+
 bool parseInt64(std::string_view s, int64_t& out) {
     s = trimView(s);
     bool neg = false;

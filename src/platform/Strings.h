@@ -39,6 +39,9 @@ bool endsWith(std::string_view s, std::string_view suffix);
 size_t replaceAll(std::string& s, std::string_view from, std::string_view to);
 size_t replaceAll(std::wstring& s, std::wstring_view from, std::wstring_view to);
 
+// `n` in decimal, appended.
+void appendDecimal(uint64_t n, std::wstring& out);
+
 // Base-10 parsing of the whole text (after trimming); false when it does not parse
 // or overflows the type.
 bool parseInt64(std::string_view s, int64_t& out);

@@ -6,7 +6,9 @@
 
 #include "Faults.h"
 #include "Generator.h"
+#include "Legacy.h"
 #include "eventlog/EvtApi.h"
+#include "eventlog/WinEventLogAPIInitializer.h"
 
 namespace skorva::test {
 
@@ -33,6 +35,17 @@ void installEvtsimApi() {
     api.EvtNextChannelPath = &evtsim::EvtNextChannelPath;
     api.EvtOpenChannelEnum = &evtsim::EvtOpenChannelEnum;
     api.EvtSeek = &evtsim::EvtSeek;
+}
+
+void installEvtsimLegacyApi() {
+    LegacyApi& api = apiTable().legacy;
+    api.OpenEventLogW = &evtsim::OpenEventLogW;
+    api.ReadEventLogW = &evtsim::ReadEventLogW;
+    api.GetNumberOfEventLogRecords = &evtsim::GetNumberOfEventLogRecords;
+    api.GetOldestEventLogRecord = &evtsim::GetOldestEventLogRecord;
+    api.CloseEventLog = &evtsim::CloseEventLog;
+    api.NotifyChangeEventLog = &::NotifyChangeEventLog;
+    WinEventLogAPIInitializer::useFilledLegacyTableForTesting();
 }
 
 EvtsimStore::EvtsimStore() : folder_(L"evtsim"), root_(folder_.path()) {

@@ -22,6 +22,9 @@ namespace skorva::test {
 
 // Fills apiTable().evt with evtsim's thirteen functions.
 void installEvtsimApi();
+// Fills apiTable().legacy with evtsim's legacy face (the change notification is
+// the system's own: evtsim has none).
+void installEvtsimLegacyApi();
 
 class EvtsimStore {
 public:

@@ -150,11 +150,13 @@ TEST_F(Reading, InitFailuresLeaveTheChannelClosed) {
         bool missing;
         bool renderContext;
     } cases[] = {
-        {"legacy", true, false, "", false, true},
+        {"legacy denied", true, false, "OpenEventLogW=5", false, true},
+        {"legacy oldest record unknown", true, false, "GetOldestEventLogRecord=5", false, true},
         {"missing", false, true, "", true, true},
         {"denied", false, false, "EvtSubscribe=5", false, true},
         {"render context", false, false, "", false, false},
     };
+    installEvtsimLegacyApi();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         if (c.deleteChannel) store_.deleteChannel(kChannel);

@@ -8,6 +8,7 @@
 #include "LogCapture.h"
 #include "eventlog/EvtApi.h"
 #include "eventlog/WinEventLogAPIInitializer.h"
+#include "channel/WinEventLogChannel.h"
 #include "monitor/ChannelCatalog.h"
 
 using namespace skorva;
@@ -72,6 +73,50 @@ TEST_F(ChannelEnumeration, RegistryListWithoutTheModernApi) {
     EXPECT_EQ(catalog.known().count("application"), 1u);
     EXPECT_EQ(catalog.known().count("system"), 1u);
     EXPECT_EQ(catalog.known().count("security"), 0u);
+    EXPECT_EQ(catalog.known().count("parameters"), 0u);  // the service's own key, which Wine's prefix has too
     EXPECT_TRUE(sizesOffered.empty());
     WinEventLogAPIInitializer::setForceLegacyApi(false);
+}
+
+// The system's loader, but without SystemRoot: the modern group cannot be
+// loaded, so the classic logs are listed from the registry and read through
+// the classic API (advapi32's, always there).
+struct NoSystemRoot : LibraryOps {
+    HMODULE getModuleHandle(const wchar_t* name) override {
+        return _wcsicmp(name, L"wevtapi.dll") ? sys().getModuleHandle(name) : nullptr;
+    }
+    HMODULE loadLibrary(const wchar_t* path) override { return sys().loadLibrary(path); }
+    FARPROC getProcAddress(HMODULE module, const char* name) override { return sys().getProcAddress(module, name); }
+    void freeLibrary(HMODULE module) override { sys().freeLibrary(module); }
+    DWORD getEnvironmentVariable(const wchar_t*, wchar_t*, DWORD) override { return 0; }
+    void printError(const char* text) override { printed = text; }
+    static LibraryOps& sys() { return systemLibraryOps(); }
+    std::string printed;
+};
+
+TEST_F(ChannelEnumeration, WithoutTheModernApiTheClassicLogsAreListedAndRead) {
+    NoSystemRoot ops;
+    WinEventLogAPIInitializer::resetForTesting();
+    WinEventLogAPIInitializer::setLibraryOps(&ops);
+    EXPECT_FALSE(WinEventLogAPIInitializer::isEvtApiAvailable());
+    EXPECT_EQ(ops.printed, "Missing or empty %SystemRoot% environment variable, please revert it to the default value "
+                           "for increased security.");
+    EXPECT_TRUE(WinEventLogAPIInitializer::isLegacyApiAvailable());
+    EXPECT_NE(apiTable().legacy.NotifyChangeEventLog, nullptr);
+    ASSERT_TRUE(catalog.enumerate());
+    EXPECT_EQ(catalog.known().count("application"), 1u);
+
+    test::installEvtsimLegacyApi();
+    store.append("Application", evtsim::EventSpec{});
+    {
+        WinEventLogChannel channel("Application", ChannelSettings{});
+        ASSERT_TRUE(channel.init()) << log.dump();
+        EXPECT_TRUE(channel.legacy());
+        EventBatch records;
+        channel.getEventsNew(records);
+        EXPECT_EQ(records.size(), 1u);
+    }
+    WinEventLogAPIInitializer::setLibraryOps(nullptr);
+    WinEventLogAPIInitializer::resetForTesting();
+    WinEventLogAPIInitializer::useFilledEvtTableForTesting(true);
 }

@@ -166,3 +166,28 @@ TEST(MonitorRun, ChannelThatNeverComesBackIsGivenUpAfterItsWaitTime) {
     EXPECT_TRUE(log.has(LogLevel::Error, "WinEventMon::start: Channel Application failed to become available in 2000 ms."))
         << log.dump();
 }
+
+// A classic log through the whole monitor: the existing records newest first,
+// then each new one once, noticed by the wait's timeout as no change
+// notification reaches the monitor here; the checkpoint string follows.
+TEST(MonitorRun, ClassicLogNewestFirstThenFollowed) {
+    LiveRun run;
+    installEvtsimLegacyApi();
+    run.store.createChannel("Application");
+    run.store.generate("Application", 30, 2);
+    run.start({{"use_old_eventlog_api", "true"}, {"start_from", "newest"}, {"thread_wait_time_msec", "100"}});
+    waitForEvents(run.out, 30);
+    run.store.generate("Application", 3, 3);
+    waitForEvents(run.out, 33);
+    const std::wstring checkpoint = run.mon->findChannel("Application")->checkpointFilePath();
+    run.stop();
+    run.mon.reset();
+    std::vector<uint64_t> expected;
+    for (uint64_t id = 30; id >= 1; --id) expected.push_back(id);
+    for (uint64_t id = 31; id <= 33; ++id) expected.push_back(id);
+    EXPECT_EQ(recordNumbers(run.out.text()), expected);
+    std::string text;
+    ASSERT_TRUE(readFile(checkpoint, text));
+    EXPECT_EQ(text, "channel=Application,record_id=33");
+    EXPECT_FALSE(pathExists(checkpoint + L"_reverse"));
+}
