@@ -126,7 +126,8 @@ TEST(MonitorRun, FailedWritesAreReadAgainNeverSkippedSilently) {
         EXPECT_TRUE(log.has(LogLevel::Error, "WinEventMon::processLogChannel: Failed to write event rec_id=" +
                                                  std::to_string(c.failures.begin()->first) +
                                                  " of channel='Application': 'no room'; it is read again after the "
-                                                 "last event written"));
+                                                 "last event written"))
+            << log.dump();
         EXPECT_EQ(log.has(LogLevel::Error, "WinEventMon::processLogChannel: Event rec_id=120 of "
                                            "channel='Application' failed to be written 3 times and is skipped"),
                   !c.lost.empty());
