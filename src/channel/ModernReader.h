@@ -49,6 +49,7 @@ public:
     bool channelState() const { return channelState_; }
     void setUpdated() { channelState_ = false; }
     bool channelMissing() const { return channelMissing_; }
+    void forgetMissing() { channelMissing_ = false; }
     bool subscriptionReady() const { return initialized_ && subscribed_; }
     bool eventsPending() const { return eventsPending_; }
     HANDLE notifyEvent() const { return notifyEvent_.get(); }

@@ -4,8 +4,8 @@
 // (ModernReader), the checkpoint policy (checkpoint/CheckpointPolicy), the
 // directory-object cache and the blacklist memo (directory/).
 //
-// Room for what comes with later stages: init() has the place of the event
-// collector subscription check and of a legacy reader beside the modern one.
+// Room for what comes with later stages: init() has the place of a legacy
+// reader beside the modern one.
 
 #include <cstdint>
 #include <string>
@@ -107,10 +107,6 @@ public:
     AdObjBlacklistMemo& adObjBlacklistMemo() { return adObjBlacklistMemo_; }
 
 private:
-    // The event collector subscription check is built by a later stage; until
-    // then every channel passes it.
-    bool collectorSubscriptionsAccepted() const { return true; }
-
     CheckpointPolicy checkpoints_{channelName_, channelNameW_, settings_};
     ModernReader reader_{channelName_, channelNameW_, settings_, renderer_, sids_, checkpoints_};
     // Settings from the stanza the channel is made with.

@@ -95,4 +95,11 @@ inline DWORD closeEvtHandleNow(UniqueEvtHandle& handle) {
     return ::GetLastError();
 }
 
+// Closes through the table: an EC_HANDLE (subscription enumeration, subscription)
+// belongs to the event collector library.
+inline void closeEcHandle(EC_HANDLE h) noexcept {
+    if (auto fn = apiTable().ec.EcClose) fn(h);
+}
+using UniqueEcHandle = UniqueAny<EC_HANDLE, &closeEcHandle>;
+
 }  // namespace skorva

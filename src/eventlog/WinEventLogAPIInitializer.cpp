@@ -348,4 +348,10 @@ void WinEventLogAPIInitializer::useFilledEvtTableForTesting(bool available) {
     s.evtApiAvailable = available;
 }
 
+void WinEventLogAPIInitializer::useFilledEcTableForTesting() {
+    LoaderState& s = state();
+    std::lock_guard<CriticalSection> guard(s.lock);
+    s.ecApiAvailable = true;
+}
+
 }  // namespace skorva

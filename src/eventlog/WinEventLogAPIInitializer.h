@@ -53,6 +53,8 @@ public:
     // Declares the event log group resolved by a caller that filled the table
     // itself (fakes or the in-process simulated event log).
     static void useFilledEvtTableForTesting(bool available);
+    // The same for the collector group (the in-process simulated collector).
+    static void useFilledEcTableForTesting();
 };
 
 }  // namespace skorva
