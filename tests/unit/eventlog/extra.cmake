@@ -5,3 +5,6 @@ add_library(unit_eventlog_decoy SHARED "${dir}/decoy/DecoyWevtapi.cpp")
 set_target_properties(unit_eventlog_decoy PROPERTIES OUTPUT_NAME wevtapi PREFIX ""
                       RUNTIME_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/eventlog")
 add_dependencies(unit_eventlog unit_eventlog_decoy)
+# The simulated collector's variants lacking names, each laid out as a system root.
+add_dependencies(unit_eventlog ecsim_no-save ecsim_no-property-no-save ecsim_no-retry)
+target_compile_definitions(unit_eventlog PRIVATE ECSIM_VARIANTS_DIR="${ECSIM_VARIANTS_DIR}")
