@@ -231,7 +231,7 @@ bool MessageFormatter::fallback(EVT_HANDLE offeredMetadata, EVT_HANDLE event, DW
     LOG_DEBUG("%s: EvtFormatMessage returned no message with error=%d, flag='(%d)%s', channel='%s'", kFn,
               static_cast<int>(error), static_cast<int>(flag), formatFlagName(flag), channelName_.c_str());
 
-    if (flag != EvtFormatMessageEvent || !event) return false;
+    if (flag != EvtFormatMessageEvent || !event || channelPreRendered_) return false;
     DWORD dataCount = 0;
     if (!placeholderMessage(event, out, dataCount) || dataCount == 0) {
         out.clear();

@@ -43,6 +43,11 @@ public:
     bool formatEventMessage(EVT_HANDLE metadata, EventRecord& record);
     // A new event: whether it carries its own rendering information is not known yet.
     void beginEvent() { preRendered_ = false; }
+    // The channel's events are rendered at their source (an event collector
+    // subscription delivers them so): their message is their own text or none,
+    // never one pieced together from their data.
+    void setPreRendered(bool on) { channelPreRendered_ = on; }
+    bool preRendered() const { return channelPreRendered_; }
 
 private:
     enum class Next { Retry, GiveUp, Fallback };
@@ -73,6 +78,7 @@ private:
     DWORD formatChars_;
     DWORD lastFormatError_ = 0;
     bool preRendered_ = false;            // this event's own rendering information answered
+    bool channelPreRendered_ = false;
     UniqueEvtHandle userRenderContext_;   // the event's data values
     std::vector<uint8_t> userValues_;
     DWORD userValuesSize_ = 0;

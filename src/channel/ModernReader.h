@@ -51,6 +51,7 @@ public:
     bool channelState() const override { return channelState_; }
     void setUpdated() override { channelState_ = false; }
     bool channelMissing() const override { return channelMissing_; }
+    void forgetMissing() { channelMissing_ = false; }
     bool subscriptionReady() const override { return initialized_ && subscribed_; }
     bool eventsPending() const override { return eventsPending_; }
     HANDLE notifyEvent() const override { return notifyEvent_.get(); }

@@ -26,7 +26,9 @@ bool WinEventLogChannel::init() {
         uninit();
         return false;
     };
-    if (WinEventLogAPIInitializer::isEcApiAvailable() && !collectorSubscriptionsAccepted()) {
+    reader_.forgetMissing();  // a refused channel is not a missing one
+    if (WinEventLogAPIInitializer::isEcApiAvailable() &&
+        !enumLocalWECSubscriptions(channelName_, settings_.wecEventFormat)) {
         LOG_ERROR("%s: Invalid config or enumLocalWECSubscriptions failure for channel = %s", fn,
                   channelName_.c_str());
         return fail();

@@ -4,9 +4,6 @@
 // through the classic API, the legacy reader (LegacyReader), both behind the
 // ChannelReader interface; the checkpoint policy (checkpoint/CheckpointPolicy),
 // the directory-object cache and the blacklist memo (directory/).
-//
-// Room for what comes with later stages: init() has the place of the event
-// collector subscription check.
 
 #include <cstdint>
 #include <string>
@@ -113,10 +110,6 @@ public:
     AdObjBlacklistMemo& adObjBlacklistMemo() { return adObjBlacklistMemo_; }
 
 private:
-    // The event collector subscription check is built by a later stage; until
-    // then every channel passes it.
-    bool collectorSubscriptionsAccepted() const { return true; }
-
     CheckpointPolicy checkpoints_{channelName_, channelNameW_, settings_};
     ModernReader reader_{channelName_, channelNameW_, settings_, renderer_, sids_, checkpoints_};
     LegacyReader legacy_{channelName_, channelNameW_, settings_, messageFiles_, sids_, checkpoints_};

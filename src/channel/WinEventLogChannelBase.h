@@ -3,7 +3,8 @@
 // a unit of its own behind these names: the event-code filter (the channel's
 // FilterSet), rendering (EventRenderer), message formatting with the publisher
 // cache (MessageFormatter), the classic path's message files
-// (LegacyMessageFiles) and SID translation (SidTextTranslator).
+// (LegacyMessageFiles), SID translation (SidTextTranslator) and the event
+// collector subscription check (CollectorSubscriptionCheck).
 
 #include <cstdint>
 #include <string>
@@ -61,6 +62,15 @@ public:
     }
     // The error of the last formatMessageByFlag call (0 when it succeeded).
     DWORD lastFormatError() const { return formatter_.lastFormatError(); }
+
+    // ---- Event collector subscriptions that write into `channelName`: false
+    // when one delivers what `eventFormat` cannot read. One that delivers
+    // rendered text turns "raw_event" into "rendered_event" and marks the
+    // channel's events pre-rendered for the formatting.
+    bool enumLocalWECSubscriptions(const std::string& channelName, std::string& eventFormat);
+    bool getWECSubscriptionProperty(EC_HANDLE subscription, EC_SUBSCRIPTION_PROPERTY_ID id,
+                                    std::vector<uint8_t>& value);
+    bool preRendered() const { return formatter_.preRendered(); }
 
     // ---- SID translation: rewrites the SIDs of the XML (when not empty) or else
     // of the message with their account names.

@@ -114,4 +114,11 @@ inline void closeEventLog(HANDLE h) noexcept {
 }
 using UniqueEventLog = UniqueAny<HANDLE, &closeEventLog>;
 
+// Closes through the table: an EC_HANDLE (subscription enumeration, subscription)
+// belongs to the event collector library.
+inline void closeEcHandle(EC_HANDLE h) noexcept {
+    if (auto fn = apiTable().ec.EcClose) fn(h);
+}
+using UniqueEcHandle = UniqueAny<EC_HANDLE, &closeEcHandle>;
+
 }  // namespace skorva

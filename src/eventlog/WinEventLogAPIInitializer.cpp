@@ -384,4 +384,10 @@ void WinEventLogAPIInitializer::useFilledLegacyTableForTesting() {
     s.legacyApiAvailable = true;
 }
 
+void WinEventLogAPIInitializer::useFilledEcTableForTesting() {
+    LoaderState& s = state();
+    std::lock_guard<CriticalSection> guard(s.lock);
+    s.ecApiAvailable = true;
+}
+
 }  // namespace skorva

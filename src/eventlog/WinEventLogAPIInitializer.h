@@ -59,6 +59,8 @@ public:
     static void useFilledEvtTableForTesting(bool available);
     // The same for the classic event log group.
     static void useFilledLegacyTableForTesting();
+    // The same for the collector group (the in-process simulated collector).
+    static void useFilledEcTableForTesting();
 };
 
 }  // namespace skorva

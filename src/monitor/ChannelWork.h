@@ -30,6 +30,10 @@ struct ChannelWork {
     UniqueRegisteredWait wait;
     bool waitSetUp = false;
     bool enabled = true;
+    // The last open failed, and not for a missing channel: a new first pass
+    // opens it again once retryDelayMs is over.
+    bool refused = false;
+    uint32_t retryDelayMs = 0;
     std::atomic<uint64_t> total{0};
     std::atomic<uint64_t> emptyMsg{0};
     uint64_t failingRecord = 0;  // the event that failed to be written last, and how often

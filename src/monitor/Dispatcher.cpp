@@ -1,5 +1,7 @@
 #include "monitor/Dispatcher.h"
 
+#include <algorithm>
+
 #include "monitor/WinEventMon.h"
 #include "platform/Clock.h"
 #include "platform/Logger.h"
@@ -11,6 +13,10 @@ namespace {
 constexpr DWORD kDispatchTimeoutMs = 500;
 constexpr uint32_t kAvailabilitySleepMs = 500;
 constexpr uint32_t kRetrySleepMs = 2000;
+// A refused channel waits at least this before it is opened again, doubling
+// with each refusal up to the most.
+constexpr uint32_t kMinRefusedPauseMs = 1000;
+constexpr uint32_t kMaxRefusedPauseMs = 600000;
 
 }  // namespace
 
@@ -30,6 +36,7 @@ void Dispatcher::prepareWork(const ChannelMap& channels) {
         work_.push_back(std::move(w));
     }
     if (!workerIdle_) workerIdle_.reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    if (!neverSet_) neverSet_.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
 }
 
 void Dispatcher::workerDone() {
@@ -73,11 +80,12 @@ bool Dispatcher::run(const ChannelMap& channels) {
         LOG_DEBUG("%s: Attempt to wait on channel %s", fn, w.channel->channelName().c_str());
         --outstanding;
         if (!w.enabled) continue;
-        if (!makeAvailable(w)) {
+        const Open open = w.refused ? Open::Refused : makeAvailable(w);
+        if (open == Open::Dropped) {
             w.enabled = false;
             continue;
         }
-        if (armWait(w)) ++outstanding;
+        if (open == Open::Refused ? armRetry(w) : armWait(w)) ++outstanding;
     }
 
     if (stop_.load()) {
@@ -92,23 +100,24 @@ bool Dispatcher::run(const ChannelMap& channels) {
 // A channel whose subscription is open and sound is left as it is: re-opening it
 // would resume from the checkpoint file, which lags behind the events already
 // written whenever checkpoints are deferred or suppressed.
-bool Dispatcher::makeAvailable(ChannelWork& w) {
+Dispatcher::Open Dispatcher::makeAvailable(ChannelWork& w) {
     WinEventLogChannel& channel = *w.channel;
     const uint64_t limit = 2 * channel.settings().channelWaitSeconds;
     uint64_t attempts = 0;
     while (!(channel.subscriptionReady() && channel.channelState())) {
-        if (stop_.load()) return false;
+        if (stop_.load()) return Open::Dropped;
         if (channel.initialized()) channel.uninit();
-        if (channel.init() && channel.subscriptionReady()) break;
-        if (!channel.channelMissing()) break;
+        const bool opened = channel.init();
+        if (opened && channel.subscriptionReady()) break;
+        if (!channel.channelMissing()) return opened ? Open::Opened : Open::Refused;
         if (attempts >= limit) {
             reportUnavailable(channel, limit, attempts);
-            return false;
+            return Open::Dropped;
         }
         sleepMs(kAvailabilitySleepMs);
         ++attempts;
     }
-    return true;
+    return Open::Opened;
 }
 
 bool Dispatcher::armWait(ChannelWork& w) {
@@ -130,18 +139,42 @@ bool Dispatcher::armWait(ChannelWork& w) {
     return true;
 }
 
+// A channel that could not be opened, and not for being missing (its wait time
+// decides that), is opened again by a new first pass after a pause: from its
+// wait timeout (at least a second), doubling with each refusal up to ten
+// minutes. What refused it (a collector subscription that did not fit, say) may
+// be put right without a restart, and a lasting refusal does not flood the log.
+bool Dispatcher::armRetry(ChannelWork& w) {
+    static const char* const fn = "WinEventMon::start";
+    WinEventLogChannel& channel = *w.channel;
+    const int32_t waitMs = channel.settings().threadWaitMs;
+    uint32_t pause = w.retryDelayMs ? 2 * w.retryDelayMs : static_cast<uint32_t>(waitMs > 0 ? waitMs : 0);
+    pause = std::min(std::max(pause, kMinRefusedPauseMs), kMaxRefusedPauseMs);
+    w.retryDelayMs = pause;
+    w.refused = true;
+    if (!::RegisterWaitForSingleObject(w.wait.put(), neverSet_.get(), &WinEventMon::ProcessChannelWaitWorker, &w,
+                                       pause, WT_EXECUTEONLYONCE)) {
+        LOG_ERROR("%s: Failed to Wait on channel %s. Error = %d", fn, channel.channelName().c_str(),
+                  static_cast<int>(::GetLastError()));
+        return false;
+    }
+    LOG_INFO("%s: Channel %s could not be opened; it is tried again in %u ms", fn, channel.channelName().c_str(),
+             static_cast<unsigned>(pause));
+    return true;
+}
+
 // Opens a channel for its first pass, waiting up to channel_wait_time for one
-// that is missing. False when it cannot be read (then reported).
-bool Dispatcher::openFirstPass(ChannelWork& w) {
+// that is missing (reported when it does not come).
+Dispatcher::Open Dispatcher::openFirstPass(ChannelWork& w) {
     WinEventLogChannel& channel = *w.channel;
     const uint64_t limit = 2 * channel.settings().channelWaitSeconds;
     for (uint64_t attempts = 0;; ++attempts) {
-        if (stop_.load()) return false;
-        if (channel.init()) return true;
-        if (!channel.channelMissing()) return false;
+        if (stop_.load()) return Open::Dropped;
+        if (channel.init()) return Open::Opened;
+        if (!channel.channelMissing()) return Open::Refused;
         if (attempts >= limit) {
             reportUnavailable(channel, limit, attempts);
-            return false;
+            return Open::Dropped;
         }
         sleepMs(kAvailabilitySleepMs);
     }
@@ -171,8 +204,9 @@ void Dispatcher::firstPass(ChannelWork& w) {
     } done{*this};
 
     LOG_DEBUG("%s: Refresh channel", fn);
-    if (stop_.load() || !openFirstPass(w)) return;
-    for (;;) {
+    if (stop_.load()) return;
+    Open open = openFirstPass(w);
+    while (open == Open::Opened) {
         LOG_INFO("%s: Processing existing Windows Event Log '%s'", fn, channel.channelName().c_str());
         const uint64_t before = w.total.load();
         ::ResetEvent(channel.notifyEvent());
@@ -181,8 +215,12 @@ void Dispatcher::firstPass(ChannelWork& w) {
         // The newest-first reading goes on where it stopped.
         if (stop_.load()) return;
         if (w.total.load() == before) sleepMs(kRetrySleepMs);  // no progress: not in a tight loop
-        if (!openFirstPass(w)) return;
+        open = openFirstPass(w);
     }
+    if (open == Open::Dropped) return;
+    // A refused channel is handed back to the dispatcher, which pauses it.
+    w.refused = open == Open::Refused;
+    if (!w.refused) w.retryDelayMs = 0;
     postCompletion(w);
 }
 
@@ -216,6 +254,11 @@ bool Dispatcher::firstPassOver(ChannelWork& w) {
 }
 
 void Dispatcher::signalled(ChannelWork& w) {
+    if (w.refused) {
+        ++activeWorkers_;  // firstPass counts itself done
+        firstPass(w);
+        return;
+    }
     WinEventLogChannel& channel = *w.channel;
     LOG_INFO("%s: Wait signaled. processing channel %s", "WinEventMon::ProcessChannelWaitWorker",
              channel.channelName().c_str());

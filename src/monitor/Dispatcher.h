@@ -33,17 +33,23 @@ public:
     void clear() { work_.clear(); }
 
     // A channel's first pass (reads what it holds, newest first where asked),
-    // and a pass after its notification event was set.
+    // and a pass after its notification event was set (or, for a refused
+    // channel, after its pause: a new first pass).
     void firstPass(ChannelWork& work);
     void signalled(ChannelWork& work);
 
 private:
+    // What opening a channel came to: open, refused (tried again later), or
+    // dropped (stopping, or missing beyond its wait time).
+    enum class Open { Opened, Refused, Dropped };
+
     void prepareWork(const ChannelMap& channels);
-    // Re-opens a channel that has no usable subscription; false once given up.
-    bool makeAvailable(ChannelWork& work);
-    bool openFirstPass(ChannelWork& work);
+    // Re-opens a channel that has no usable subscription.
+    Open makeAvailable(ChannelWork& work);
+    Open openFirstPass(ChannelWork& work);
     void reportUnavailable(const WinEventLogChannel& channel, uint64_t limit, uint64_t attempts) const;
     bool armWait(ChannelWork& work);
+    bool armRetry(ChannelWork& work);
     // After a pass: whether the first pass is over (else the newest-first
     // reading goes on where it stopped).
     bool firstPassOver(ChannelWork& work);
@@ -57,6 +63,7 @@ private:
     // Pool work items and passes not yet finished: the channels outlive them.
     std::atomic<long> activeWorkers_{0};
     UniqueHandle workerIdle_;
+    UniqueHandle neverSet_;  // what a refused channel's pause waits on: only its time-out ends it
 };
 
 }  // namespace skorva

@@ -295,6 +295,37 @@ def test_cleared_channel_keeps_being_followed(store, start):
     assert record_ids(stream) == list(range(1, 9))
 
 
+def test_channel_refused_by_a_collector_subscription_is_reported_and_opened_once_it_fits(store, start, home):
+    store.generate("Application", 5, seed=21)
+    store.generate("ForwardedEvents", 5, seed=21)
+    (store.root / "collector").mkdir()
+
+    def subscription(content_format):
+        path = store.root / "collector" / "subscriptions.txt"
+        path.with_suffix(".new").write_text(
+            "[Raw]\nEnabled = true\nContentFormat = %s\nLogFile = ForwardedEvents\n" % content_format)
+        os.replace(path.with_suffix(".new"), path)
+
+    subscription("Events")  # ForwardedEvents reads rendered events by default
+    c = start(config(("WinEventLog://Application", {"thread_wait_time_msec": 300}),
+                     ("WinEventLog://ForwardedEvents", {"thread_wait_time_msec": 300})),
+              ECSIM_STORE=winpath(store.root))
+    c.wait_events(5, "WinEventLog://Application")
+    c.wait_for(lambda s: "Channel ForwardedEvents could not be opened; it is tried again" in log_text(home))
+    log = log_text(home)
+    assert ("subscription:'Raw' - Invalid WEC content-format:'Events', for skorva-format = rendered_eventSee the "
+            "description for the 'wec_event_format' setting") in log
+    assert "Invalid config or enumLocalWECSubscriptions failure for channel = ForwardedEvents" in log
+    assert record_ids(c.stream(), "WinEventLog://ForwardedEvents") == []
+
+    subscription("RenderedText")
+    c.wait_events(5, "WinEventLog://ForwardedEvents")
+    code, stream = c.interrupt()
+    assert code == 0
+    assert record_ids(stream, "WinEventLog://Application") == list(range(1, 6))
+    assert record_ids(stream, "WinEventLog://ForwardedEvents") == list(range(1, 6))
+
+
 def test_deleted_and_recreated_channel_is_read_again(store, start):
     store.generate("System", 5, seed=13)
     c = start(config(("WinEventLog://System", {"thread_wait_time_msec": 300, "channel_wait_time": 60})))

@@ -1,10 +1,16 @@
 // The real loading path under the test prefix: the stand-ins are installed in
-// System32 and decoys of the same names lie beside this executable.
+// System32 and decoys of the same names lie beside this executable; the
+// simulated collector's variants lacking names are laid out as system roots of
+// their own.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "EvtsimInProcess.h"
+#include "LogCapture.h"
+#include "eventlog/EvtApi.h"
 #include "eventlog/WinEventLogAPIInitializer.h"
 #include "platform/Strings.h"
 
@@ -82,4 +88,54 @@ TEST(LoaderSystemPath, EveryGroupComesFromSystem32NotFromBesideTheExecutable) {
         EXPECT_FALSE(ops.decoyMarker);
     }
     WinEventLogAPIInitializer::resetForTesting();
+}
+
+// Two names of the collector group are judged by slots of the event log group:
+// without them the group is available as long as the event log group is loaded.
+// Any other name missing leaves it unavailable, and the next query tries again.
+TEST(LoaderSystemPath, CollectorGroupLackingNames) {
+    wchar_t saved[MAX_PATH] = {};
+    ASSERT_GT(::GetEnvironmentVariableW(L"SystemRoot", saved, MAX_PATH), 0u);
+    struct Restore {
+        const wchar_t* root;
+        ~Restore() {
+            ::SetEnvironmentVariableW(L"SystemRoot", root);
+            WinEventLogAPIInitializer::resetForTesting();
+        }
+    } restore{saved};
+    const auto useVariant = [](const std::string& name) {
+        std::wstring root = widen("Z:" ECSIM_VARIANTS_DIR "/" + name);
+        std::replace(root.begin(), root.end(), L'/', L'\\');
+        ::SetEnvironmentVariableW(L"SystemRoot", root.c_str());
+    };
+    struct Case {
+        std::string variant;
+        bool eventLogLoaded;
+        const char* missing;  // named in the log when the group is unavailable
+    } cases[] = {
+        {"no-save", true, nullptr},
+        {"no-property-no-save", true, nullptr},
+        {"no-save", false, "EcGetSubscriptionProperty"},
+        {"no-retry", true, "EcRetrySubscription"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.variant + (c.eventLogLoaded ? "" : ", event log group not loaded"));
+        ASSERT_EQ(::GetModuleHandleW(L"Wecapi.dll"), nullptr);
+        WinEventLogAPIInitializer::resetForTesting();
+        if (c.eventLogLoaded) test::installEvtsimApi();
+        test::LogCapture log;
+        useVariant(c.variant);
+        EXPECT_EQ(WinEventLogAPIInitializer::isEcApiAvailable(), c.missing == nullptr) << log.dump();
+        if (c.missing) {
+            EXPECT_TRUE(log.has(LogLevel::Error, std::string("WinEventLogAPIInitializer::initWinEcApi: Failed to get "
+                                                             "proc address for '") + c.missing + "' dll function."));
+            EXPECT_EQ(apiTable().ec.EcClose, nullptr);  // nothing points into the released library
+            continue;
+        }
+        EXPECT_EQ(apiTable().ec.EcGetSubscriptionProperty == nullptr, c.variant == "no-property-no-save");
+        ::FreeLibrary(::GetModuleHandleW(L"Wecapi.dll"));  // the loader's reference, for the next case
+    }
+    useVariant("no-save");  // after no-retry failed: tried again
+    EXPECT_TRUE(WinEventLogAPIInitializer::isEcApiAvailable());
+    ::FreeLibrary(::GetModuleHandleW(L"Wecapi.dll"));
 }

@@ -7,3 +7,6 @@ foreach(decoy wevtapi wecapi netapi32 ntdsapi)
                         RUNTIME_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/eventlog")
   add_dependencies(unit_eventlog unit_eventlog_decoy_${decoy})
 endforeach()
+# The simulated collector's variants lacking names, each laid out as a system root.
+add_dependencies(unit_eventlog ecsim_no-save ecsim_no-property-no-save ecsim_no-retry)
+target_compile_definitions(unit_eventlog PRIVATE ECSIM_VARIANTS_DIR="${ECSIM_VARIANTS_DIR}")
