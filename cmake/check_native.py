@@ -23,6 +23,7 @@ UNITS = [
     "filter/EventTextLookup.cpp",
     "checkpoint/WELCheckPointBaseText.cpp",  # checkpoint strings
     "directory/SidScanner.cpp",
+    "directory/AdTokenScanner.cpp",         # directory-object tokens
 ]
 
 

@@ -21,4 +21,10 @@ void AdObjBlacklistMemo::remember(const std::wstring& name, bool blacklisted) {
     answers_[name] = blacklisted;
 }
 
+const std::wstring* AdObjBlacklistMemo::blacklistedIn(std::wstring_view text) const {
+    for (const auto& [name, blacklisted] : answers_)
+        if (blacklisted && text.find(name) != std::wstring_view::npos) return &name;
+    return nullptr;
+}
+
 }  // namespace skorva
