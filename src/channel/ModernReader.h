@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "channel/AdObjectStep.h"
 #include "channel/EventRecord.h"
 #include "channel/EventRenderer.h"
 #include "checkpoint/CheckpointPolicy.h"
@@ -21,7 +22,8 @@ namespace skorva {
 class ModernReader {
 public:
     ModernReader(const std::string& channelName, const std::wstring& channelNameW, const ChannelSettings& settings,
-                 EventRenderer& renderer, SidTextTranslator& sids, CheckpointPolicy& checkpoints);
+                 EventRenderer& renderer, SidTextTranslator& sids, AdObjectStep& adObjects,
+                 CheckpointPolicy& checkpoints);
     ModernReader(const ModernReader&) = delete;
     ModernReader& operator=(const ModernReader&) = delete;
 
@@ -77,6 +79,7 @@ private:
     const ChannelSettings& settings_;
     EventRenderer& renderer_;
     SidTextTranslator& sids_;
+    AdObjectStep& adObjects_;
     CheckpointPolicy& checkpoints_;
 
     UniqueEvtHandle resultHandle_;

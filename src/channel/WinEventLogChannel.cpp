@@ -1,6 +1,7 @@
 #include "channel/WinEventLogChannel.h"
 
 #include "eventlog/WinEventLogAPIInitializer.h"
+#include "platform/Clock.h"
 #include "platform/Logger.h"
 
 namespace skorva {
@@ -13,7 +14,7 @@ WinEventLogChannel::WinEventLogChannel(std::string channelName, ChannelSettings 
 WinEventLogChannel::~WinEventLogChannel() {
     LOG_DEBUG("%s destroying instance of WinEventLogChannel", "WinEventLogChannel::~WinEventLogChannel");
     checkpoints_.finalCheckpoint();
-    if (reader_.initialized()) reader_.uninit();
+    if (reader_.initialized()) uninit();
     cleanMetadataHandleCache(true);
 }
 
@@ -31,6 +32,7 @@ bool WinEventLogChannel::init() {
                   channelName_.c_str());
         return fail();
     }
+    if (settings_.resolveAdObj) bindDomainController(fn);
     if (!reader_.prepare(fn)) return fail();
     // The legacy reader takes this place once it exists.
     if (settings_.useOldApi || !WinEventLogAPIInitializer::isEvtApiAvailable()) {
@@ -43,6 +45,24 @@ bool WinEventLogChannel::init() {
     reader_.opened();
     LOG_INFO("%s: Successfully Initialized channel %s", fn, channelName_.c_str());
     return true;
+}
+
+void WinEventLogChannel::uninit() {
+    reader_.uninit();
+    dc_.unbind();
+}
+
+// A channel whose controller cannot be bound still reads: its tokens stay as
+// they are until a later bind succeeds.
+void WinEventLogChannel::bindDomainController(const char* fn) {
+    LOG_INFO("%s: Binding to DC to translate guids/sids for channel='%S'", fn, channelNameW_.c_str());
+    const uint64_t started = tickNow();
+    const bool bound = dc_.bind(settings_.dcName, settings_.dnsName, settings_.dcKind);
+    const auto took = static_cast<unsigned long long>(tickNow() - started);
+    if (bound)
+        LOG_INFO("%s: Successfully bound to DC, dc_bind_time=%llu msec", fn, took);
+    else
+        LOG_ERROR("%s: Failed to bind to DC, dc_bind_time=%llu msec", fn, took);
 }
 
 bool WinEventLogChannel::includeEventWithEvtcodeMessage(const std::string& key, const std::string& value) const {

@@ -2,7 +2,8 @@
 // The reader of one event log channel through the modern event log API. The
 // work is done by units of its own behind these names: the modern reader
 // (ModernReader), the checkpoint policy (checkpoint/CheckpointPolicy), the
-// directory-object cache and the blacklist memo (directory/).
+// directory step (AdObjectStep) with the directory-object cache, the name
+// insertion and the blacklist memo (directory/).
 //
 // Room for what comes with later stages: init() has the place of the event
 // collector subscription check and of a legacy reader beside the modern one.
@@ -10,10 +11,12 @@
 #include <cstdint>
 #include <string>
 
+#include "channel/AdObjectStep.h"
 #include "channel/ModernReader.h"
 #include "channel/WinEventLogChannelBase.h"
 #include "checkpoint/CheckpointPolicy.h"
 #include "directory/AdObjBlacklistMemo.h"
+#include "directory/AdObjectNames.h"
 #include "directory/WinLookupAdObjCache.h"
 
 namespace skorva {
@@ -29,8 +32,9 @@ public:
     // Opens the channel: a newest-first query while the start is "newest" and
     // that phase is not over, otherwise a subscription after the last event sent.
     bool init();
-    // Closes the result handle, render context and notify event.
-    void uninit() { reader_.uninit(); }
+    // Closes the result handle, render context and notify event, and lets the
+    // domain controller binding go.
+    void uninit();
     // Appends the events read in this call (bounded, about 3000 at most).
     void getEventsNew(EventBatch& records) { reader_.getEventsNew(records); }
     bool initialized() const { return reader_.initialized(); }
@@ -102,7 +106,14 @@ public:
     // The legacy reader's position, written as a checkpoint string.
     CheckpointMap& checkpointMap() { return checkpoints_.checkpointMap(); }
 
-    // ---- Directory-object cache and blacklist memo
+    // ---- Directory objects
+    // Appends `message` to `out` with the directory's names in place of its
+    // tokens (and replaces them in a non-empty `xml`); 1 when a token was
+    // translated, or the blacklist ended the scan (blacklistCheck).
+    uint8_t insertAdObjectNames(const EventRecord& event, const std::wstring& message, std::string& out,
+                                std::wstring& xml, bool blacklistCheck, int depth) {
+        return adNames_.insert(event.eventCode, message, out, xml, blacklistCheck, depth);
+    }
     WinLookupAdObjCache& adObjCache() { return adObjCache_; }
     AdObjBlacklistMemo& adObjBlacklistMemo() { return adObjBlacklistMemo_; }
 
@@ -111,8 +122,10 @@ private:
     // then every channel passes it.
     bool collectorSubscriptionsAccepted() const { return true; }
 
+    // Binds to the domain controller for evt_resolve_ad_obj, with its timing lines.
+    void bindDomainController(const char* fn);
+
     CheckpointPolicy checkpoints_{channelName_, channelNameW_, settings_};
-    ModernReader reader_{channelName_, channelNameW_, settings_, renderer_, sids_, checkpoints_};
     // Settings from the stanza the channel is made with.
     WinLookupAdObjCache adObjCache_{
         [this](const std::wstring& object, std::wstring& out, DWORD offered, DWORD wanted) {
@@ -120,6 +133,9 @@ private:
         },
         settings_.adCache};
     AdObjBlacklistMemo adObjBlacklistMemo_;
+    AdObjectNames adNames_{settings_, adObjCache_, adObjBlacklistMemo_};
+    AdObjectStep adObjects_{settings_, adNames_, adObjBlacklistMemo_};
+    ModernReader reader_{channelName_, channelNameW_, settings_, renderer_, sids_, adObjects_, checkpoints_};
 };
 
 }  // namespace skorva

@@ -13,6 +13,9 @@ bool WinEventLogChannelBase::includeEvent(uint32_t eventCode) const {
     return settings_.filters.admitsCode(eventCode, "WinEventLogChannelBase::includeEvent", channelName_);
 }
 
-bool WinEventLogChannelBase::transADObject(const std::wstring&, std::wstring&, DWORD, DWORD) { return false; }
+bool WinEventLogChannelBase::transADObject(const std::wstring& object, std::wstring& out, DWORD offeredFormat,
+                                           DWORD wantedFormat) {
+    return adTranslator_.translate(object, out, offeredFormat, wantedFormat);
+}
 
 }  // namespace skorva

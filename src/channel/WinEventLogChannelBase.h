@@ -2,7 +2,8 @@
 // The reader of one event log channel: the parts shared by every reader, each
 // a unit of its own behind these names: the event-code filter (the channel's
 // FilterSet), rendering (EventRenderer), message formatting with the publisher
-// cache (MessageFormatter) and SID translation (SidTextTranslator).
+// cache (MessageFormatter), SID translation (SidTextTranslator), and the
+// domain controller binding (EvtDC) with its translations (AdObjectTranslator).
 
 #include <cstdint>
 #include <string>
@@ -12,6 +13,8 @@
 #include "channel/EventRenderer.h"
 #include "channel/MessageFormatter.h"
 #include "config/ChannelSettings.h"
+#include "directory/AdObjectTranslator.h"
+#include "directory/EvtDC.h"
 #include "directory/SidTextTranslator.h"
 #include "eventlog/EvtApi.h"
 
@@ -60,9 +63,12 @@ public:
     // of the message with their account names.
     void translateSidLocally(std::string& message, std::wstring& xml) { sids_.translate(message, xml); }
 
-    // ---- Directory translation (bound to a domain controller by a later stage).
+    // ---- Directory translation through the channel's domain controller:
+    // `offeredFormat` 0 for a GUID in braces, 1 for a SID; `wantedFormat` a
+    // DS_NAME_FORMAT.
     virtual bool transADObject(const std::wstring& object, std::wstring& out, DWORD offeredFormat,
                                DWORD wantedFormat);
+    EvtDC& evtDC() { return dc_; }
 
 protected:
     std::string channelName_;
@@ -71,6 +77,8 @@ protected:
     MessageFormatter formatter_{channelName_};
     EventRenderer renderer_{channelName_, settings_, formatter_};
     SidTextTranslator sids_;
+    EvtDC dc_;
+    AdObjectTranslator adTranslator_{dc_};
 };
 
 }  // namespace skorva
