@@ -12,8 +12,6 @@ namespace skorva {
 
 class AdObjBlacklistMemo {
 public:
-    // The remembered answer for `name`, or null.
-    const bool* find(const std::wstring& name) const;
     // Stores the answer while the memo holds 200 entries or fewer (so it can
     // reach 201).
     void remember(const std::wstring& name, bool blacklisted);
