@@ -26,7 +26,6 @@ bool AdObjectStep::apply(EventRecord& record) {
 
 bool AdObjectStep::decide(EventRecord& record) {
     const bool xml = !record.xml.empty();
-    const std::wstring& text = xml ? record.xml : record.message;
     // Rules on the message read nothing in classic text that leaves it out.
     const bool messageRules = settings_.filters.hasMessageKeys() &&
                               (xml || !settings_.excludedFields.count(std::wstring_view(L"Message")));
@@ -37,9 +36,13 @@ bool AdObjectStep::decide(EventRecord& record) {
         tested = record.eventCode != 0 && !inSkipList(record.eventCode);
         if (tested && knownBlacklisted(record)) return false;
     }
-    if (text.find(L'{') != std::wstring::npos) {
+    // In XML the event's own values follow the System part, whose GUIDs (the
+    // provider's, an activity's) name no directory object.
+    const size_t system = xml ? record.xml.find(L"</System>") : std::wstring::npos;
+    const size_t from = system == std::wstring::npos ? 0 : system + 9;
+    if ((xml ? record.xml : record.message).find(L'{', from) != std::wstring::npos) {
         if (!admittedAsRead(record)) return false;
-        translate(record, tested && messageRules);
+        translate(record, from, tested && messageRules);
     }
     return !(tested && messageRules) || objectFilterAdmits(record);
 }
@@ -99,18 +102,15 @@ bool AdObjectStep::admittedAsRead(EventRecord& record) {
     return false;
 }
 
-void AdObjectStep::translate(EventRecord& record, bool blacklistCheck) {
+void AdObjectStep::translate(EventRecord& record, size_t from, bool blacklistCheck) {
     out_.clear();
     if (record.xml.empty()) {
         if (names_.insert(record.eventCode, record.message, out_, noXml_, blacklistCheck, 0))
             widenInto(out_, record.message);
         return;
     }
-    // The event's own values after the System part: the GUIDs in System (the
-    // provider's, an activity's) name no directory object. The names go into
-    // the XML itself; the scanned copy is left alone.
-    const size_t system = record.xml.find(L"</System>");
-    data_.assign(record.xml, system == std::wstring::npos ? 0 : system + 9);
+    // The names go into the XML itself; the scanned copy is left alone.
+    data_.assign(record.xml, from);
     names_.insert(record.eventCode, data_, out_, record.xml, blacklistCheck, 0);
 }
 

@@ -32,7 +32,8 @@ private:
     bool inSkipList(uint32_t eventCode) const;
     bool knownBlacklisted(const EventRecord& record);
     bool admittedAsRead(EventRecord& record);
-    void translate(EventRecord& record, bool blacklistCheck);
+    // `from`: where the text to translate starts (in XML, after System).
+    void translate(EventRecord& record, size_t from, bool blacklistCheck);
     // The single key/value check on the message-bearing values of the event.
     bool objectFilterAdmits(const EventRecord& record);
 
