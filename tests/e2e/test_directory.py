@@ -39,11 +39,11 @@ def collect(store, start, tmp_path, directory, home):
     """collect(events, expect=None, **params) -> (stream, log): the Security channel
     holding `events`, read with evt_resolve_ad_obj on until `expect` events (all
     of them by default) are out, then Ctrl-C."""
-    def run(events, expect=None, **params):
+    def run(events, expect=None, env=None, **params):
         store.create("Security")
         store.append("Security", write_events(tmp_path / ("e%d.xml" % len(events)), events))
         stanza = dict({"evt_resolve_ad_obj": "1"}, **params)
-        c = start(config(("WinEventLog://Security", stanza)), DSSIM_DIRECTORY=winpath(directory.root))
+        c = start(config(("WinEventLog://Security", stanza)), DSSIM_DIRECTORY=winpath(directory.root), **(env or {}))
         c.wait_events(expect or len(events))
         code, stream = c.interrupt()
         assert code == 0, log_text(home)[-3000:]
@@ -163,14 +163,20 @@ def test_blacklisted_objects_are_dropped(rules, sent, collect):
     assert (b"Object Type:\tcomputer" in stream) == (2 in sent)
 
 
-@pytest.mark.parametrize("kind, found, closest", [("AUTO", "DC01", True), ("pdc", "DC02", False)])
-def test_evt_resolve_ad_ds_picks_the_closest_or_the_primary_controller(kind, found, closest, collect, directory):
+@pytest.mark.parametrize("params, found, closest", [
+    ({"evt_resolve_ad_ds": "AUTO"}, "Found DC='\\\\DC01.corp.example.test', DCsite=", True),
+    ({"evt_resolve_ad_ds": "pdc"}, "Found DC='\\\\DC02.corp.example.test', DCsite=", False),
+    # Named through the environment: the locator is not asked.
+    ({"evt_dc_name": "$SKORVA_TEST_DC", "evt_resolve_ad_ds": "pdc"}, "Found DC='DC02.corp.example.test'", True),
+], ids=["auto", "pdc", "named"])
+def test_the_closest_the_primary_or_the_named_controller(params, found, closest, collect, directory):
     sample = directory.root / "directory.txt"
     # DC02 becomes the primary controller, in another site than the client.
     sample.write_text(sample.read_text().replace("closest = yes\npdc = yes", "closest = yes")
                       .replace("domain_guid = {5b2e0f3c-8d4a-4c1e-9f6b-2a7d3e8c1b40}\n\n#",
                                "domain_guid = {5b2e0f3c-8d4a-4c1e-9f6b-2a7d3e8c1b40}\npdc = yes\n\n#", 1))
-    stream, log = collect([access()], evt_resolve_ad_ds=kind)
-    assert "Found DC='\\\\%s.corp.example.test', DCsite=" % found in log
+    stream, log = collect([access()], env={"SKORVA_TEST_DC": "DC02.corp.example.test"}, **params)
+    assert found in log
     assert ("Did not bind to the closest Domain Controller" in log) != closest
     assert b"Object Type:\tuser" in stream
+    assert directory.calls().get("DsGetDcNameW", 0) == (0 if "evt_dc_name" in params else 1)
