@@ -9,7 +9,7 @@ export CC=clang CXX=clang++ ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stac
 cmake -S "$src/tests/fuzz" -B "$build" -G Ninja >/dev/null
 cmake --build "$build" -j "${JOBS:-2}" >/dev/null
 "$build/native_unit_tests" --gtest_brief=1
-for target in config filter checkpoint stream sid utf16 evtrecord; do
+for target in config filter checkpoint stream tokens utf16 evtrecord; do
   corpus="$build/corpus/$target"
   rm -rf "$corpus" && mkdir -p "$corpus" && cp "$src/tests/fuzz/corpus/$target"/* "$corpus/"
   "$build/fuzz_$target" -runs="$runs" -max_len=16384 "$corpus" >"$build/fuzz_$target.log" 2>&1 || {

@@ -6,7 +6,13 @@
 Generates N Security records (default 200,000) with evtsim-store, then runs under
 Wine, one after the other over the same store:
   - the collector in classic text and in XML rendering, SID translation off and on,
-    no filters, until all N events are on its standard output, then Ctrl-C;
+    no filters, until all N events are on its standard output, then Ctrl-C; "SID
+    translation on" is evt_resolve_ad_obj on in a machine without a domain, so
+    directory objects stay as they are;
+  - the collector in classic text with evt_resolve_ad_obj on and the sample
+    directory of the demo (tools/dssim): directory objects translated, nearly all
+    through the cache (a handful of names serve every event), compared with the
+    run without a domain;
   - the reference reader (bench/refreader) in the variant that makes the event
     log calls the collector makes per event: "values" (values, publisher metadata,
     formatted fields and message) for classic text, "xmlvalues" (values and XML)
@@ -40,27 +46,33 @@ def wait_usage(proc):
     return proc.returncode, usage.ru_utime + usage.ru_stime, usage.ru_maxrss
 
 
-def config(render_xml, sids):
+def config(render_xml, resolve):
     return ("<input><server_host>bench</server_host><configuration>"
             "<stanza name='WinEventLog://Security'>"
             "<param name='index'>bench</param>"
             f"<param name='renderXml'>{'true' if render_xml else 'false'}</param>"
-            f"<param name='evt_resolve_ad_obj'>{'1' if sids else '0'}</param>"
+            f"<param name='evt_resolve_ad_obj'>{'1' if resolve else '0'}</param>"
             "<param name='batch_size'>100</param>"
             "<param name='checkpointInterval'>5</param>"
             "</stanza></configuration></input>").encode()
 
 
-def run_collector(build, env, count, render_xml, sids, workdir):
-    home = workdir / f"home-{int(render_xml)}{int(sids)}"
+def run_collector(build, env, count, render_xml, resolve, directory, workdir):
+    home = workdir / f"home-{int(render_xml)}{int(resolve)}{int(directory)}"
     shutil.rmtree(home, ignore_errors=True)
     (home / "etc").mkdir(parents=True)
     (home / "etc" / "log-cmdline.cfg").write_text("level = WARN\n")
     env = dict(env, SKORVA_HOME=winpath(home))
+    if directory:
+        folder = workdir / "directory"
+        shutil.rmtree(folder, ignore_errors=True)
+        folder.mkdir()
+        shutil.copyfile(ROOT / "examples" / "store" / "directory" / "directory.txt", folder / "directory.txt")
+        env["DSSIM_DIRECTORY"] = winpath(folder)
     start = time.monotonic()
     proc = subprocess.Popen([str(build / "wine-run"), str(build / "src" / "skorva-winevtlog.exe")],
                             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
-    proc.stdin.write(config(render_xml, sids))
+    proc.stdin.write(config(render_xml, resolve))
     proc.stdin.close()
     seen = 0
     elapsed = None
@@ -91,6 +103,16 @@ def run_reference(build, env, count, mode):
             "code": code}
 
 
+# name, XML rendering, evt_resolve_ad_obj, the sample directory
+RUNS = (
+    ("collector classic, SID translation off", False, False, False),
+    ("collector classic, SID translation on", False, True, False),
+    ("collector classic, directory translation on", False, True, True),
+    ("collector xml, SID translation off", True, False, False),
+    ("collector xml, SID translation on", True, True, False),
+)
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--build", default=str(ROOT / "build"))
@@ -99,12 +121,14 @@ def main():
     args = ap.parse_args()
     build = Path(args.build).resolve()
     subprocess.run([str(ROOT / "cmake" / "wine-fixture.sh"), "start", str(build / "wineprefix"),
-                    str(build / "tools" / "evtsim" / "wevtapi.dll")], check=True)
+                    str(build / "tools" / "evtsim" / "wevtapi.dll"), str(build / "tools" / "dssim" / "netapi32.dll"),
+                    str(build / "tools" / "dssim" / "ntdsapi.dll")], check=True)
     workdir = Path(tempfile.mkdtemp(prefix="skorva-bench-"))
     try:
         store = workdir / "store"
         env = dict(os.environ, EVTSIM_STORE=winpath(store))
         env.pop("SKORVAD_PROCESSID", None)
+        env.pop("DSSIM_DIRECTORY", None)
         t = time.monotonic()
         subprocess.run([str(build / "wine-run"), str(build / "tools" / "evtsim" / "evtsim-store.exe"),
                         "--store", winpath(store), "generate", "Security", str(args.count), "--seed", str(args.seed)],
@@ -113,20 +137,24 @@ def main():
         rows = []
         modes = ("values", "xmlvalues", "xml")
         ref = {m: run_reference(build, env, args.count, m) for m in modes}
-        for render_xml in (False, True):
-            for sids in (False, True):
-                r = run_collector(build, env, args.count, render_xml, sids, workdir)
-                base = ref["xmlvalues" if render_xml else "values"]
-                name = f"collector {'xml' if render_xml else 'classic'}, SID translation {'on' if sids else 'off'}"
-                ratio = (r["events"] / r["seconds"]) / (base["events"] / base["seconds"])
-                own = (r["cpu"] - base["cpu"]) / args.count * 1e6
-                rows.append((name, r, ratio, own))
+        results = {}
+        for name, render_xml, resolve, directory in RUNS:
+            r = run_collector(build, env, args.count, render_xml, resolve, directory, workdir)
+            results[name] = r
+            base = ref["xmlvalues" if render_xml else "values"]
+            ratio = (r["events"] / r["seconds"]) / (base["events"] / base["seconds"])
+            own = (r["cpu"] - base["cpu"]) / args.count * 1e6
+            rows.append((name, r, ratio, own))
         rows += [(f"reference reader {m}", ref[m], None, None) for m in modes]
         print(f"{'run':44} {'events':>8} {'events/s':>9} {'cpu s':>7} {'peak MiB':>9} {'ratio':>6} {'own us/ev':>9}")
         for name, r, ratio, own in rows:
             rate = r["events"] / r["seconds"] if r["seconds"] else 0
             print(f"{name:44} {r['events']:8d} {rate:9.0f} {r['cpu']:7.1f} {r['peak'] / 1024:9.1f} "
                   f"{'' if ratio is None else f'{ratio:6.2f}'} {'' if own is None else f'{own:9.1f}'}")
+        on, off = (results[f"collector classic, {w} translation on"] for w in ("directory", "SID"))
+        print(f"directory translation on / without a domain: events/s "
+              f"{(on['events'] / on['seconds']) / (off['events'] / off['seconds']):.3f}, "
+              f"cpu {on['cpu'] / off['cpu']:.3f}")
     finally:
         shutil.rmtree(workdir, ignore_errors=True)
 

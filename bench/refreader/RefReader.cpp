@@ -87,8 +87,8 @@ int wmain(int argc, wchar_t** argv) {
         else if (k == L"--batch") batch = static_cast<DWORD>(_wtoi(argv[i + 1]));
         else if (k == L"--count") expected = _wcstoui64(argv[i + 1], nullptr, 10);
     }
-    if (channel.empty() || batch == 0 || (mode != L"xml" && mode != L"values")) {
-        std::fputs("usage: refreader --channel NAME [--mode xml|values] [--batch N] [--count N]\n", stderr);
+    if (channel.empty() || batch == 0 || (mode != L"xml" && mode != L"values" && mode != L"xmlvalues")) {
+        std::fputs("usage: refreader --channel NAME [--mode xml|values|xmlvalues] [--batch N] [--count N]\n", stderr);
         return 2;
     }
     wchar_t sysdir[MAX_PATH];

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "eventlog/EvtApi.h"
+#include "filter/FilterRules.h"
 
 namespace skorva {
 
@@ -81,6 +82,9 @@ struct EventRecord {
     std::wstring message;             // formatted message text
     std::wstring xml;                 // XML rendering, when asked for
     EventFields fields;               // classic fields, in order
+    // Set when directory objects were translated: the rules naming their
+    // tokens were decided on the event as read.
+    TokenRules tokenRules = TokenRules::Undecided;
 
     // Adds a field unless its key is one of the excluded field names.
     void addField(std::wstring_view key, std::wstring_view value, const FieldNameSet& excluded) {
@@ -98,6 +102,7 @@ struct EventRecord {
         message.clear();
         xml.clear();
         fields.clear();
+        tokenRules = TokenRules::Undecided;
     }
 };
 

@@ -36,18 +36,17 @@ constexpr uint64_t kSlowTranslationMs = 10;
 
 ModernReader::ModernReader(const std::string& channelName, const std::wstring& channelNameW,
                            const ChannelSettings& settings, EventRenderer& renderer, SidTextTranslator& sids,
-                           CheckpointPolicy& checkpoints)
+                           AdObjectStep& adObjects, CheckpointPolicy& checkpoints)
     : channelName_(channelName),
       channelNameW_(channelNameW),
       settings_(settings),
       renderer_(renderer),
       sids_(sids),
+      adObjects_(adObjects),
       checkpoints_(checkpoints) {}
 
 bool ModernReader::prepare(const char* fn) {
     renderer_.closeRenderContext();
-    // Binding to a domain controller for evt_resolve_ad_obj comes with the
-    // directory translation (a later stage); SIDs are translated locally.
 
     notifyEvent_.reset(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
     if (!notifyEvent_) {
@@ -208,7 +207,6 @@ void ModernReader::uninit() {
         LOG_WARN("Failed to close renderContext for channel '%s' errorcode = %x", channelName_.c_str(),
                  static_cast<unsigned>(error));
     notifyEvent_.reset();
-    // The domain-controller binding is released here once it exists (a later stage).
     initialized_ = false;
     subscribed_ = false;
     eventsPending_ = false;
@@ -287,9 +285,13 @@ bool ModernReader::readEvent(EventBatch& records, uint32_t index, uint32_t count
             return false;
         }
     }
-    // Directory-object translation of the message (evt_resolve_ad_obj) belongs
-    // here; it comes with a later stage.
-    if (settings_.resolveAdObj) translateSids(record);
+    if (settings_.resolveAdObj) {
+        if (!adObjects_.apply(record)) {
+            records.pop_back();
+            return true;
+        }
+        translateSids(record);
+    }
     if (!settings_.renderXml) addMessageField(record, settings_);
     return true;
 }

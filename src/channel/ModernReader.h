@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "channel/AdObjectStep.h"
 #include "channel/ChannelReader.h"
 #include "channel/EventRecord.h"
 #include "channel/EventRenderer.h"
@@ -22,7 +23,8 @@ namespace skorva {
 class ModernReader : public ChannelReader {
 public:
     ModernReader(const std::string& channelName, const std::wstring& channelNameW, const ChannelSettings& settings,
-                 EventRenderer& renderer, SidTextTranslator& sids, CheckpointPolicy& checkpoints);
+                 EventRenderer& renderer, SidTextTranslator& sids, AdObjectStep& adObjects,
+                 CheckpointPolicy& checkpoints);
     ModernReader(const ModernReader&) = delete;
     ModernReader& operator=(const ModernReader&) = delete;
 
@@ -80,6 +82,7 @@ private:
     const ChannelSettings& settings_;
     EventRenderer& renderer_;
     SidTextTranslator& sids_;
+    AdObjectStep& adObjects_;
     CheckpointPolicy& checkpoints_;
 
     UniqueEvtHandle resultHandle_;

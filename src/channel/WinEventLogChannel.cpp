@@ -1,6 +1,7 @@
 #include "channel/WinEventLogChannel.h"
 
 #include "eventlog/WinEventLogAPIInitializer.h"
+#include "platform/Clock.h"
 #include "platform/Logger.h"
 
 namespace skorva {
@@ -13,7 +14,7 @@ WinEventLogChannel::WinEventLogChannel(std::string channelName, ChannelSettings 
 WinEventLogChannel::~WinEventLogChannel() {
     LOG_DEBUG("%s destroying instance of WinEventLogChannel", "WinEventLogChannel::~WinEventLogChannel");
     checkpoints_.finalCheckpoint();
-    if (active_->initialized()) active_->uninit();
+    if (active_->initialized()) uninit();
     cleanMetadataHandleCache(true);
 }
 
@@ -33,6 +34,7 @@ bool WinEventLogChannel::init() {
                   channelName_.c_str());
         return fail();
     }
+    if (settings_.resolveAdObj) bindDomainController(fn);
     const bool useLegacy = settings_.useOldApi || !WinEventLogAPIInitializer::isEvtApiAvailable();
     active_ = useLegacy ? static_cast<ChannelReader*>(&legacy_) : &reader_;
     checkpoints_.setLegacy(useLegacy);
@@ -42,6 +44,24 @@ bool WinEventLogChannel::init() {
     active_->opened();
     LOG_INFO("%s: Successfully Initialized channel %s", fn, channelName_.c_str());
     return true;
+}
+
+void WinEventLogChannel::uninit() {
+    active_->uninit();
+    dc_.unbind();
+}
+
+// A channel whose controller cannot be bound still reads: its tokens stay as
+// they are until a later bind succeeds.
+void WinEventLogChannel::bindDomainController(const char* fn) {
+    LOG_INFO("%s: Binding to DC to translate guids/sids for channel='%S'", fn, channelNameW_.c_str());
+    const uint64_t started = tickNow();
+    const bool bound = dc_.bind(settings_.dcName, settings_.dnsName, settings_.dcKind);
+    const auto took = static_cast<unsigned long long>(tickNow() - started);
+    if (bound)
+        LOG_INFO("%s: Successfully bound to DC, dc_bind_time=%llu msec", fn, took);
+    else
+        LOG_ERROR("%s: Failed to bind to DC, dc_bind_time=%llu msec", fn, took);
 }
 
 bool WinEventLogChannel::includeEventWithEvtcodeMessage(const std::string& key, const std::string& value) const {

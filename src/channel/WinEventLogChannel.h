@@ -2,17 +2,20 @@
 // The reader of one event log channel. The work is done by units of its own
 // behind these names: the modern reader (ModernReader) or, for classic logs read
 // through the classic API, the legacy reader (LegacyReader), both behind the
-// ChannelReader interface; the checkpoint policy (checkpoint/CheckpointPolicy),
-// the directory-object cache and the blacklist memo (directory/).
+// ChannelReader interface; the checkpoint policy (checkpoint/CheckpointPolicy);
+// the directory step (AdObjectStep) with the directory-object cache, the name
+// insertion and the blacklist memo (directory/).
 
 #include <cstdint>
 #include <string>
 
+#include "channel/AdObjectStep.h"
 #include "channel/LegacyReader.h"
 #include "channel/ModernReader.h"
 #include "channel/WinEventLogChannelBase.h"
 #include "checkpoint/CheckpointPolicy.h"
 #include "directory/AdObjBlacklistMemo.h"
+#include "directory/AdObjectNames.h"
 #include "directory/WinLookupAdObjCache.h"
 
 namespace skorva {
@@ -30,8 +33,9 @@ public:
     // after the last event sent; with the classic API (use_old_eventlog_api, or
     // no modern API on the system) the log, read backwards or forwards alike.
     bool init();
-    // Closes the handles and the notify event.
-    void uninit() { active_->uninit(); }
+    // Closes the handles and the notify event, and lets the domain controller
+    // binding go.
+    void uninit();
     // Appends the events read in this call (bounded, about 3000 at most).
     void getEventsNew(EventBatch& records) { active_->getEvents(records); }
     bool initialized() const { return active_->initialized(); }
@@ -105,15 +109,22 @@ public:
     // The legacy reader's position, written as a checkpoint string.
     CheckpointMap& checkpointMap() { return checkpoints_.checkpointMap(); }
 
-    // ---- Directory-object cache and blacklist memo
+    // ---- Directory objects
+    // Appends `message` to `out` with the directory's names in place of its
+    // tokens (and replaces them in a non-empty `xml`); 1 when a token was
+    // translated, or the blacklist ended the scan (blacklistCheck).
+    uint8_t insertAdObjectNames(const EventRecord& event, const std::wstring& message, std::string& out,
+                                std::wstring& xml, bool blacklistCheck, int depth) {
+        return adNames_.insert(event.eventCode, message, out, xml, blacklistCheck, depth);
+    }
     WinLookupAdObjCache& adObjCache() { return adObjCache_; }
     AdObjBlacklistMemo& adObjBlacklistMemo() { return adObjBlacklistMemo_; }
 
 private:
+    // Binds to the domain controller for evt_resolve_ad_obj, with its timing lines.
+    void bindDomainController(const char* fn);
+
     CheckpointPolicy checkpoints_{channelName_, channelNameW_, settings_};
-    ModernReader reader_{channelName_, channelNameW_, settings_, renderer_, sids_, checkpoints_};
-    LegacyReader legacy_{channelName_, channelNameW_, settings_, messageFiles_, sids_, checkpoints_};
-    ChannelReader* active_ = &reader_;  // chosen by init()
     // Settings from the stanza the channel is made with.
     WinLookupAdObjCache adObjCache_{
         [this](const std::wstring& object, std::wstring& out, DWORD offered, DWORD wanted) {
@@ -121,6 +132,11 @@ private:
         },
         settings_.adCache};
     AdObjBlacklistMemo adObjBlacklistMemo_;
+    AdObjectNames adNames_{settings_, adObjCache_, adObjBlacklistMemo_};
+    AdObjectStep adObjects_{settings_, adNames_, adObjBlacklistMemo_};
+    ModernReader reader_{channelName_, channelNameW_, settings_, renderer_, sids_, adObjects_, checkpoints_};
+    LegacyReader legacy_{channelName_, channelNameW_, settings_, messageFiles_, sids_, checkpoints_};
+    ChannelReader* active_ = &reader_;  // chosen by init()
 };
 
 }  // namespace skorva

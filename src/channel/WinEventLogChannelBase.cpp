@@ -26,6 +26,9 @@ bool WinEventLogChannelBase::getWECSubscriptionProperty(EC_HANDLE subscription, 
     return CollectorSubscriptionCheck::getProperty(subscription, id, value);
 }
 
-bool WinEventLogChannelBase::transADObject(const std::wstring&, std::wstring&, DWORD, DWORD) { return false; }
+bool WinEventLogChannelBase::transADObject(const std::wstring& object, std::wstring& out, DWORD offeredFormat,
+                                           DWORD wantedFormat) {
+    return adTranslator_.translate(object, out, offeredFormat, wantedFormat);
+}
 
 }  // namespace skorva

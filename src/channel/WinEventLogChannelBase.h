@@ -3,8 +3,9 @@
 // a unit of its own behind these names: the event-code filter (the channel's
 // FilterSet), rendering (EventRenderer), message formatting with the publisher
 // cache (MessageFormatter), the classic path's message files
-// (LegacyMessageFiles), SID translation (SidTextTranslator) and the event
-// collector subscription check (CollectorSubscriptionCheck).
+// (LegacyMessageFiles), SID translation (SidTextTranslator), the event
+// collector subscription check (CollectorSubscriptionCheck) and the domain
+// controller binding (EvtDC) with its translations (AdObjectTranslator).
 
 #include <cstdint>
 #include <string>
@@ -15,6 +16,8 @@
 #include "channel/LegacyMessageFiles.h"
 #include "channel/MessageFormatter.h"
 #include "config/ChannelSettings.h"
+#include "directory/AdObjectTranslator.h"
+#include "directory/EvtDC.h"
 #include "directory/SidTextTranslator.h"
 #include "eventlog/EvtApi.h"
 
@@ -76,9 +79,12 @@ public:
     // of the message with their account names.
     void translateSidLocally(std::string& message, std::wstring& xml) { sids_.translate(message, xml); }
 
-    // ---- Directory translation (bound to a domain controller by a later stage).
+    // ---- Directory translation through the channel's domain controller:
+    // `offeredFormat` 0 for a GUID in braces, 1 for a SID; `wantedFormat` a
+    // DS_NAME_FORMAT.
     virtual bool transADObject(const std::wstring& object, std::wstring& out, DWORD offeredFormat,
                                DWORD wantedFormat);
+    EvtDC& evtDC() { return dc_; }
 
 protected:
     std::string channelName_;
@@ -88,6 +94,8 @@ protected:
     EventRenderer renderer_{channelName_, settings_, formatter_};
     SidTextTranslator sids_;
     LegacyMessageFiles messageFiles_{channelName_};  // the classic path's messages
+    EvtDC dc_;
+    AdObjectTranslator adTranslator_{dc_};
 };
 
 }  // namespace skorva

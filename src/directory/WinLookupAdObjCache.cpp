@@ -43,12 +43,14 @@ bool WinLookupAdObjCache::lookupAdObj(const std::wstring& object, DWORD offeredF
     static const char* const kFn = "WinEventLogChannel::WinLookupAdObjCache::lookupAdObj";
     if (settings_.disabled) return translate_(object, out, offeredFormat, wantedFormat);
 
-    Key key{object, static_cast<int32_t>(offeredFormat), static_cast<int32_t>(wantedFormat)};
-    auto found = entries_.find(key);
+    const KeyView view{object, static_cast<int32_t>(offeredFormat), static_cast<int32_t>(wantedFormat)};
+    auto found = entries_.find(view);
     if (found != entries_.end()) {
         const Entry& e = found->second;
         const uint64_t now = tickNow();
-        uint32_t& hits = hits_[key];
+        auto counter = hits_.find(view);
+        if (counter == hits_.end()) counter = hits_.emplace(found->first, 0).first;
+        uint32_t& hits = counter->second;
         const uint64_t left = e.expiry >= now ? e.expiry - now : 0;
         LOG_INFO("%s: Cached ad object is adObj='%S' expiry_in=%llu sec hits=%d", kFn, object.c_str(),
                  static_cast<unsigned long long>(left / 1000 + (left % 1000 ? 1 : 0)), static_cast<int>(hits));
@@ -61,9 +63,10 @@ bool WinLookupAdObjCache::lookupAdObj(const std::wstring& object, DWORD offeredF
         }
         hits = 1;
     } else {
-        ageQueue_.push_back(key);
-        hits_[key] = 1;
+        ageQueue_.push_back(Key{object, view.offered, view.wanted});
+        hits_[ageQueue_.back()] = 1;
     }
+    const Key key{object, view.offered, view.wanted};
 
     const bool ok = translate_(object, out, offeredFormat, wantedFormat);
     if (entries_.size() > settings_.maxEntries) removeOldestKey();

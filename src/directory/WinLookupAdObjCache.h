@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "config/CacheSettings.h"
 
@@ -50,10 +51,20 @@ private:
         std::wstring text;
         int32_t offered;
         int32_t wanted;
-        bool operator<(const Key& o) const {
-            if (int c = text.compare(o.text)) return c < 0;
-            if (offered != o.offered) return offered < o.offered;
-            return wanted < o.wanted;
+    };
+    // A key looked up without copying its text (a hit allocates nothing).
+    struct KeyView {
+        std::wstring_view text;
+        int32_t offered;
+        int32_t wanted;
+    };
+    struct KeyLess {
+        using is_transparent = void;
+        template <class A, class B>
+        bool operator()(const A& a, const B& b) const {
+            if (int c = std::wstring_view(a.text).compare(std::wstring_view(b.text))) return c < 0;
+            if (a.offered != b.offered) return a.offered < b.offered;
+            return a.wanted < b.wanted;
         }
     };
     struct Entry {
@@ -64,8 +75,8 @@ private:
 
     uint32_t hitsOf(const Key& key) const;
 
-    std::map<Key, Entry> entries_;
-    std::map<Key, uint32_t> hits_;
+    std::map<Key, Entry, KeyLess> entries_;
+    std::map<Key, uint32_t, KeyLess> hits_;
     std::deque<Key> ageQueue_;
     Translate translate_;
     AdCacheSettings settings_;

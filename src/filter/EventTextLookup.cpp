@@ -153,6 +153,14 @@ bool eventDataValue(std::string_view xml, std::string_view name, std::string_vie
 
 }  // namespace
 
+bool lookupMessageValue(std::string_view message, std::string_view key, std::string_view& value) {
+    if (key == "Message") {
+        value = message;
+        return true;
+    }
+    return key == kObjectTypeKey && messageLineValue(message, key, value);
+}
+
 bool lookupClassicValue(std::string_view text, std::string_view key, std::string_view& value) {
     if (key == kObjectTypeKey) {
         std::string_view message;

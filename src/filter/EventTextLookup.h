@@ -19,6 +19,9 @@ inline constexpr std::string_view kObjectTypeKey = "Object Type";
 
 bool lookupClassicValue(std::string_view text, std::string_view key, std::string_view& value);
 bool lookupXmlValue(std::string_view xml, std::string_view key, std::string_view& value);
+// A message-bearing key ("Message", "Object Type") in a message alone, as the
+// classic text would give it; false for any other key.
+bool lookupMessageValue(std::string_view message, std::string_view key, std::string_view& value);
 
 inline bool lookupEventValue(std::string_view text, bool xml, std::string_view key, std::string_view& value) {
     return xml ? lookupXmlValue(text, key, value) : lookupClassicValue(text, key, value);

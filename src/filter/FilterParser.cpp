@@ -155,6 +155,7 @@ void addFilterRule(const std::string& settingName, const FilterRuleMap& rule, bo
         }
         LOG_INFO("Processing: '%s', key='%s', regex='%s'", name, key.c_str(), pattern.c_str());
         if (needsFormattedMessage(key, pattern, whitelist)) needsMessage = true;
+        if (pattern.find('{') != std::string::npos) compiled.namesTokens = true;
         compiled.keys.push_back(KeyRegex{key, pattern, std::move(regex)});
     }
     // A rule left without keys would pass every event: it is not kept.

@@ -26,7 +26,14 @@ struct KeyRegex {
 // rules of a list, the first that passes decides.
 struct FilterRule {
     std::vector<KeyRegex> keys;  // in key order
+    // A pattern holds "{": the rule names directory objects by the tokens the
+    // event carries ("%{bf967aba-...}"), which translation replaces with names.
+    bool namesTokens = false;
 };
+
+// What the rules naming tokens decided on an event as it was read, before its
+// directory objects were translated (Undecided: nothing was translated).
+enum class TokenRules : uint8_t { Undecided, Whitelisted, NotWhitelisted };
 
 // All rules of one kind (whitelist or blacklist) of a channel.
 struct FilterList {

@@ -4,7 +4,6 @@
 #include <mutex>
 
 #include "platform/Logger.h"
-#include "platform/Strings.h"
 
 namespace skorva {
 
@@ -18,24 +17,6 @@ bool EventOutput::write(const ModinputEvent& record) {
               "without checkpointing past the last event written",
               "WinEventMon::processEvent", errno);
     return false;
-}
-
-void classicText(const EventFields& fields, std::string& out) {
-    out.clear();
-    for (const auto [key, value] : fields) {
-        if (!key.empty() && key[0] != L'$') {
-            appendNarrow(key, out);
-            out += '=';
-        }
-        appendNarrow(value, out);
-        if (value.empty() || value.back() != L'\n') out += '\n';
-    }
-    size_t end = out.size();
-    while (end > 0 && isSpace(out[end - 1])) --end;
-    out.resize(end);
-    size_t begin = 0;
-    while (begin < out.size() && isSpace(out[begin])) ++begin;
-    out.erase(0, begin);
 }
 
 }  // namespace skorva

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "channel/ClassicText.h"
 #include "channel/EventRecord.h"
 #include "modinput/EventStreamWriter.h"
 #include "platform/Handles.h"
@@ -31,9 +32,5 @@ private:
     std::unique_ptr<EventStreamWriter> writer_;
     std::atomic<bool> broken_{false};
 };
-
-// The classic text of an event: "key=value" per field, "$"-keys by their value
-// alone, each value ended by a line feed, the whole trimmed.
-void classicText(const EventFields& fields, std::string& out);
 
 }  // namespace skorva

@@ -115,7 +115,8 @@ void CALLBACK WinEventMon::ProcessChannelWaitWorker(void* param, BOOLEAN /*timed
     w.monitor->dispatcher_.signalled(w);
 }
 
-bool WinEventMon::include_event(const std::string& text, const std::string& stanzaName) const {
+bool WinEventMon::include_event(const std::string& text, const std::string& stanzaName,
+                                TokenRules tokenRules) const {
     static const char* const fn = "WinEventMon::include_event";
     LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, stanzaName.c_str());
     auto it = stanzaChannels_.find(stanzaName);
@@ -124,7 +125,7 @@ bool WinEventMon::include_event(const std::string& text, const std::string& stan
     if (!channel) return true;
     const ChannelSettings& s = channel->settings();
     if (s.filters.onMessage) return true;  // decided by includeMessageKeys once the message is formatted
-    return s.filters.admitsText(text, s.renderXml, fn);
+    return s.filters.admitsText(text, s.renderXml, fn, tokenRules);
 }
 
 bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch) {
@@ -138,8 +139,8 @@ bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScra
     else
         classicText(event.fields, record.data);
 
-    if (!include_event(record.data, settings.stanzaName)) return false;
-    if (settings.filters.onMessage && !includeMessageKeys(channel, scratch)) return false;
+    if (!include_event(record.data, settings.stanzaName, event.tokenRules)) return false;
+    if (settings.filters.onMessage && !includeMessageKeys(channel, scratch, event.tokenRules)) return false;
 
     char time[24];
     snprintf(time, sizeof time, "%llu", static_cast<unsigned long long>(event.time));
@@ -155,11 +156,12 @@ bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScra
 
 // The message is part of the event's text by now: the rules are decided as on
 // any other event, rule by rule ("Object Type" is read from the message).
-bool WinEventMon::includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch) const {
+bool WinEventMon::includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch,
+                                     TokenRules tokenRules) const {
     static const char* const fn = "WinEventMon::includeMessageKeys";
     const ChannelSettings& settings = channel.settings();
     LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, settings.stanzaName.c_str());
-    return settings.filters.admitsText(scratch.record.data, settings.renderXml, fn);
+    return settings.filters.admitsText(scratch.record.data, settings.renderXml, fn, tokenRules);
 }
 
 bool WinEventMon::systemIsVistaOrLater() const {

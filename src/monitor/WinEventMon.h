@@ -59,7 +59,10 @@ public:
 
     // ---- Whitelist/blacklist rules on the rendered text of one event of the
     // stanza's channel (classic key=value text or XML, as the channel renders).
-    bool include_event(const std::string& text, const std::string& stanzaName) const;
+    // `tokenRules`: what the rules naming directory-object tokens decided on the
+    // event before its objects were translated.
+    bool include_event(const std::string& text, const std::string& stanzaName,
+                       TokenRules tokenRules = TokenRules::Undecided) const;
 
     // The channel name a stanza name carries: after "://", else after ":".
     static std::string channelFromStanza(const std::string& stanzaName);
@@ -98,7 +101,7 @@ protected:
 
 private:
     // The rules of a channel whose filters wait for the formatted message.
-    bool includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch) const;
+    bool includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch, TokenRules tokenRules) const;
 
     std::wstring checkpointDir_;
     ChannelCatalog catalog_;
