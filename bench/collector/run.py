@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Measures the collector against the reference reader over one generated store.
 
-    bench/collector/run.py [--build DIR] [--count N] [--seed S]
+    bench/collector/run.py [--build DIR] [--count N] [--seed S] [--scale]
 
 Generates N Security records (default 200,000) with evtsim-store, then runs under
 Wine, one after the other over the same store:
@@ -21,6 +21,10 @@ For each it prints events per second (N over the time from start to the last
 event), CPU seconds and peak memory of the Wine process, the ratio of each
 collector run to the reference run of the same rendering, and the collector's
 own CPU per event (its CPU seconds minus the reference's, over N).
+
+With --scale it measures instead how the collector scales, classic text, batches
+of 1,000: one channel and four channels read at once (N records each), each with
+no writer threads and with use_threads 3, as aggregate events per second.
 """
 import argparse
 import os
@@ -46,18 +50,23 @@ def wait_usage(proc):
     return proc.returncode, usage.ru_utime + usage.ru_stime, usage.ru_maxrss
 
 
-def config(render_xml, resolve):
-    return ("<input><server_host>bench</server_host><configuration>"
-            "<stanza name='WinEventLog://Security'>"
-            "<param name='index'>bench</param>"
-            f"<param name='renderXml'>{'true' if render_xml else 'false'}</param>"
-            f"<param name='evt_resolve_ad_obj'>{'1' if resolve else '0'}</param>"
-            "<param name='batch_size'>100</param>"
-            "<param name='checkpointInterval'>5</param>"
-            "</stanza></configuration></input>").encode()
+SCALE_CHANNELS = ("Security", "Application", "System", "Setup")
 
 
-def run_collector(build, env, count, render_xml, resolve, directory, workdir):
+def config(render_xml, resolve, channels=("Security",), batch=100, threads=0):
+    stanzas = "".join(
+        f"<stanza name='WinEventLog://{name}'>"
+        "<param name='index'>bench</param>"
+        f"<param name='renderXml'>{'true' if render_xml else 'false'}</param>"
+        f"<param name='evt_resolve_ad_obj'>{'1' if resolve else '0'}</param>"
+        f"<param name='batch_size'>{batch}</param>"
+        f"<param name='use_threads'>{threads}</param>"
+        "<param name='checkpointInterval'>5</param>"
+        "</stanza>" for name in channels)
+    return f"<input><server_host>bench</server_host><configuration>{stanzas}</configuration></input>".encode()
+
+
+def run_collector(build, env, count, render_xml, resolve, directory, workdir, document=None):
     home = workdir / f"home-{int(render_xml)}{int(resolve)}{int(directory)}"
     shutil.rmtree(home, ignore_errors=True)
     (home / "etc").mkdir(parents=True)
@@ -72,7 +81,7 @@ def run_collector(build, env, count, render_xml, resolve, directory, workdir):
     start = time.monotonic()
     proc = subprocess.Popen([str(build / "wine-run"), str(build / "src" / "skorva-winevtlog.exe")],
                             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
-    proc.stdin.write(config(render_xml, resolve))
+    proc.stdin.write(document or config(render_xml, resolve))
     proc.stdin.close()
     seen = 0
     elapsed = None
@@ -113,11 +122,35 @@ RUNS = (
 )
 
 
+def generate(build, store, channel, count, seed):
+    subprocess.run([str(build / "wine-run"), str(build / "tools" / "evtsim" / "evtsim-store.exe"),
+                    "--store", winpath(store), "generate", channel, str(count), "--seed", str(seed)],
+                   check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+
+
+def scale(build, env, count, seed, workdir):
+    """Aggregate rate of one and four channels, without and with writer threads."""
+    for i, channel in enumerate(SCALE_CHANNELS[1:]):
+        generate(build, workdir / "store", channel, count, seed + 1 + i)
+    print(f"{'run':44} {'events':>8} {'events/s':>9} {'cpu s':>7} {'peak MiB':>9} {'ratio':>6}")
+    base = None
+    for channels in (SCALE_CHANNELS[:1], SCALE_CHANNELS):
+        for threads in (0, 3):
+            total = count * len(channels)
+            r = run_collector(build, env, total, False, False, False, workdir,
+                              config(False, False, channels, batch=1000, threads=threads))
+            rate = r["events"] / r["seconds"]
+            base = base or rate
+            name = f"{len(channels)} channel(s), use_threads {threads}"
+            print(f"{name:44} {r['events']:8d} {rate:9.0f} {r['cpu']:7.1f} {r['peak'] / 1024:9.1f} {rate / base:6.2f}")
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--build", default=str(ROOT / "build"))
     ap.add_argument("--count", type=int, default=200000)
     ap.add_argument("--seed", type=int, default=42)
+    ap.add_argument("--scale", action="store_true")
     args = ap.parse_args()
     build = Path(args.build).resolve()
     subprocess.run([str(ROOT / "cmake" / "wine-fixture.sh"), "start", str(build / "wineprefix"),
@@ -130,10 +163,10 @@ def main():
         env.pop("SKORVAD_PROCESSID", None)
         env.pop("DSSIM_DIRECTORY", None)
         t = time.monotonic()
-        subprocess.run([str(build / "wine-run"), str(build / "tools" / "evtsim" / "evtsim-store.exe"),
-                        "--store", winpath(store), "generate", "Security", str(args.count), "--seed", str(args.seed)],
-                       check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        generate(build, store, "Security", args.count, args.seed)
         print(f"generated {args.count} Security records in {time.monotonic() - t:.1f} s")
+        if args.scale:
+            return scale(build, env, args.count, args.seed, workdir)
         rows = []
         modes = ("values", "xmlvalues", "xml")
         ref = {m: run_reference(build, env, args.count, m) for m in modes}
