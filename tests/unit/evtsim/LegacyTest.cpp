@@ -1,13 +1,9 @@
 // The legacy face: OpenEventLogW, ReadEventLogW, the counters and CloseEventLog over
-// the store, the EVENTLOGRECORD layout, the registry of classic logs, and the test
-// build's message files read with Wine's own loader and FormatMessageW.
+// the store, and the EVENTLOGRECORD layout. (The registered message files are read
+// through the product's legacy reader, channel/LegacyTest.)
 #include <algorithm>
 #include <cstring>
-#include <cwctype>
 #include <memory>
-#include <optional>
-#include <set>
-#include <type_traits>
 
 #include "EvtsimTestUtil.h"
 #include "Legacy.h"
@@ -122,21 +118,12 @@ TEST_F(LegacyTest, RecordLayout) {
               types);
 }
 
-// Arguments are checked before the handle (Wine's conformance test, test_read and
-// test_count, run on Windows); a modern handle is no legacy one.
+// Arguments are checked before the handle (Wine's conformance test, test_read, run
+// on Windows).
 TEST_F(LegacyTest, ArgumentsBeforeTheHandle) {
-    BYTE buf[64];
-    DWORD got = 0, needed = 0, n = 0xdeadbeef;
-    const auto error = [](BOOL ok) { return ok ? 0 : GetLastError(); };
-    EXPECT_EQ((std::vector<DWORD>{87, 6, 87, 87, 6, 0xdeadbeef}),
-              (std::vector<DWORD>{error(evtsim::ReadEventLogW(nullptr, kFwd, 1, nullptr, 64, &got, &needed)),
-                                  error(evtsim::ReadEventLogW(nullptr, kFwd, 1, buf, 64, &got, &needed)),
-                                  error(evtsim::ReadEventLogW(openLog(L"Application").get(), kSeekFwd | kFwd, 1, buf, 64,
-                                                              &got, &needed)),
-                                  error(evtsim::GetOldestEventLogRecord(nullptr, nullptr)),
-                                  error(evtsim::GetNumberOfEventLogRecords(nullptr, &n)), n}));
-    UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"Application", nullptr, EvtQueryChannelPath));
-    EXPECT_FALSE(evtsim::CloseEventLog(q.get()));
+    DWORD got = 0, needed = 0;
+    EXPECT_FALSE(evtsim::ReadEventLogW(nullptr, kFwd, 1, nullptr, 64, &got, &needed));
+    EXPECT_EQ(87u, GetLastError());
 }
 
 // Reading on from where the last call left off, in either direction, or from a
@@ -197,151 +184,19 @@ TEST_F(LegacyTest, EndNewRecordsAndClear) {
     EXPECT_EQ((std::vector<DWORD>{7, 8}), read(openLog(L"Application").get(), kFwd).numbers);
 }
 
-// Which log a name opens: the log, a registered source's log, else Application
-// ("If you specify a custom log and it cannot be found, the event logging service
-// opens the Application log", OpenEventLogW); remote servers are not simulated.
+// Which log a name opens: the log, whatever its case, else Application ("If you
+// specify a custom log and it cannot be found, the event logging service opens the
+// Application log", OpenEventLogW). Handle values are never used twice.
 TEST_F(LegacyTest, OpenResolvesNames) {
-    evtsim::LegacySource source;
-    source.log = L"System", source.name = L"Evtsim-SystemSource";
-    evtsim::LegacyRegistration reg(store.root(), {source});
-    const struct {
-        const wchar_t *server, *name;
-        DWORD records, error;  // 5 records: Application, 1: System
-    } cases[] = {
-        {nullptr, L"system", 1, 0},
-        {nullptr, L"NoSuchLog", 5, 0},
-        {nullptr, L"Evtsim-SystemSource", 1, 0},
-        {L"\\\\far-away", L"System", 0, RPC_S_SERVER_UNAVAILABLE},
-    };
-    for (const auto& c : cases) {
-        LogHandle h(evtsim::OpenEventLogW(c.server, c.name));
+    for (auto [name, records] : {std::pair{L"system", 1ul}, {L"NoSuchLog", 5ul}}) {
+        LogHandle h = openLog(name);
         DWORD n = 0;
-        EXPECT_EQ(c.error, h ? 0 : GetLastError()) << c.name;
-        EXPECT_EQ(c.records, h && evtsim::GetNumberOfEventLogRecords(h.get(), &n) ? n : 0) << c.name;
+        EXPECT_TRUE(h && evtsim::GetNumberOfEventLogRecords(h.get(), &n));
+        EXPECT_EQ(records, n);
     }
     HANDLE h = evtsim::OpenEventLogW(nullptr, L"System");
     EXPECT_TRUE(evtsim::CloseEventLog(h));
-    EXPECT_FALSE(evtsim::CloseEventLog(h));  // handle values are never used twice
-}
-
-// ---- the registry and the message files --------------------------------------
-
-const std::wstring kClassicKey = std::wstring(evtsim::kEventLogKey) + L"\\Application\\Evtsim-Classic";
-
-std::wstring regString(const std::wstring& key, const wchar_t* value) {
-    wchar_t buf[1024];
-    DWORD size = sizeof buf;
-    return RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value, RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, nullptr, buf, &size) ? L"" : buf;
-}
-
-std::set<std::wstring> classicLogs() {
-    std::set<std::wstring> names;
-    HKEY key = nullptr;
-    wchar_t name[256];
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, evtsim::kEventLogKey, 0, KEY_READ, &key)) return names;
-    for (DWORD i = 0, n = 256; RegEnumKeyExW(key, i, name, &n, nullptr, nullptr, nullptr, nullptr) == 0; ++i, n = 256)
-        names.insert(name);
-    RegCloseKey(key);
-    return names;
-}
-
-using Module = std::unique_ptr<std::remove_pointer_t<HMODULE>, decltype(&FreeLibrary)>;
-
-// The modules of a registry value: several files, ';'-separated, with environment
-// variables, loaded as data files; those that do not load are left out.
-std::vector<Module> modules(const wchar_t* value) {
-    wchar_t expanded[2048];
-    std::vector<Module> out;
-    if (!ExpandEnvironmentStringsW(regString(kClassicKey, value).c_str(), expanded, 2048)) return out;
-    std::wstring list = expanded;
-    for (size_t at = 0, semi; at < list.size(); at = semi + 1) {
-        semi = std::min(list.find(L';', at), list.size());
-        if (HMODULE m = LoadLibraryExW(list.substr(at, semi - at).c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE))
-            out.emplace_back(m, &FreeLibrary);
-    }
-    return out;
-}
-
-DWORD formatFrom(HMODULE m, DWORD id, DWORD_PTR* args, std::wstring& out) {
-    wchar_t buf[8192];
-    const DWORD flags = FORMAT_MESSAGE_FROM_HMODULE | (args ? FORMAT_MESSAGE_ARGUMENT_ARRAY : FORMAT_MESSAGE_IGNORE_INSERTS);
-    out.assign(buf, FormatMessageW(flags, m, id, 0, buf, 8192, reinterpret_cast<va_list*>(args)));
-    return out.empty() ? GetLastError() : 0;
-}
-
-// A classic reader's description: the first message file that holds the event
-// formats the record's strings; each %%n is then the parameter file's string n
-// without its line break.
-DWORD classicMessage(const std::vector<Module>& files, HMODULE params, const Rec& r, std::wstring& text) {
-    std::vector<DWORD_PTR> args(99, reinterpret_cast<DWORD_PTR>(L""));  // inserts the record lacks stay empty
-    for (size_t i = 0; i < r.strings.size(); ++i) args[i] = reinterpret_cast<DWORD_PTR>(r.strings[i].c_str());
-    DWORD error = ERROR_MR_MID_NOT_FOUND;
-    auto file = std::find_if(files.begin(), files.end(), [&](const Module& m) { return !(error = formatFrom(m.get(), r.head.EventID, args.data(), text)); });
-    if (file == files.end()) return error;
-    for (size_t at; (at = text.find(L"%%")) != std::wstring::npos;) {
-        size_t end = at + 2, id = 0;
-        for (; end < text.size() && iswdigit(text[end]); ++end) id = id * 10 + (text[end] - L'0');
-        std::wstring param;
-        if (formatFrom(params, static_cast<DWORD>(id), nullptr, param)) return ERROR_MR_MID_NOT_FOUND;
-        text.replace(at, end - at, param.substr(0, param.find_last_not_of(L"\r\n") + 1));
-    }
-    return 0;
-}
-
-// The generator's classic source through both faces: Wine's real LoadLibraryExW
-// and FormatMessageW over the test build's message files give, for every event
-// whose strings are complete, the text the modern face formats from the source's
-// provider file. The registration makes keys for classic logs only (a channel
-// name with a '/' gets none, as on Windows) and lasts as long as its object.
-TEST(LegacyRegistryTest, MessageFilesFormatAsTheModernFace) {
-    EvtsimStore store;
-    store.generate("Application", 1000, 3);
-    for (const char* c : {"Evtsim-Custom", "Microsoft-Windows-Test/Operational"}) store.createChannel(c);
-    std::optional<evtsim::LegacyRegistration> reg(std::in_place, store.root(), evtsim::sampleLegacySources());
-    ASSERT_EQ(ERROR_SUCCESS, reg->error());
-    std::set<std::wstring> logs = classicLogs();
-    EXPECT_TRUE(logs.count(L"Application") && logs.count(L"Evtsim-Custom"));
-    EXPECT_FALSE(logs.count(L"Microsoft-Windows-Test/Operational"));
-    std::vector<Module> files = modules(L"EventMessageFile"), params = modules(L"ParameterMessageFile"),
-                        categories = modules(L"CategoryMessageFile");
-    ASSERT_TRUE(files.size() == 2 && params.size() == 1 && categories.size() == 1)
-        << "message files missing from System32: the Wine fixture installs them";
-    std::wstring category;
-    EXPECT_EQ(0u, formatFrom(categories[0].get(), 2, nullptr, category));
-    EXPECT_EQ(L"Storage\r\n", category);
-
-    UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"Application", nullptr, EvtQueryChannelPath));
-    auto events = readAll(q.get());
-    UniqueEvtHandle pub(evtsim::EvtOpenPublisherMetadata(nullptr, L"Evtsim-Classic", nullptr, 0, 0));
-    LogHandle log = openLog(L"Application");
-    std::set<DWORD> seen;
-    size_t compared = 0;
-    for (Read r = read(log.get(), kFwd); !r.error; r = read(log.get(), kFwd)) {
-        for (const Rec& rec : r.records) {
-            if (rec.source != L"Evtsim-Classic") continue;
-            seen.insert(rec.head.EventID);
-            std::wstring legacy, modern(4096, L'\0');
-            const DWORD legacyError = classicMessage(files, params[0].get(), rec, legacy);
-            DWORD used = 0;
-            if (rec.head.EventID == 999) {
-                EXPECT_EQ(ERROR_MR_MID_NOT_FOUND, legacyError);  // no file describes it
-            }
-            // A record short of strings is refused by the modern face (15029): not compared.
-            if (!evtsim::EvtFormatMessage(pub.get(), events[rec.head.RecordNumber - 1].get(), 0, 0, nullptr,
-                                          EvtFormatMessageEvent, 4096, modern.data(), &used))
-                continue;
-            modern.resize(used - 1);
-            EXPECT_EQ(modern, legacy) << rec.head.RecordNumber;
-            ++compared;
-        }
-    }
-    EXPECT_EQ((std::set<DWORD>{0x40000064, 0x80000065, 0x40000066, 0xC00000C8, 999}), seen);
-    EXPECT_GE(compared, 4u);
-    files.clear(), params.clear(), categories.clear();
-    reg.reset();
-    logs = classicLogs();
-    EXPECT_TRUE(logs.count(L"Application") && !logs.count(L"Evtsim-Custom"));  // what was there before stays
-    EXPECT_EQ(L"", regString(kClassicKey, L"EventMessageFile"));
+    EXPECT_FALSE(evtsim::CloseEventLog(h));
 }
 
 }  // namespace
