@@ -37,15 +37,6 @@ def test_system32_libraries_are_the_stand_in(directory, preload):
     assert (calls["misuse"], calls["live_buffers"], calls["live_bindings"]) == (0, 0, 0)
 
 
-@pytest.mark.parametrize("where", ["environment", "folder"])
-def test_faults_reach_the_dlls(directory, where):
-    rules = "DsGetDcNameW=1355;DsBindW=1722"
-    if where == "folder":
-        directory.faults(rules.replace(";", "\n"))
-    out = probe(directory, **({"DSSIM_FAULTS": rules} if where == "environment" else {}))
-    assert (out.get("dc_error"), out.get("bind")) == ("1355", "1722"), out
-
-
 def test_wine_programs_keep_wines_netapi32(directory):
     """net.exe imports NetUseEnum, which the stand-in lacks: made native for every
     program (WINEDLLOVERRIDES) it crashes, so the override is per program."""

@@ -69,7 +69,6 @@ TEST(FaultTest, InjectedFailuresAndAHandleThatGoesBad) {
         std::vector<DWORD> outcome;  // per call of DsBindW then DsCrackNamesW on its handle
     } cases[] = {
         {"DsBindW=1722,once", {1722, 0, 0}},
-        {"DsBindW:DC02.corp.example.test=5", {0, 0, 0}},  // DsBindW binds DC01
         {"DsCrackNamesW=1726,from=2", {0, 0, 1726}},
         // The handle goes bad at its second use and stays bad; a fresh binding works.
         {"StaleHandle=6,from=2,times=1", {0, 0, 6, 6, 0, 0}},

@@ -98,25 +98,14 @@ TEST(NamesTest, EachNameStatusAsInjectedAndAsTheDirectoryGivesIt) {
     EXPECT_EQ(static_cast<DWORD>(DS_NAME_NO_ERROR), r->rItems[0].status);  // "once" is over
 }
 
-TEST(NamesTest, CallsThatFailAsAWholeOrNeedNoController) {
+// Invalid parameters fail the call (DsCrackNames return values): the desired
+// DS_SID_OR_SID_HISTORY_NAME "is not supported" (formatDesired).
+TEST(NamesTest, InvalidParametersFailTheCall) {
     DssimDirectory dir;
     dir.useSample();
     Binding b;
-    const wchar_t* name = kAliceDn;
-    DS_NAME_RESULTW* raw = nullptr;
-    // Invalid parameters fail the call (DsCrackNames return values): the desired
-    // DS_SID_OR_SID_HISTORY_NAME "is not supported" (formatDesired).
-    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER),
-              dssim::DsCrackNamesW(b.get(), DS_NAME_FLAG_EVAL_AT_DC, DS_FQDN_1779_NAME, DS_SID_OR_SID_HISTORY_NAME, 1,
-                                   &name, &raw));
-    // DS_NAME_FLAG_SYNTACTICAL_ONLY needs no handle and maps a DN to its canonical name
-    // only (DS_NAME_FLAGS).
-    ASSERT_EQ(0u, dssim::DsCrackNamesW(nullptr, DS_NAME_FLAG_SYNTACTICAL_ONLY, DS_FQDN_1779_NAME, DS_CANONICAL_NAME_EX,
-                                       1, &name, &raw));
-    EXPECT_EQ(std::wstring(L"corp.example.test/Staff\nAlice Martin"), text(NameResult(raw)->rItems[0].pName));
-    ASSERT_EQ(0u, dssim::DsCrackNamesW(nullptr, DS_NAME_FLAG_SYNTACTICAL_ONLY, DS_FQDN_1779_NAME, DS_NT4_ACCOUNT_NAME,
-                                       1, &name, &raw));
-    EXPECT_EQ(static_cast<DWORD>(DS_NAME_ERROR_NO_SYNTACTICAL_MAPPING), NameResult(raw)->rItems[0].status);
+    NameResult r;
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), crack(b.get(), DS_FQDN_1779_NAME, DS_SID_OR_SID_HISTORY_NAME, kAliceDn, r));
 }
 
 }  // namespace
