@@ -345,6 +345,7 @@ def test_deleted_and_recreated_channel_is_read_again(store, start):
 @pytest.mark.parametrize("faults", [
     "EvtNext:Security=1717,times=3",
     "EvtNext:Security=6,once",
+    "EvtRender:Security=6,once",
     "EvtFormatMessage=15027,times=40",
 ])
 def test_injected_faults_lose_no_record(faults, store, start):
