@@ -25,7 +25,6 @@ TEST(CheckpointFile, ReadsContentWithLinesJoined) {
     } cases[] = {
         {"<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='386038' IsCurrent='true'/>\r\n</BookmarkList>\r\n",
          true, "<BookmarkList>  <Bookmark Channel='Application' RecordId='386038' IsCurrent='true'/></BookmarkList>"},
-        {"channel=Application,\nrecord_id=9\n", true, "channel=Application,record_id=9"},
         {"\r\n", false, ""},
         {nullptr, false, ""},
     };

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "TempFolder.h"
 #include "platform/Handles.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
@@ -11,12 +12,6 @@
 using namespace skorva;
 
 namespace {
-
-std::wstring tempRoot() {
-    wchar_t buf[MAX_PATH];
-    DWORD n = GetTempPathW(MAX_PATH, buf);
-    return joinPath(std::wstring(buf, n), L"skorva-paths-" + std::to_wstring(GetCurrentProcessId()));
-}
 
 void writeFile(const std::wstring& path, const std::string& content) {
     UniqueHandle h(CreateFileW(longPath(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -39,7 +34,8 @@ TEST(Paths, LongPathPrefix) {
 }
 
 TEST(Paths, CreateReadAndRemoveTreesBeyondMaxPath) {
-    const std::wstring root = tempRoot();
+    test::TempFolder temp(L"skorva-paths");
+    const std::wstring root = joinPath(temp.path(), L"tree");
     std::wstring deep = root;
     for (int i = 0; i < 12; ++i) deep = joinPath(deep, L"level-" + std::wstring(20, wchar_t(L'a' + i)));
     ASSERT_GT(deep.size(), 300u);
@@ -62,7 +58,8 @@ TEST(Paths, CreateReadAndRemoveTreesBeyondMaxPath) {
 }
 
 TEST(Paths, RemovalCollectsWhatItCannotRemove) {
-    const std::wstring root = tempRoot() + L"-locked";
+    test::TempFolder temp(L"skorva-paths");
+    const std::wstring root = joinPath(temp.path(), L"locked");
     ASSERT_TRUE(createDirectories(joinPath(root, L"sub")));
     const std::wstring locked = joinPath(joinPath(root, L"sub"), L"in-use");
     writeFile(locked, "held");
