@@ -139,24 +139,6 @@ TEST_F(CheckpointPolicy, ServiceFailuresAreRetriedWithTheNewerEvent) {
     EXPECT_FALSE(ch->policy.checkPoint(nullptr, 9, true));  // nothing to write
 }
 
-TEST_F(CheckpointPolicy, RestoredBookmarkResumesAfterTheSavedEvent) {
-    auto ch = makeChannel(0);
-    EXPECT_FALSE(ch->policy.getBookMark());
-    for (uint64_t rec = 1; rec <= 3; ++rec) ASSERT_TRUE(send(*ch, rec));
-    uint64_t recordId = 0;
-    Bookmark bookmark = ch->policy.getBookMark(std::wstring(), &recordId);
-    ASSERT_TRUE(bookmark.valid());
-    EXPECT_EQ(recordId, 3u);
-    open(EvtQueryForwardDirection);
-    ASSERT_TRUE(evtApi().EvtSeek(results_.get(), 1, bookmark.get(), 0, EvtSeekRelativeToBookmark));
-    bookmark.reset();
-    ASSERT_TRUE(send(*ch, 4));  // the event read after the seek
-    EXPECT_EQ(content(*ch), bookmarkXml("Security", 4));
-
-    test::writeRaw(ch->policy.checkpointFilePath(), "not a bookmark");
-    EXPECT_FALSE(ch->policy.getBookMark());
-}
-
 // The file name the command line's checkpoint removal looks for.
 TEST_F(CheckpointPolicy, ChannelPathIsSanitizedIntoTheFileName) {
     auto ch = makeChannel(0, true, "Microsoft-Windows-Sysmon/Operational");

@@ -167,20 +167,6 @@ TEST_F(SidPropsTest, SidStringMatchesTheSystemConversion) {
     }
 }
 
-TEST_F(SidPropsTest, AccountIsLookedUpOnlyWhenAsked) {
-    FakeAccounts::table()[L"S-1-5-21-1-2-3-512"] = FakeAccount{L"Domain Admins", L"CORP", 0, SidTypeGroup};
-    SidBytes sid("S-1-5-21-1-2-3-512");
-    SidProps plain, looked;
-    ASSERT_TRUE(plain.processSid(sid.get(), false));
-    EXPECT_EQ(plain.sidString, L"S-1-5-21-1-2-3-512");
-    EXPECT_EQ(plain.accountName, L"NOT_TRANSLATED");
-    EXPECT_EQ(FakeAccounts::calls(), 0);
-    ASSERT_TRUE(looked.processSid(sid.get(), true));
-    EXPECT_EQ(looked.accountName, L"Domain Admins");
-    EXPECT_EQ(looked.domainName, L"CORP");
-    EXPECT_EQ(looked.sidType, static_cast<DWORD>(SidTypeGroup));
-}
-
 TEST_F(SidPropsTest, FailuresKeepWhatWasLearnt) {
     FakeAccounts::table()[L"S-1-5-21-1-2-3-9"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
     SidBytes sid("S-1-5-21-1-2-3-9");
@@ -190,25 +176,6 @@ TEST_F(SidPropsTest, FailuresKeepWhatWasLearnt) {
     unsigned char junk[16] = {7};
     EXPECT_FALSE(props.processSid(junk, true));
     EXPECT_EQ(props.sidString, L"");
-}
-
-TEST_F(SidPropsTest, SidStringTranslationJoinsDomainAndAccount) {
-    FakeAccounts::table()[L"S-1-5-21-1-2-3-1001"] = FakeAccount{L"alice", L"CORP"};
-    FakeAccounts::table()[L"S-1-5-21-1-2-3-1002"] = FakeAccount{L"bob", L""};
-    FakeAccounts::table()[L"S-1-5-21-1-2-3-1003"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
-    // The second round is answered from the cache by the SID text, the same way;
-    // a lower-case text is parsed and still finds the cached account.
-    for (const char* prefix : {"S", "S", "s"}) {
-        SCOPED_TRACE(prefix);
-        const std::string base = std::string(prefix) + "-1-5-21-1-2-3-100";
-        std::wstring out;
-        ASSERT_TRUE(translateSidString(base + "1", out));
-        EXPECT_EQ(out, L"CORP\\alice");
-        ASSERT_TRUE(translateSidString(base + "2", out));
-        EXPECT_EQ(out, L"bob");
-        EXPECT_FALSE(translateSidString(base + "3", out));
-    }
-    EXPECT_EQ(FakeAccounts::calls(), 3) << "each account looked up once";
 }
 
 }  // namespace

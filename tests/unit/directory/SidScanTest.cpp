@@ -66,6 +66,7 @@ TEST_F(TranslateSidLocally, MessageSidsAreReplacedWrappedOrBare) {
         {"Unknown S-1-5-21-1-2-3-1003 stays", "Unknown S-1-5-21-1-2-3-1003 stays"},
         {"Same S-1-5-21-1-2-3-1001 and S-1-5-21-1-2-3-1001", "Same CORP\\alice and CORP\\alice"},
         {"%{} S-1-5-21-1-2-3-1001", "%{} S-1-5-21-1-2-3-1001"},
+        {"Lower %{s-1-5-21-1-2-3-1002}", "Lower bob"},  // parsed, and found in the cache by the SID
     };
     for (const auto& c : cases) {
         std::string message = c.in;

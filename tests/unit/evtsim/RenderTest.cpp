@@ -77,51 +77,6 @@ TEST_F(RenderTest, ElevenSystemPathsHaveTheServiceTypes) {
     LocalFree(sidText);
 }
 
-// System values come from a scan of the System element alone (the cost model);
-// they must be what the full parse gives, for every shape the generator makes.
-TEST(RenderCost, SystemScanGivesWhatTheFullParseGives) {
-    EvtsimStore store;
-    std::vector<std::wstring> paths;
-    for (const char* ch : {"Security", "Application", "System", "ForwardedEvents"}) store.generate(ch, 60, 7);
-    const wchar_t* names[] = {L"Provider/@Name", L"Provider/@Guid", L"EventID", L"EventID/@Qualifiers", L"Level",
-                              L"Task", L"Opcode", L"Keywords", L"TimeCreated/@SystemTime", L"EventRecordID",
-                              L"Correlation/@ActivityID", L"Correlation/@RelatedActivityID",
-                              L"Execution/@ProcessID", L"Execution/@ThreadID", L"Channel", L"Computer",
-                              L"Security/@UserID", L"Version"};
-    for (const wchar_t* n : names) paths.push_back(std::wstring(L"Event/System/") + n);
-    paths.push_back(L"Event/EventData/Data");  // not a system value: the full parse
-    std::vector<LPCWSTR> raw;
-    for (const auto& p : paths) raw.push_back(p.c_str());
-    UniqueEvtHandle scanned(evtsim::EvtCreateRenderContext(0, nullptr, EvtRenderContextSystem));
-    UniqueEvtHandle parsed(evtsim::EvtCreateRenderContext(static_cast<DWORD>(raw.size()), raw.data(), EvtRenderContextValues));
-    ASSERT_TRUE(scanned && parsed);
-    const auto render = [](EVT_HANDLE ctx, EVT_HANDLE ev) {
-        DWORD used = 0, count = 0;
-        evtsim::EvtRender(ctx, ev, EvtRenderEventValues, 0, nullptr, &used, &count);
-        std::vector<BYTE> buf(used);
-        EXPECT_TRUE(evtsim::EvtRender(ctx, ev, EvtRenderEventValues, used, buf.data(), &used, &count));
-        return buf;
-    };
-    size_t events = 0;
-    for (const wchar_t* ch : {L"Security", L"Application", L"System", L"ForwardedEvents"}) {
-        UniqueEvtHandle q(evtsim::EvtQuery(nullptr, ch, nullptr, EvtQueryChannelPath));
-        for (auto& ev : readAll(q.get())) {
-            const std::vector<BYTE> a = render(scanned.get(), ev.get()), b = render(parsed.get(), ev.get());
-            const auto* va = reinterpret_cast<const EVT_VARIANT*>(a.data());
-            const auto* vb = reinterpret_cast<const EVT_VARIANT*>(b.data());
-            for (int i = 0; i < EvtSystemPropertyIdEND; ++i) {
-                ASSERT_EQ(va[i].Type, vb[i].Type) << i;
-                if (va[i].Type == EvtVarTypeString) EXPECT_STREQ(va[i].StringVal, vb[i].StringVal) << i;
-                else if (va[i].Type == EvtVarTypeSid) EXPECT_TRUE(EqualSid(va[i].SidVal, vb[i].SidVal)) << i;
-                else if (va[i].Type == EvtVarTypeGuid) EXPECT_TRUE(IsEqualGUID(*va[i].GuidVal, *vb[i].GuidVal)) << i;
-                else EXPECT_EQ(va[i].UInt64Val, vb[i].UInt64Val) << i;
-            }
-            ++events;
-        }
-    }
-    EXPECT_EQ(events, 240u);
-}
-
 // Event data render with the types of the provider's template, as the service
 // renders them (beats winlogbeat/sys/wineventlog/renderer.go reads UInt32,
 // HexInt64, GUID, SID, FileTime, Boolean, binary and array values from the user
