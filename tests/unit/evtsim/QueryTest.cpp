@@ -1,8 +1,10 @@
-// EvtQuery, EvtNext, EvtSeek and EvtClose, the calls refused, and the channel list.
+// Reading: EvtQuery, EvtNext, EvtSeek and EvtClose, the calls refused, the channel
+// list, EvtSubscribe (pull model), bookmarks, and injected faults.
 #include <functional>
 #include <thread>
 
 #include "EvtsimTestUtil.h"
+#include "Faults.h"
 
 using namespace evtsim_test;
 using skorva::test::EvtsimStore;
@@ -172,6 +174,127 @@ TEST(ChannelEnumTest, SizeProtocolInCharacters) {
     EXPECT_EQ(259u, GetLastError());
     EXPECT_EQ((std::vector<std::wstring>{L"Application", L"Microsoft-Windows-Sysmon/Operational", L"System"}), names);
     EXPECT_EQ(wcslen(L"Microsoft-Windows-Sysmon/Operational") + 1, buf.size());  // grew to the reported size
+}
+
+TEST(BookmarkTest, TextIsByteExact) {
+    EvtsimStore store;
+    store.createChannel("Application");
+    for (int i = 0; i < 3; ++i) store.append("Application", sampleEvent(1));
+
+    UniqueEvtHandle bm(evtsim::EvtCreateBookmark(nullptr));
+    ASSERT_TRUE(bm);
+    EXPECT_EQ(L"<BookmarkList>\r\n</BookmarkList>", renderBookmark(bm.get()));
+
+    UniqueEvtHandle fwd(evtsim::EvtQuery(nullptr, L"Application", L"*", EvtQueryChannelPath | EvtQueryForwardDirection));
+    auto events = readAll(fwd.get());
+    ASSERT_TRUE(evtsim::EvtUpdateBookmark(bm.get(), events[1].get()));
+    const std::wstring expected = L"<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='2' IsCurrent='true'/>\r\n</BookmarkList>";
+    EXPECT_EQ(expected, renderBookmark(bm.get()));
+    DWORD used = 0, count = 0;
+    EXPECT_FALSE(evtsim::EvtRender(nullptr, bm.get(), EvtRenderBookmark, 0, nullptr, &used, &count));
+    EXPECT_EQ(122u, GetLastError());
+    EXPECT_EQ((expected.size() + 1) * 2, used);
+
+    UniqueEvtHandle rev(evtsim::EvtQuery(nullptr, L"Application", L"*", EvtQueryChannelPath | EvtQueryReverseDirection));
+    auto back = readAll(rev.get(), 1, 1);
+    ASSERT_TRUE(evtsim::EvtUpdateBookmark(bm.get(), back[0].get()));
+    EXPECT_EQ(L"<BookmarkList Direction='backward'>\r\n  <Bookmark Channel='Application' RecordId='3' IsCurrent='true'/>\r\n</BookmarkList>",
+              renderBookmark(bm.get()));
+}
+
+class SubscribeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        store.createChannel("System");
+        for (int i = 0; i < 3; ++i) store.append("System", sampleEvent(7036));
+        signal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    }
+    void TearDown() override { CloseHandle(signal); }
+    UniqueEvtHandle subscribe(DWORD flags, EVT_HANDLE bookmark = nullptr) {
+        return UniqueEvtHandle(evtsim::EvtSubscribe(nullptr, signal, L"System", L"*", bookmark, nullptr, nullptr, flags));
+    }
+    bool signalled() { return WaitForSingleObject(signal, 0) == WAIT_OBJECT_0; }
+    bool signalledWithin(DWORD ms) { return WaitForSingleObject(signal, ms) == WAIT_OBJECT_0; }
+
+    EvtsimStore store;
+    HANDLE signal = nullptr;
+};
+
+// The service sets the signal only for records written after the subscription
+// was made, and never resets it (EvtSubscribe remarks; vector #25194). An idle
+// pull may answer ERROR_INVALID_OPERATION (beats iterator.go, vector #26118).
+TEST_F(SubscribeTest, SignalOnlyForNewRecordsAndNeverReset) {
+    auto sub = subscribe(EvtSubscribeStartAtOldestRecord);
+    EXPECT_FALSE(signalledWithin(100));  // the backlog does not signal
+    auto backlog = readAll(sub.get());
+    EXPECT_EQ(259u, GetLastError());  // drained
+    EXPECT_EQ((std::vector<uint64_t>{1, 2, 3}), recordIds(backlog));
+    EVT_HANDLE h[2];
+    DWORD got = 0;
+    EXPECT_FALSE(evtsim::EvtNext(sub.get(), 2, h, INFINITE, 0, &got));  // no wait on a subscription
+    EXPECT_EQ(4317u, GetLastError());  // pulled idle
+    store.append("System", sampleEvent(2));
+    EXPECT_TRUE(signalledWithin(5000));
+    EXPECT_EQ((std::vector<uint64_t>{4}), recordIds(readAll(sub.get())));
+    EXPECT_TRUE(signalled());  // the client resets it
+}
+
+TEST_F(SubscribeTest, HalfWrittenRecordIsNeverServedAndTimesOut) {
+    auto sub = subscribe(EvtSubscribeToFutureEvents);
+    // Another writer holds the last frame half written for a while.
+    std::string half = "EVR1 00000000000000000004 0000000100\n<Event>";
+    evtsim::ChannelMeta meta;
+    std::wstring dir = evtsim::channelDir(store.root(), "System");
+    ASSERT_TRUE(evtsim::readChannelMeta(dir, meta));
+    HANDLE f = CreateFileW(evtsim::recordsPath(dir, meta).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                           nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, f);
+    DWORD written = 0;
+    WriteFile(f, half.data(), static_cast<DWORD>(half.size()), &written, nullptr);
+    CloseHandle(f);
+    EVT_HANDLE h[1];
+    DWORD got = 0;
+    EXPECT_FALSE(evtsim::EvtNext(sub.get(), 1, h, 50, 0, &got));
+    EXPECT_EQ(1460u, GetLastError());  // ERROR_TIMEOUT
+    EXPECT_FALSE(evtsim::EvtNext(sub.get(), 1, h, 0, 0, &got));
+    EXPECT_EQ(4317u, GetLastError());  // nothing was served
+}
+
+TEST(FaultTest, CountsAndTargets) {
+    EvtsimStore store;
+    store.createChannel("A");
+    store.createChannel("B");
+    for (int i = 0; i < 3; ++i) store.append("A", sampleEvent(1)), store.append("B", sampleEvent(1));
+    struct Case {
+        const char* rules;
+        const wchar_t* channel;
+        std::vector<DWORD> outcome;  // per call: 0 success, else the error
+    } cases[] = {
+        {"EvtNext=6,once", L"A", {6, 0, 0}},
+        {"EvtNext:A=15007,times=2", L"A", {15007, 15007, 0}},
+        {"EvtNext:A=1734", L"B", {0, 0, 0}},
+        {"EvtNext=4317,from=2", L"A", {0, 4317, 4317}},
+        {"EvtNext=4317,from=2,times=1", L"A", {0, 4317, 0}},
+    };
+    for (const auto& c : cases) {
+        store.setFaults(c.rules);
+        UniqueEvtHandle q(evtsim::EvtQuery(nullptr, c.channel, nullptr, EvtQueryChannelPath));
+        for (size_t i = 0; i < c.outcome.size(); ++i) {
+            EVT_HANDLE h[1];
+            DWORD got = 0;
+            BOOL ok = evtsim::EvtNext(q.get(), 1, h, 0, 0, &got);
+            if (ok) evtsim::EvtClose(h[0]);
+            EXPECT_EQ(c.outcome[i], ok ? 0u : GetLastError()) << c.rules << " call " << i;
+        }
+    }
+    EXPECT_THROW(store.setFaults("EvtNext=abc"), std::runtime_error);
+    store.setFaults("EvtQuery:A=5;EvtSubscribe=1717;EvtOpenPublisherMetadata=15002");
+    EXPECT_EQ(nullptr, evtsim::EvtQuery(nullptr, L"A", nullptr, EvtQueryChannelPath));
+    EXPECT_EQ(5u, GetLastError());
+    UniqueEvtHandle b(evtsim::EvtQuery(nullptr, L"B", nullptr, EvtQueryChannelPath));
+    EXPECT_TRUE(b);
+    EXPECT_EQ(nullptr, evtsim::EvtOpenPublisherMetadata(nullptr, L"X", nullptr, 0, 0));
+    EXPECT_EQ(15002u, GetLastError());
 }
 
 }  // namespace
