@@ -139,6 +139,15 @@ bool ModernReader::subscribeToEvtChannel(const std::wstring& name) {
     static const char* const fn = "WinEventLogChannel::subscribeToEvtChannel";
     LOG_DEBUG("%s: Subscribe to channel %S", fn, name.c_str());
     // current_only skips what the last run left; within a run nothing is skipped.
+    if (removed_ && position_) {
+        // The channel was removed while it was read: the one there now is a new
+        // log whose record numbers started again, and its records are all new.
+        LOG_WARN("%s: Windows Event Log channel '%S' was removed and made again; reading it from its oldest record", fn,
+                 name.c_str());
+        position_ = Bookmark();
+        positionFromRun_ = false;
+    }
+    removed_ = false;
     EVT_HANDLE bookmark = position_ && (positionFromRun_ || !settings_.currentOnly) ? position_.get() : nullptr;
     const DWORD flags = bookmark                 ? EvtSubscribeStartAfterBookmark
                         : settings_.currentOnly ? EvtSubscribeToFutureEvents
@@ -159,6 +168,7 @@ bool ModernReader::subscribeToEvtChannel(const std::wstring& name) {
     }
     if (!ok) {
         channelMissing_ = ::GetLastError() == ERROR_EVT_CHANNEL_NOT_FOUND;
+        removed_ = removed_ || channelMissing_;
         subscribed_ = false;
         LOG_ERROR("%s: Could not subscribe to Windows Event Log channel '%s'", fn, narrowName.c_str());
         return false;
@@ -337,6 +347,7 @@ bool ModernReader::handleGetEventsError(bool anyRead, uint32_t index, uint32_t c
         break;
     case ERROR_EVT_CHANNEL_NOT_FOUND:
         channelMissing_ = true;
+        removed_ = true;
         sleepMs(kMissingChannelPauseMs);
         [[fallthrough]];
     case ERROR_INVALID_HANDLE:

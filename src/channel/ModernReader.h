@@ -90,6 +90,7 @@ private:
     bool initialized_ = false;
     bool channelState_ = false;
     bool channelMissing_ = false;
+    bool removed_ = false;  // the channel went missing while it was read: a new one may come
     bool subscribed_ = false;
     bool eventsPending_ = false;
     bool startFromNewest_ = false;

@@ -173,10 +173,11 @@ bool batchLimitFails() {
 
 // ---- events --------------------------------------------------------------------
 
-const ParsedEvent& EventObj::parsed() const {
-    if (ParsedEvent* p = parsed_.load(std::memory_order_acquire)) return *p;
+namespace {
+
+std::unique_ptr<ParsedEvent> parseEvent(std::string_view xml) {
     auto fresh = std::make_unique<ParsedEvent>();
-    if (parseXml(xml(), fresh->doc) && fresh->doc.children[0].localName() == "Event") {
+    if (parseXml(xml, fresh->doc) && fresh->doc.children[0].localName() == "Event") {
         fresh->event = &fresh->doc.children[0];
         fresh->system = fresh->event->child("System");
         fresh->rendering = fresh->event->child("RenderingInfo");
@@ -187,6 +188,51 @@ const ParsedEvent& EventObj::parsed() const {
             for (const auto& c : ud->children[0].children) fresh->data.push_back(&c);
         }
     }
+    return fresh;
+}
+
+// The events the calling thread parsed last. The service keeps an event in its
+// binary form however long a reader holds its handle, so a handle keeps no parse
+// of its own: the calls made on one event in a row (its values, names, message)
+// find it here, and a reader holding thousands of handles holds no more memory
+// than their records. Kept in fiber-local storage (see threadSlots in
+// ApiRender.cpp for why not thread_local).
+struct ParseCache {
+    struct Slot {
+        uintptr_t handle = 0;  // never used twice, so a closed event cannot be mistaken
+        std::unique_ptr<ParsedEvent> parsed;
+    };
+    Slot slots[4];
+    unsigned next = 0;
+};
+
+void WINAPI freeParseCache(void* cache) { delete static_cast<ParseCache*>(cache); }
+
+ParseCache* threadParseCache() {
+    static const DWORD index = ::FlsAlloc(&freeParseCache);
+    if (index == FLS_OUT_OF_INDEXES) return nullptr;
+    auto* cache = static_cast<ParseCache*>(::FlsGetValue(index));
+    if (!cache) {
+        cache = new ParseCache;
+        ::FlsSetValue(index, cache);
+    }
+    return cache;
+}
+
+}  // namespace
+
+const ParsedEvent& EventObj::parsed() const {
+    if (ParseCache* cache = threadParseCache()) {
+        for (auto& slot : cache->slots)
+            if (slot.handle == handle && slot.parsed) return *slot.parsed;
+        ParseCache::Slot& slot = cache->slots[cache->next++ % 4];
+        slot.handle = handle;
+        slot.parsed = parseEvent(xml());
+        return *slot.parsed;
+    }
+    // No thread storage: the handle keeps its parse.
+    if (ParsedEvent* p = parsed_.load(std::memory_order_acquire)) return *p;
+    auto fresh = parseEvent(xml());
     ParsedEvent* expected = nullptr;
     if (parsed_.compare_exchange_strong(expected, fresh.get(), std::memory_order_acq_rel)) return *fresh.release();
     return *expected;
