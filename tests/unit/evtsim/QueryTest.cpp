@@ -1,6 +1,6 @@
-// Reading: EvtQuery, EvtNext, EvtSeek and EvtClose, the calls refused, the channel
-// list, EvtSubscribe (pull model), bookmarks, and injected faults.
-#include <functional>
+// Reading: EvtQuery, EvtNext, EvtSeek and EvtClose, the calls refused, EvtSubscribe
+// (pull model), and injected faults. (Bookmark texts and the channel list are met
+// through the product's checkpoints and channel catalog.)
 #include <thread>
 
 #include "EvtsimTestUtil.h"
@@ -91,115 +91,33 @@ TEST_F(QueryTest, BatchBoundShortOrFailed) {
     evtsim::setBatchLimit(evtsim::BatchLimit::FromEnvironment);
 }
 
-TEST_F(QueryTest, SeekOrigins) {
+// The reader seeks its newest-first query from a bookmark (EvtQuery of a channel
+// is read forward by no reader). Past the end the seek lands on the last record
+// within the boundary (EVT_SEEK_FLAGS remarks), which the reader's guard skips.
+TEST_F(QueryTest, SeekFromABookmarkNewestFirst) {
     UniqueEvtHandle bm(evtsim::EvtCreateBookmark(
         L"<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='3' IsCurrent='true'/>\r\n</BookmarkList>"));
-    struct Case {
-        DWORD direction;
-        LONGLONG position;
-        EVT_HANDLE bookmark;
-        DWORD flags;
-        uint64_t firstId;
-    } cases[] = {
-        {EvtQueryForwardDirection, 0, bm.get(), EvtSeekRelativeToBookmark, 3},
-        {EvtQueryForwardDirection, 1, bm.get(), EvtSeekRelativeToBookmark, 4},
-        {EvtQueryReverseDirection, 1, bm.get(), EvtSeekRelativeToBookmark, 2},
-        // Past the end the seek lands on the last record within the boundary
-        // (EVT_SEEK_FLAGS remarks).
-        {EvtQueryReverseDirection, 3, bm.get(), EvtSeekRelativeToBookmark, 1},
-    };
-    for (const auto& c : cases) {
-        auto q = query(c.direction);
-        ASSERT_TRUE(evtsim::EvtSeek(q.get(), c.position, c.bookmark, 0, c.flags)) << c.flags << " " << c.position;
-        auto ids = recordIds(readAll(q.get(), 1, 1));
-        ASSERT_EQ(1u, ids.size());
-        EXPECT_EQ(c.firstId, ids[0]) << c.flags << " " << c.position;
+    for (auto [position, firstId] : {std::pair<LONGLONG, uint64_t>{0, 3}, {1, 2}, {3, 1}}) {
+        auto q = query(EvtQueryReverseDirection);
+        ASSERT_TRUE(evtsim::EvtSeek(q.get(), position, bm.get(), 0, EvtSeekRelativeToBookmark)) << position;
+        EXPECT_EQ(std::vector<uint64_t>{firstId}, recordIds(readAll(q.get(), 1, 1))) << position;
     }
 }
-// What a caller gets wrong or asks of what is not there: FALSE or NULL and the
-// error the reader tells apart. One row per kind of refusal (a bad handle to
-// EvtRender is met through the product's renderer).
+
+// What the reader tells apart: the end of a result set, a channel not there, a
+// handle that is no result set. (A subscription to a missing channel, a malformed
+// bookmark and an unknown publisher are met through the product's reader,
+// checkpoint validation and formatter; a bad handle to EvtRender through its renderer.)
 TEST_F(QueryTest, RefusedCallsAnswerTheirError) {
     auto q = query(EvtQueryForwardDirection);
     auto events = readAll(q.get());
     EXPECT_EQ(259u, GetLastError());  // ERROR_NO_MORE_ITEMS ends every result set
-    HANDLE signal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    const auto bad = reinterpret_cast<EVT_HANDLE>(0x1234);
-    const auto opened = [](EVT_HANDLE h) { return !!UniqueEvtHandle(h); };
+    EXPECT_FALSE(UniqueEvtHandle(evtsim::EvtQuery(nullptr, L"Nope", nullptr, EvtQueryChannelPath)));
+    EXPECT_EQ(15007u, GetLastError());
     EVT_HANDLE h[1];
-    DWORD got = 0, used = 0, count = 0;
-    BYTE buf[64];
-    const struct {
-        const char* what;
-        std::function<bool()> succeeded;
-        DWORD error;
-    } cases[] = {
-        {"query of a missing channel",
-         [&] { return opened(evtsim::EvtQuery(nullptr, L"Nope", nullptr, EvtQueryChannelPath)); }, 15007},
-        {"subscription to a missing channel",
-         [&] { return opened(evtsim::EvtSubscribe(nullptr, signal, L"Nope", nullptr, nullptr, nullptr, nullptr,
-                                                  EvtSubscribeToFutureEvents)); }, 15007},
-        {"next of no result set", [&] { return !!evtsim::EvtNext(bad, 1, h, 0, 0, &got); }, 6},
-        {"values without a context",
-         [&] { return !!evtsim::EvtRender(nullptr, events[0].get(), EvtRenderEventValues, 64, buf, &used, &count); }, 87},
-        {"malformed bookmark text", [&] { return opened(evtsim::EvtCreateBookmark(L"<BookmarkList>")); }, 15008},
-        {"metadata of an unknown publisher",
-         [&] { return opened(evtsim::EvtOpenPublisherMetadata(nullptr, L"Nobody", nullptr, 0, 0)); }, 2},
-    };
-    for (const auto& c : cases) {
-        SetLastError(0);
-        EXPECT_FALSE(c.succeeded()) << c.what;
-        EXPECT_EQ(c.error, GetLastError()) << c.what;
-    }
-    CloseHandle(signal);
-}
-
-// EvtNextChannelPath counts in characters, the terminator included.
-TEST(ChannelEnumTest, SizeProtocolInCharacters) {
-    EvtsimStore store;
-    for (const char* c : {"System", "Microsoft-Windows-Sysmon/Operational", "Application"}) store.createChannel(c);
-    UniqueEvtHandle e(evtsim::EvtOpenChannelEnum(nullptr, 0));
-    ASSERT_TRUE(e);
-    std::vector<std::wstring> names;
-    std::wstring buf;
-    DWORD used = 0;
-    while (true) {
-        if (evtsim::EvtNextChannelPath(e.get(), static_cast<DWORD>(buf.size()), buf.empty() ? nullptr : buf.data(), &used)) {
-            names.emplace_back(buf.c_str());
-            continue;
-        }
-        if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) break;
-        buf.assign(used, L'\0');
-    }
-    EXPECT_EQ(259u, GetLastError());
-    EXPECT_EQ((std::vector<std::wstring>{L"Application", L"Microsoft-Windows-Sysmon/Operational", L"System"}), names);
-    EXPECT_EQ(wcslen(L"Microsoft-Windows-Sysmon/Operational") + 1, buf.size());  // grew to the reported size
-}
-
-TEST(BookmarkTest, TextIsByteExact) {
-    EvtsimStore store;
-    store.createChannel("Application");
-    for (int i = 0; i < 3; ++i) store.append("Application", sampleEvent(1));
-
-    UniqueEvtHandle bm(evtsim::EvtCreateBookmark(nullptr));
-    ASSERT_TRUE(bm);
-    EXPECT_EQ(L"<BookmarkList>\r\n</BookmarkList>", renderBookmark(bm.get()));
-
-    UniqueEvtHandle fwd(evtsim::EvtQuery(nullptr, L"Application", L"*", EvtQueryChannelPath | EvtQueryForwardDirection));
-    auto events = readAll(fwd.get());
-    ASSERT_TRUE(evtsim::EvtUpdateBookmark(bm.get(), events[1].get()));
-    const std::wstring expected = L"<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='2' IsCurrent='true'/>\r\n</BookmarkList>";
-    EXPECT_EQ(expected, renderBookmark(bm.get()));
-    DWORD used = 0, count = 0;
-    EXPECT_FALSE(evtsim::EvtRender(nullptr, bm.get(), EvtRenderBookmark, 0, nullptr, &used, &count));
-    EXPECT_EQ(122u, GetLastError());
-    EXPECT_EQ((expected.size() + 1) * 2, used);
-
-    UniqueEvtHandle rev(evtsim::EvtQuery(nullptr, L"Application", L"*", EvtQueryChannelPath | EvtQueryReverseDirection));
-    auto back = readAll(rev.get(), 1, 1);
-    ASSERT_TRUE(evtsim::EvtUpdateBookmark(bm.get(), back[0].get()));
-    EXPECT_EQ(L"<BookmarkList Direction='backward'>\r\n  <Bookmark Channel='Application' RecordId='3' IsCurrent='true'/>\r\n</BookmarkList>",
-              renderBookmark(bm.get()));
+    DWORD got = 0;
+    EXPECT_FALSE(evtsim::EvtNext(reinterpret_cast<EVT_HANDLE>(0x1234), 1, h, 0, 0, &got));
+    EXPECT_EQ(6u, GetLastError());
 }
 
 class SubscribeTest : public ::testing::Test {
@@ -260,6 +178,9 @@ TEST_F(SubscribeTest, HalfWrittenRecordIsNeverServedAndTimesOut) {
     EXPECT_EQ(4317u, GetLastError());  // nothing was served
 }
 
+// A rule strikes only its target and stops after its count. (That "once", "from"
+// and a target strike is seen through the product: the publisher fault end to
+// end, the channel list's fault in ChannelEnumerationTest.)
 TEST(FaultTest, CountsAndTargets) {
     EvtsimStore store;
     store.createChannel("A");
@@ -270,10 +191,8 @@ TEST(FaultTest, CountsAndTargets) {
         const wchar_t* channel;
         std::vector<DWORD> outcome;  // per call: 0 success, else the error
     } cases[] = {
-        {"EvtNext=6,once", L"A", {6, 0, 0}},
         {"EvtNext:A=15007,times=2", L"A", {15007, 15007, 0}},
         {"EvtNext:A=1734", L"B", {0, 0, 0}},
-        {"EvtNext=4317,from=2", L"A", {0, 4317, 4317}},
         {"EvtNext=4317,from=2,times=1", L"A", {0, 4317, 0}},
     };
     for (const auto& c : cases) {
@@ -287,14 +206,7 @@ TEST(FaultTest, CountsAndTargets) {
             EXPECT_EQ(c.outcome[i], ok ? 0u : GetLastError()) << c.rules << " call " << i;
         }
     }
-    EXPECT_THROW(store.setFaults("EvtNext=abc"), std::runtime_error);
-    store.setFaults("EvtQuery:A=5;EvtSubscribe=1717;EvtOpenPublisherMetadata=15002");
-    EXPECT_EQ(nullptr, evtsim::EvtQuery(nullptr, L"A", nullptr, EvtQueryChannelPath));
-    EXPECT_EQ(5u, GetLastError());
-    UniqueEvtHandle b(evtsim::EvtQuery(nullptr, L"B", nullptr, EvtQueryChannelPath));
-    EXPECT_TRUE(b);
-    EXPECT_EQ(nullptr, evtsim::EvtOpenPublisherMetadata(nullptr, L"X", nullptr, 0, 0));
-    EXPECT_EQ(15002u, GetLastError());
+    EXPECT_THROW(store.setFaults("EvtNext=abc"), std::runtime_error);  // a typo never passes as no fault
 }
 
 }  // namespace

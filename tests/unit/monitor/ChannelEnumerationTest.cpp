@@ -44,8 +44,10 @@ protected:
 TEST_F(ChannelEnumeration, BufferGrowsOnlyToTheReportedSize) {
     catalog.known()["security"] = "security";  // a later spelling of a channel wins
     ASSERT_TRUE(catalog.enumerate());
-    // No buffer at first; then exactly what each failing call reported.
+    // No buffer at first; then exactly what each failing call reported, in
+    // characters with the terminator; the end is ERROR_NO_MORE_ITEMS, no failure.
     EXPECT_EQ(sizesOffered, (std::vector<DWORD>{0, 12, 12, 37, 37, 37, 37}));
+    EXPECT_FALSE(log.contains("Failed to get next enumerated channel"));
     EXPECT_EQ(catalog.known(), (ChannelCatalog::KnownChannelMap{{"application", "Application"},
                                                                 {"microsoft-windows-sysmon/operational",
                                                                  "Microsoft-Windows-Sysmon/Operational"},
