@@ -1,8 +1,6 @@
 // EvtCreateRenderContext and EvtRender: variant types and layout, XML, sizes.
 #include "EvtsimTestUtil.h"
 
-#include <sddl.h>
-
 using namespace evtsim_test;
 using skorva::test::EvtsimStore;
 
@@ -41,7 +39,9 @@ const wchar_t* kPaths[] = {
     L"Event/System/Opcode",        L"Event/System/Keywords",
 };
 
-TEST_F(RenderTest, ElevenSystemPathsHaveTheServiceTypes) {
+// The types and values are those the product's renderer checks field by field
+// (RenderingTest); here the size and layout it relies on.
+TEST_F(RenderTest, ElevenSystemPathsInTheCallersBuffer) {
     UniqueEvtHandle ctx(evtsim::EvtCreateRenderContext(11, const_cast<LPCWSTR*>(kPaths), EvtRenderContextValues));
     ASSERT_TRUE(ctx);
     DWORD used = 0, count = 0;
@@ -55,26 +55,10 @@ TEST_F(RenderTest, ElevenSystemPathsHaveTheServiceTypes) {
     std::vector<BYTE> buf(used);
     ASSERT_TRUE(evtsim::EvtRender(ctx.get(), event.get(), EvtRenderEventValues, used, buf.data(), &used, &count));
     auto* v = reinterpret_cast<EVT_VARIANT*>(buf.data());
-    EXPECT_EQ(16u, sizeof(EVT_VARIANT));
-    const DWORD types[] = {10, 17, 1, 1, 6, 4, 1, 19, 6, 4, 21};
-    for (int i = 0; i < 11; ++i) EXPECT_EQ(types[i], v[i].Type) << i;
-    EXPECT_EQ(1u, v[0].UInt64Val);
-    EXPECT_EQ(133512087071234567ull, v[1].FileTimeVal);
-    EXPECT_STREQ(L"Security", v[2].StringVal);
-    EXPECT_STREQ(L"Microsoft-Windows-Security-Auditing", v[3].StringVal);
-    EXPECT_EQ(4624, v[4].UInt16Val);
-    EXPECT_EQ(0, v[5].ByteVal);
-    EXPECT_STREQ(L"DC01.corp.example.test", v[6].StringVal);
-    EXPECT_EQ(12544, v[8].UInt16Val);
-    EXPECT_EQ(0x8020000000000000ull, v[10].UInt64Val);
     // Pointers lead into the caller's buffer, after the variant array.
     auto inBuffer = [&](const void* p) { return p >= buf.data() + 11 * 16 && p < buf.data() + buf.size(); };
     EXPECT_TRUE(inBuffer(v[2].StringVal));
     EXPECT_TRUE(inBuffer(v[7].SidVal));
-    wchar_t* sidText = nullptr;
-    ASSERT_TRUE(ConvertSidToStringSidW(v[7].SidVal, &sidText));
-    EXPECT_STREQ(L"S-1-5-21-1-2-3-500", sidText);
-    LocalFree(sidText);
 }
 
 // Event data render with the types of the provider's template, as the service
