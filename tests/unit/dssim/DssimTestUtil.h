@@ -51,6 +51,5 @@ inline DWORD crack(HANDLE h, DS_NAME_FORMAT offered, DS_NAME_FORMAT desired, con
 }
 
 constexpr const wchar_t* kAlice = L"{20983438-8bbc-45b7-9563-9a5fc0cc48ec}";
-constexpr const wchar_t* kAliceDn = L"CN=Alice Martin,OU=Staff,DC=corp,DC=example,DC=test";
 
 }  // namespace dssim_test
