@@ -13,15 +13,11 @@ from xml.sax.saxutils import escape, quoteattr
 import pytest
 
 from conftest import EXE, WINE_RUN, log_text, winpath
-from evtsim import EvtsimStore
+from evtsim import EvtsimStore, wine_command as command
 
 HELPER = Path(os.environ.get("SKORVA_BUILD_DIR", "")) / "tests" / "helpers" / "pid-helper.exe"
 EVENT_NS = "http://schemas.microsoft.com/win/2004/08/events/event"
 EVENT_RE = re.compile(rb'<event stanza="([^"]*)">\n(.*?)</event>\n', re.S)
-
-
-def command(*args):
-    return ([WINE_RUN] if WINE_RUN else []) + [str(a) for a in args]
 
 
 def config(*stanzas):

@@ -5,17 +5,9 @@ import subprocess
 
 import pytest
 
-from dssim import DssimDirectory
 from evtsim import wine_command
 
 PROBE = os.environ.get("DSSIM_PROBE", "")
-
-
-@pytest.fixture
-def directory(tmp_path):
-    d = DssimDirectory(tmp_path / "directory")
-    d.use_sample()
-    return d
 
 
 def probe(directory, *args, **env):

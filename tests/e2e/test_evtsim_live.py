@@ -8,7 +8,8 @@ from pathlib import Path
 
 import pytest
 
-from evtsim import EvtsimStore, wine_command
+from evtsim import wine_command
+from test_collector import store  # noqa: F401 (fixture)
 
 BUILD = Path(os.environ.get("SKORVA_BUILD_DIR", "."))
 REFREADER = BUILD / "bench" / "refreader" / "refreader.exe"
@@ -21,11 +22,6 @@ def record_ids(xml_lines):
         event = ET.fromstring(line)  # a torn record would not parse
         ids.append(int(event.find(f"{NS}System/{NS}EventRecordID").text))
     return ids
-
-
-@pytest.fixture
-def store(tmp_path):
-    return EvtsimStore(tmp_path / "store")
 
 
 def test_subscriber_gets_every_record_once_while_another_process_appends(store):
