@@ -26,8 +26,7 @@ TEST_F(Reading, BatchesAreClampedAndOneCallIsBoundedByThePassLimit) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.batchSize);
-        store_.deleteChannel(kChannel);
-        store_.createChannel(kChannel);
+        fresh();
         append(c.records);
         ChannelSettings s = settings(c.batchSize);
         s.suppressText = true;
@@ -94,10 +93,7 @@ TEST_F(Reading, RestartInsideTheNewestFirstPhaseLosesAndRepeatsNothing) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        store_.deleteChannel(kChannel);
-        store_.createChannel(kChannel);
-        std::vector<std::string> failures;
-        removeRecursive(settings().checkpointDir, failures);
+        fresh();
         append(5);
         ChannelSettings s = settings(2);
         s.startFrom = "newest";

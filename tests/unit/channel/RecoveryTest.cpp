@@ -28,11 +28,7 @@ TEST_F(Recovery, MessageIsTheLastFieldAfterSidTranslation) {
         EventBatch records;
         ch.getEventsNew(records);
         ASSERT_EQ(records.size(), 1u);
-        const EventRecord& r = records[0];
-        EXPECT_NE(r.handle.get(), nullptr);
-        EXPECT_EQ(r.recordNumber, 1u);
-        EXPECT_EQ(r.eventCode, 1u);
-        EXPECT_GT(r.time, 0u);
+        const EventRecord& r = records[0];  // (its number, code and time: RenderingTest)
         EXPECT_EQ(r.xml.empty(), !c.xml);
         if (c.xml) {
             // Sent as its XML: no classic fields are formatted.

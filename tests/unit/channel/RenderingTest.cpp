@@ -145,50 +145,34 @@ TEST_F(RenderingTest, PlaceholderMessageShowsEveryDataValueAsText) {
                          L"2024-01-31T21:05:07.1234567Z\nfalse\n0A1BFF\n80, 443\n-5\nalice\n");
 }
 
-TEST_F(RenderingTest, ForwardedEventIsFormattedFromItsRenderingInformation) {
-    evtsim::EventSpec e = logonEvent();
-    e.provider = "Remote-Provider";
-    e.channel = "Security";
-    e.rendering = true;
-    e.renderMessage = "Remote text of the event.";
-    e.renderLevel = "Information";
-    e.renderTask = "Logon";
-    e.renderOpcode = "Info";
-    e.renderProvider = "Remote security auditing";
-    e.renderKeywords = {"Audit Success"};
-    store_.append("ForwardedEvents", e);
-    EventRecord r = readOne("ForwardedEvents");
-    const Fields tail = fieldsOf(r, 8);
-    const Fields expected = {{L"SourceName", L"Remote security auditing"},
-                             {L"Type", L"Information"},
-                             {L"RecordNumber", L"1"},
-                             {L"Keywords", L"Audit Success"},
-                             {L"TaskCategory", L"Logon"},
-                             {L"OpCode", L"Info"}};
-    EXPECT_EQ(tail, expected);
-    EXPECT_EQ(r.fields[1].value, L"Security");
-    EXPECT_EQ(r.message, L"Remote text of the event.");
-}
-
-// Resources missing for the locale (15033), or a provider registered without its
-// resource file (15100) or its language (1815): no text from the publisher, so the
-// text the event carries is used.
-TEST_F(RenderingTest, MissingResourcesFallBackToTheEventsRenderingInformation) {
-    for (DWORD missing : {15033u, 15100u, 1815u}) {
+// Without texts from its publisher, an event's own are used: a forwarded event's
+// publisher is not registered here; a registered one may lack its resources for the
+// locale (15033), its resource file (15100) or its language (1815).
+TEST_F(RenderingTest, WithoutThePublishersTextsTheEventsOwnAreUsed) {
+    for (DWORD missing : {0u, 15033u, 15100u, 1815u}) {
+        SCOPED_TRACE(missing);
         evtsim::ProviderDef def = auditProvider();
         def.name = "No-Resources";
         def.missingResources = missing;
-        store_.addProvider(def);
-        store_.clearChannel("Security");
+        if (missing) store_.addProvider(def);
+        const char* channel = missing ? "Security" : "ForwardedEvents";
+        store_.clearChannel(channel);
         evtsim::EventSpec e = logonEvent();
-        e.provider = "No-Resources";
+        e.provider = missing ? "No-Resources" : "Remote-Provider";
+        e.channel = "Security";
         e.rendering = true;
-        e.renderMessage = "Embedded message.";
-        e.renderLevel = "Embedded level";
-        store_.append("Security", e);
-        EventRecord r = readOne("Security");
-        EXPECT_EQ(r.message, L"Embedded message.") << missing;
-        EXPECT_EQ(fieldsOf(r)[9], (std::pair<std::wstring, std::wstring>(L"Type", L"Embedded level"))) << missing;
+        e.renderMessage = "Remote text of the event.";
+        e.renderLevel = "Remote level", e.renderTask = "Remote task", e.renderOpcode = "Remote opcode";
+        e.renderProvider = "Remote security auditing";
+        e.renderKeywords = {"Audit Success"};
+        const uint64_t id = store_.append(channel, e);
+        EventRecord r = readOne(channel);
+        const Fields expected = {{L"SourceName", L"Remote security auditing"}, {L"Type", L"Remote level"},
+                                 {L"RecordNumber", std::to_wstring(id)}, {L"Keywords", L"Audit Success"},
+                                 {L"TaskCategory", L"Remote task"}, {L"OpCode", L"Remote opcode"}};
+        EXPECT_EQ(fieldsOf(r, 8), expected);
+        EXPECT_EQ(r.fields[1].value, L"Security");
+        EXPECT_EQ(r.message, L"Remote text of the event.");
     }
 }
 
