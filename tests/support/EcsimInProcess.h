@@ -29,11 +29,7 @@ public:
     EcsimStore& operator=(const EcsimStore&) = delete;
 
     void write(const std::string& subscriptions) {
-        HANDLE h = ::CreateFileW((folder_.path() + L"\\collector\\subscriptions.txt").c_str(), GENERIC_WRITE, 0,
-                                 nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-        DWORD written = 0;
-        EXPECT_TRUE(::WriteFile(h, subscriptions.data(), static_cast<DWORD>(subscriptions.size()), &written, nullptr));
-        ::CloseHandle(h);
+        EXPECT_TRUE(writeFile(folder_.path() + L"\\collector\\subscriptions.txt", subscriptions));
     }
 
 private:

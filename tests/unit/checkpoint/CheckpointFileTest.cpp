@@ -30,7 +30,7 @@ TEST(CheckpointFile, ReadsContentWithLinesJoined) {
     };
     for (const auto& c : cases) {
         ::DeleteFileW(path.c_str());
-        if (c.content) test::writeRaw(path, c.content);
+        EXPECT_TRUE(!c.content || test::writeFile(path, c.content));
         std::string out = "stale";
         EXPECT_EQ(WELCheckPointBase::getCheckpointStr(path, out), c.read) << c.out;
         EXPECT_EQ(out, c.out);
@@ -54,7 +54,7 @@ TEST(CheckpointFile, ValidationAcceptsBookmarksAndCheckpointStringsOnly) {
         {"<BookmarkList>\r\n  <Bookmark Chan", false},
     };
     for (const auto& c : cases) {
-        test::writeRaw(path, c.content);
+        ASSERT_TRUE(test::writeFile(path, c.content));
         LogCapture log;
         EXPECT_EQ(WELCheckPointBase::validateCheckpointStr(path), c.valid) << c.content;
         EXPECT_EQ(log.contains("To avoid duplicate events, we're throwing an error"), !c.valid);
@@ -67,7 +67,7 @@ TEST(CheckpointFile, SaveWritesAndReplacesInBothModes) {
     const std::wstring path = dir.file(L"Application_checkpoint");
     for (bool sync : {false, true}) {
         SCOPED_TRACE(sync);
-        test::writeRaw(path, std::string(500, 'o'));  // longer than what replaces it
+        ASSERT_TRUE(test::writeFile(path, std::string(500, 'o')));  // longer than what replaces it
         ASSERT_TRUE(WELCheckPoint::saveCheckpointStr(path, test::bookmarkXml("Application", 7), sync));
         EXPECT_EQ(test::readRaw(path), test::bookmarkXml("Application", 7));
         EXPECT_TRUE(test::listMatching(dir.path(), L"Application_checkpoint.tmp.").empty());
@@ -78,7 +78,7 @@ TEST(CheckpointFile, RefusedSaveLeavesTheFileAsItWas) {
     TempDir dir;
     const std::wstring path = dir.file(L"Application_checkpoint");
     const std::wstring unwritable = dir.file(L"no\\such\\dir\\X_checkpoint");
-    test::writeRaw(path, "record_id=1");
+    ASSERT_TRUE(test::writeFile(path, "record_id=1"));
     for (bool sync : {false, true}) {
         struct Case {
             std::wstring path;
@@ -105,7 +105,7 @@ TEST(CheckpointFile, RefusedSaveLeavesTheFileAsItWas) {
 TEST(CheckpointFile, FailedRenameFallsBackToDirectWrite) {
     TempDir dir;
     const std::wstring path = dir.file(L"Security_checkpoint");
-    test::writeRaw(path, "record_id=1");
+    ASSERT_TRUE(test::writeFile(path, "record_id=1"));
     // An open handle that does not share deletion blocks replacing the file,
     // but not writing it.
     UniqueHandle holder(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "TempFolder.h"
-#include "platform/Handles.h"
 #include "platform/Paths.h"
 
 namespace skorva::test {
@@ -19,13 +18,6 @@ struct TempDir : TempFolder {
     TempDir() : TempFolder(L"ckpt-test") {}
     std::wstring file(const std::wstring& name) const { return path() + L"\\" + name; }
 };
-
-inline void writeRaw(const std::wstring& path, const std::string& content) {
-    UniqueHandle h(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    ASSERT_TRUE(h.valid());
-    DWORD written = 0;
-    ASSERT_TRUE(::WriteFile(h.get(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr));
-}
 
 // Empty when missing.
 inline std::string readRaw(const std::wstring& path) {
