@@ -33,8 +33,8 @@ TEST_F(FormattingTest, ServiceOutagesAreRetriedThirtyTimesThenGivenUp) {
         FormatSpy::install();
         std::wstring out;
         EXPECT_FALSE(format(EvtFormatMessageLevel, out)) << fault;
-        apiTable().evt.EvtFormatMessage = FormatSpy::real();
-        EXPECT_EQ(FormatSpy::flags().size(), 30u);
+        apiTable().evt.EvtFormatMessage = FormatSpy::real;
+        EXPECT_EQ(FormatSpy::calls, 30u);
         EXPECT_EQ(clock.slept(), 29u * 2000u);
         EXPECT_EQ(log_.count(LogLevel::Warn, "WinEventLogChannelBase::formatMessageByFlag: EvtFormatMessage failed "
                                              "to render event data for channel='Security' after one minute. Marking "
