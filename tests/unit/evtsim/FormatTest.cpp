@@ -1,8 +1,9 @@
 // EvtOpenPublisherMetadata and EvtFormatMessage: providers without resources, small
-// buffers, typed inserts. (Texts sized in characters, the keyword list, the message
-// id look-up, the errors 15027 to 15029 and formatting without a publisher, from the
-// event's own texts or Winmeta's names, are met through the product's renderer:
-// RenderingTest, FormattingTest.)
+// buffers, typed inserts, the keyword list's bytes. (Texts sized in characters, the
+// message id look-up, parameter strings, the errors 15027 to 15029 and formatting
+// without a publisher, from the event's own texts or Winmeta's names, are met
+// through the product's renderer: RenderingTest, FormattingTest, and the modern and
+// legacy messages agreeing in channel/LegacyTest.)
 #include "EvtsimTestUtil.h"
 
 #include "platform/Strings.h"
@@ -19,12 +20,13 @@ protected:
         evtsim::ProviderDef p;
         p.name = "Test-Provider";
         p.tasks = {{7, "Logon"}};
+        p.keywords = {{0x1, "First"}, {0x2, "Second"}};
         p.events = {{10, "User %1 did %2."}, {11, "Needs %4"}};
         store.addProvider(p);
         store.createChannel("Application");
         evtsim::EventSpec e = sampleEvent(10, {{"User", "bob"}, {"Action", "log on"}});
         e.provider = "Test-Provider";
-        e.task = 7;
+        e.task = 7, e.keywords = 0x3;
         store.append("Application", e);
         e.eventId = 11;
         store.append("Application", e);
@@ -56,6 +58,14 @@ protected:
     std::vector<UniqueEvtHandle> events;
     UniqueEvtHandle pub;
 };
+
+// The keywords are a list of strings ending in an extra NUL, sized in characters
+// (what the product makes of such a list: FormattingTest, KeywordLists...).
+TEST_F(FormatTest, KeywordsAreAListEndingInAnExtraNul) {
+    std::wstring out;
+    ASSERT_EQ(0u, format(pub.get(), events[0].get(), EvtFormatMessageKeyword, out));
+    EXPECT_EQ(std::wstring(L"First\0Second\0\0", 14), out);
+}
 
 // A provider registered without its resources gives no text at all: locale
 // missing (15033); resource file missing (15100) or without the language (1815),
