@@ -157,6 +157,28 @@ TEST_F(SubscribeTest, SignalOnlyForNewRecordsAndNeverReset) {
     EXPECT_TRUE(signalled());  // the client resets it
 }
 
+// A clear leaves queries and subscriptions stale for good, and a subscription
+// cannot start after a bookmark of the cleared log (ERROR_EVT_QUERY_RESULT_STALE:
+// "may be due to the log being cleared"; elastic/beats #32168, vector #26115).
+TEST_F(SubscribeTest, ClearMakesEveryResultStale) {
+    auto sub = subscribe(EvtSubscribeStartAtOldestRecord);
+    UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"System", L"*", EvtQueryChannelPath));
+    auto read = readAll(sub.get());
+    UniqueEvtHandle bm(evtsim::EvtCreateBookmark(nullptr));
+    ASSERT_TRUE(evtsim::EvtUpdateBookmark(bm.get(), read.back().get()));
+    store.clearChannel("System");
+    store.append("System", sampleEvent(2));
+    EVT_HANDLE h[1];
+    DWORD got = 0, errors[4] = {};
+    for (int i = 0; i < 2; ++i) {
+        if (!evtsim::EvtNext(sub.get(), 1, h, 0, 0, &got)) errors[i] = GetLastError();
+        if (!evtsim::EvtNext(q.get(), 1, h, 0, 0, &got)) errors[2 + i] = GetLastError();
+    }
+    EXPECT_EQ((std::vector<DWORD>{15011, 15011, 15011, 15011}), std::vector<DWORD>(errors, errors + 4));
+    EXPECT_FALSE(subscribe(EvtSubscribeStartAfterBookmark, bm.get()));
+    EXPECT_EQ(15011u, GetLastError());
+}
+
 TEST_F(SubscribeTest, HalfWrittenRecordIsNeverServedAndTimesOut) {
     auto sub = subscribe(EvtSubscribeToFutureEvents);
     // Another writer holds the last frame half written for a while.
