@@ -179,27 +179,6 @@ TEST_F(SubscribeTest, ClearMakesEveryResultStale) {
     EXPECT_EQ(15011u, GetLastError());
 }
 
-TEST_F(SubscribeTest, HalfWrittenRecordIsNeverServedAndTimesOut) {
-    auto sub = subscribe(EvtSubscribeToFutureEvents);
-    // Another writer holds the last frame half written for a while.
-    std::string half = "EVR1 00000000000000000004 0000000100\n<Event>";
-    evtsim::ChannelMeta meta;
-    std::wstring dir = evtsim::channelDir(store.root(), "System");
-    ASSERT_TRUE(evtsim::readChannelMeta(dir, meta));
-    HANDLE f = CreateFileW(evtsim::recordsPath(dir, meta).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                           nullptr, OPEN_EXISTING, 0, nullptr);
-    ASSERT_NE(INVALID_HANDLE_VALUE, f);
-    DWORD written = 0;
-    WriteFile(f, half.data(), static_cast<DWORD>(half.size()), &written, nullptr);
-    CloseHandle(f);
-    EVT_HANDLE h[1];
-    DWORD got = 0;
-    EXPECT_FALSE(evtsim::EvtNext(sub.get(), 1, h, 50, 0, &got));
-    EXPECT_EQ(1460u, GetLastError());  // ERROR_TIMEOUT
-    EXPECT_FALSE(evtsim::EvtNext(sub.get(), 1, h, 0, 0, &got));
-    EXPECT_EQ(4317u, GetLastError());  // nothing was served
-}
-
 // A rule strikes only its target and stops after its count. (That "once", "from"
 // and a target strike is seen through the product: the publisher fault end to
 // end, the channel list's fault in ChannelEnumerationTest.)
