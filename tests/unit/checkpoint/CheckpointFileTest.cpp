@@ -25,6 +25,7 @@ TEST(CheckpointFile, ReadsContentWithLinesJoined) {
     } cases[] = {
         {"<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='386038' IsCurrent='true'/>\r\n</BookmarkList>\r\n",
          true, "<BookmarkList>  <Bookmark Channel='Application' RecordId='386038' IsCurrent='true'/></BookmarkList>"},
+        {"a=1,\r\r\nb=2\n", true, "a=1,\rb=2"},  // only the CR of a CR LF pair ends a line
         {"\r\n", false, ""},
         {nullptr, false, ""},
     };
@@ -34,6 +35,28 @@ TEST(CheckpointFile, ReadsContentWithLinesJoined) {
         std::string out = "stale";
         EXPECT_EQ(WELCheckPointBase::getCheckpointStr(path, out), c.read) << c.out;
         EXPECT_EQ(out, c.out);
+    }
+}
+
+// A checkpoint string as a file may hold it (the strings the product writes are
+// pinned byte for byte by the readers' tests; a parsed string builds back, fuzz_checkpoint).
+TEST(CheckpointFile, CheckpointStringParse) {
+    struct Case {
+        std::string text;
+        bool ok;
+        CheckpointMap expected;
+    } cases[] = {
+        {"a=1,b=2", true, {{"a", "1"}, {"b", "2"}}},
+        {"a=1,a=3", true, {{"a", "3"}}},    // later duplicate wins
+        {"a=x=y", true, {{"a", "x=y"}}},    // only the first '=' separates
+        {"x", false, {}},      {"a=", false, {}},       {"a=1,b", false, {}},
+        {"=1", false, {}},     {"a=1,,b=2", false, {}}, {"a=1,", false, {}},
+        {"", false, {}},
+    };
+    for (const auto& c : cases) {
+        CheckpointMap out;
+        EXPECT_EQ(WELCheckPointBase::parseCheckpointStr(c.text, out), c.ok) << c.text;
+        if (c.ok) EXPECT_EQ(out, c.expected) << c.text;
     }
 }
 

@@ -135,13 +135,5 @@ TEST_F(CheckpointPolicy, ServiceFailuresAreRetriedWithTheNewerEvent) {
     EXPECT_FALSE(ch->policy.checkPoint(nullptr, 9, true));  // nothing to write
 }
 
-// The file name the command line's checkpoint removal looks for.
-TEST_F(CheckpointPolicy, ChannelPathIsSanitizedIntoTheFileName) {
-    auto ch = makeChannel(0, true, "Microsoft-Windows-Sysmon/Operational");
-    ASSERT_TRUE(send(*ch, 1));
-    const std::wstring expected = L"\\persistentstorage\\WinEventLog\\Microsoft-Windows-Sysmon_Operational_checkpoint";
-    EXPECT_EQ(test::readRaw(dir_.path() + expected), bookmarkXml("Security", 1));
-}
-
 }  // namespace
 }  // namespace skorva
