@@ -9,7 +9,6 @@
 
 #include "FakeAccounts.h"
 #include "directory/SidProps.h"
-#include "directory/SidStringTranslation.h"
 #include "platform/Clock.h"
 #include "platform/Strings.h"
 
@@ -124,14 +123,6 @@ TEST_F(SidLookupCacheTest, ConcurrentLookupsAllGetTheirOwnAnswer) {
     EXPECT_EQ(cache_.size(), static_cast<size_t>(kSids));
     // Racing misses may both ask; never more than once per thread and SID.
     EXPECT_LE(FakeAccounts::calls(), kSids * kThreads);
-}
-
-// Texts that are no SID fail as the system's conversion fails them. (A SID the
-// system knows reads as its account in channel/LegacyTest, XmlFromTheRecord.)
-TEST(SidLookupCacheSystem, TextsThatAreNoSidFail) {
-    std::wstring name;
-    for (const char* text : {"not-a-sid", "bf967aba-0de6-11d0-a285-00aa003049e2", "S-", "S-1-x"})
-        EXPECT_FALSE(translateSidString(text, name)) << text;
 }
 
 class SidPropsTest : public ::testing::Test {
