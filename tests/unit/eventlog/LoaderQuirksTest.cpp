@@ -41,7 +41,6 @@ public:
         lib.handle = reinterpret_cast<HMODULE>(static_cast<uintptr_t>(0x10000 * libs_.size()));
         return lib;
     }
-    void remove(const std::wstring& name) { libs_.erase(name); }
 
     HMODULE getModuleHandle(const wchar_t* name) override {
         auto it = libs_.find(name);
