@@ -29,9 +29,6 @@ TEST_F(RenderingTest, ClassicFieldsOfASecurityEventInOrder) {
     };
     EXPECT_EQ(fieldsOf(r), expected);
     EXPECT_EQ(r.message, L"An account logged on.\r\n\tAccount Name:\talice\r\n\tLogon Type:\t2");
-    EXPECT_EQ(r.time, 1706735107u);
-    EXPECT_EQ(r.eventCode, 4624u);
-    EXPECT_EQ(r.publisher, L"Test-Auditing");
 }
 
 TEST_F(RenderingTest, UserSidIsTranslatedWhenResolutionIsOn) {

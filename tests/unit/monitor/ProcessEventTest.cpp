@@ -110,10 +110,3 @@ TEST(ProcessEvent, FiltersDecideWhatIsWritten) {
         }
     }
 }
-
-TEST(ProcessEvent, MissingMessageKeyFailsAWhitelistButNeverABlacklist) {
-    Output white(Params{{"whitelist", "Message=%x%"}});
-    EXPECT_FALSE(white.write(classicEvent({{L"EventCode", L"1"}})));
-    Output black(Params{{"blacklist", "Message=%x%"}});
-    EXPECT_TRUE(black.write(classicEvent({{L"EventCode", L"1"}})));
-}
