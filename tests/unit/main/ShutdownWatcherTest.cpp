@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <io.h>
-
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -53,27 +51,14 @@ TEST(ShutdownWatcher, AllocationFailuresEndWithTheirTextAndOne) {
     } cases[] = {{&noMalloc, "Memory error: malloc: "}, {&noCalloc, "Memory error: calloc: 102\n"}};
     SetEnvironmentVariableW(L"SKORVAD_PROCESSID", std::to_wstring(GetCurrentProcessId()).c_str());
     for (const auto& c : cases) {
-        char path[MAX_PATH];
-        ASSERT_TRUE(GetTempPathA(MAX_PATH, path));
-        const std::string file = std::string(path) + "skorva-watcher-stderr.txt";
-        fflush(stderr);
-        const int saved = _dup(_fileno(stderr));
-        FILE* capture = fopen(file.c_str(), "w+b");
-        _dup2(_fileno(capture), _fileno(stderr));
         exitCode = -1;
         ShutdownWatcher::setAllocators(c.allocators);
+        ::testing::internal::CaptureStderr();
         {
             ShutdownWatcher w(&onShutdown, 0, ShutdownWatcher::WatchBoth, 0, &recordExit);
         }
+        const std::string text = ::testing::internal::GetCapturedStderr();
         ShutdownWatcher::setAllocators(nullptr);
-        fflush(stderr);
-        _dup2(saved, _fileno(stderr));
-        _close(saved);
-        std::string text(256, '\0');
-        fseek(capture, 0, SEEK_SET);
-        text.resize(fread(text.data(), 1, text.size(), capture));
-        fclose(capture);
-        remove(file.c_str());
         EXPECT_EQ(exitCode.load(), 1);
         EXPECT_EQ(text.rfind(c.text, 0), 0u) << text;
     }
