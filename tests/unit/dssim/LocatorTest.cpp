@@ -16,9 +16,9 @@ TEST(LocatorTest, FindsTheControllerTheRequestAsksFor) {
     DOMAIN_CONTROLLER_INFOW* raw = nullptr;
     ASSERT_EQ(0u, dssim::DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, DS_DIRECTORY_SERVICE_PREFERRED, &raw));
     ControllerInfo info(raw);
-    EXPECT_EQ(std::wstring(L"\\\\DC01.corp.example.test"), info->DomainControllerName);
-    EXPECT_EQ(std::wstring(L"corp.example.test"), info->DomainName);
-    EXPECT_EQ(0xE000F1FDu, info->Flags);
+    EXPECT_EQ(std::wstring(L"\\\\DC01.corp.example.test"), info.get()->DomainControllerName);
+    EXPECT_EQ(std::wstring(L"corp.example.test"), info.get()->DomainName);
+    EXPECT_EQ(0xE000F1FDu, info.get()->Flags);
     info.reset();
     EXPECT_EQ(0u, dssim::counters().liveBuffers);
 }
@@ -30,7 +30,7 @@ TEST(LocatorTest, UnavailableControllerIsFoundButNotBound) {
               "[dc]\nname = DC02.corp.example.test\ndomain = corp.example.test\n");
     DOMAIN_CONTROLLER_INFOW* raw = nullptr;
     ASSERT_EQ(0u, dssim::DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, 0, &raw));
-    EXPECT_EQ(std::wstring(L"\\\\DC01.corp.example.test"), ControllerInfo(raw)->DomainControllerName);
+    EXPECT_EQ(std::wstring(L"\\\\DC01.corp.example.test"), ControllerInfo(raw).get()->DomainControllerName);
     EXPECT_EQ(static_cast<DWORD>(RPC_S_SERVER_UNAVAILABLE), Binding(L"DC01.corp.example.test").status());
     EXPECT_EQ(0u, Binding().status());  // binding locates a controller that answers
 }

@@ -50,7 +50,7 @@ TEST(NamesTest, SidOfTwoObjectsIsNotUnique) {
     Binding b;
     NameResult r;
     ASSERT_EQ(0u, crack(b.get(), DS_SID_OR_SID_HISTORY_NAME, DS_FQDN_1779_NAME, L"S-1-5-21-1-2-3-1000", r));
-    EXPECT_EQ(static_cast<DWORD>(DS_NAME_ERROR_NOT_UNIQUE), r->rItems[0].status);
+    EXPECT_EQ(static_cast<DWORD>(DS_NAME_ERROR_NOT_UNIQUE), r.get()->rItems[0].status);
 }
 
 }  // namespace

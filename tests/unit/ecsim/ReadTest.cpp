@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "EcsimInProcess.h"
+#include "platform/Handles.h"
 
 namespace {
 
@@ -21,14 +22,7 @@ const char* const kThree =
     "[Raw-Into-Security-Archive-With-A-Long-Name]\nEnabled = false\nContentFormat = Events\nLogFile = Archive\n"
     "[B]\nEnabled = true\nContentFormat = 7\nLogFile = ForwardedEvents\n";
 
-struct Handle {
-    explicit Handle(EC_HANDLE handle) : h(handle) {}
-    ~Handle() {
-        if (h) ecsim::EcClose(h);
-    }
-    Handle(const Handle&) = delete;
-    EC_HANDLE h;
-};
+using Handle = skorva::UniqueAny<EC_HANDLE, &ecsim::EcClose>;
 
 Handle openForReading(const wchar_t* name) { return Handle(ecsim::EcOpenSubscription(name, EC_READ_ACCESS, EC_OPEN_EXISTING)); }
 
@@ -51,18 +45,18 @@ std::vector<std::wstring> enumerate(EC_HANDLE en) {
 TEST(EcsimEnum, NamesInCharactersThenNoMoreItems) {
     EcsimStore store(kThree);
     Handle en(ecsim::EcOpenSubscriptionEnum(0));
-    ASSERT_TRUE(en.h);
+    ASSERT_TRUE(en);
     const std::wstring first = L"Forwarded-Rendered";
     wchar_t buf[64];
     DWORD used = 0;
     for (DWORD size : {DWORD{0}, static_cast<DWORD>(first.size())}) {
-        EXPECT_FALSE(ecsim::EcEnumNextSubscription(en.h, size, size ? buf : nullptr, &used));
+        EXPECT_FALSE(ecsim::EcEnumNextSubscription(en.get(), size, size ? buf : nullptr, &used));
         EXPECT_EQ(static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER), GetLastError());
         EXPECT_EQ(first.size() + 1, used);
     }
-    ASSERT_TRUE(ecsim::EcEnumNextSubscription(en.h, used, buf, &used));
+    ASSERT_TRUE(ecsim::EcEnumNextSubscription(en.get(), used, buf, &used));
     EXPECT_EQ(first, buf);
-    EXPECT_EQ((std::vector<std::wstring>{L"Raw-Into-Security-Archive-With-A-Long-Name", L"B"}), enumerate(en.h));
+    EXPECT_EQ((std::vector<std::wstring>{L"Raw-Into-Security-Archive-With-A-Long-Name", L"B"}), enumerate(en.get()));
     EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_ITEMS), GetLastError());
 }
 
@@ -85,10 +79,10 @@ TEST(EcsimEnum, WhatTheStoreSays) {
         EcsimStore store(c.file ? c.file : "", "", c.running);
         if (!c.root) ecsim::setStoreRoot(L"");
         Handle en(ecsim::EcOpenSubscriptionEnum(0));
-        EXPECT_EQ(c.error, en.h ? 0u : GetLastError());
-        EXPECT_TRUE(!en.h || enumerate(en.h).empty());
+        EXPECT_EQ(c.error, en ? 0u : GetLastError());
+        EXPECT_TRUE(!en || enumerate(en.get()).empty());
         if (c.error == RPC_S_SERVER_UNAVAILABLE) {
-            EXPECT_EQ(nullptr, openForReading(L"A").h);
+            EXPECT_EQ(nullptr, openForReading(L"A").get());
             EXPECT_EQ(c.error, GetLastError());
         }
     }
@@ -98,7 +92,7 @@ TEST(EcsimEnum, WhatTheStoreSays) {
 // open through the product's check, exactly as enumerated and for reading.)
 TEST(EcsimOpen, MissingName) {
     EcsimStore store(kThree);
-    EXPECT_EQ(nullptr, openForReading(L"Missing").h);
+    EXPECT_EQ(nullptr, openForReading(L"Missing").get());
     EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), GetLastError());
 }
 
@@ -123,17 +117,17 @@ TEST(EcsimProperty, TypesAndSizesInBytes) {
     for (const Case& c : cases) {
         SCOPED_TRACE(&c - cases);
         Handle sub = openForReading(c.sub);
-        ASSERT_TRUE(sub.h);
+        ASSERT_TRUE(sub);
         const auto need = static_cast<DWORD>(sizeof(EC_VARIANT) + (c.text ? (wcslen(c.text) + 1) * sizeof(wchar_t) : 0));
         std::vector<BYTE> buf(need + 8, 0xCC);
         auto* v = reinterpret_cast<PEC_VARIANT>(buf.data());
         DWORD used = 0;
         for (DWORD size : {DWORD{0}, need - 1}) {
-            EXPECT_FALSE(ecsim::EcGetSubscriptionProperty(sub.h, c.id, 0, size, v, &used));
+            EXPECT_FALSE(ecsim::EcGetSubscriptionProperty(sub.get(), c.id, 0, size, v, &used));
             EXPECT_EQ(static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER), GetLastError());
             EXPECT_EQ(need, used);
         }
-        ASSERT_TRUE(ecsim::EcGetSubscriptionProperty(sub.h, c.id, 0, need, v, &used));
+        ASSERT_TRUE(ecsim::EcGetSubscriptionProperty(sub.get(), c.id, 0, need, v, &used));
         EXPECT_EQ(need, used);
         EXPECT_EQ(c.type, v->Type);
         EXPECT_EQ(c.number, c.type == EcVarTypeBoolean ? static_cast<UINT32>(v->BooleanVal)

@@ -4,20 +4,17 @@
 // the logs the registry lists, by their names, and never passes a null buffer.)
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 #include "EvtsimTestUtil.h"
 #include "Legacy.h"
+#include "platform/Handles.h"
 
 using namespace evtsim_test;
 using skorva::test::EvtsimStore;
 
 namespace {
 
-struct LogCloser {
-    void operator()(void* h) const { evtsim::CloseEventLog(h); }
-};
-using LogHandle = std::unique_ptr<void, LogCloser>;
+using LogHandle = skorva::UniqueAny<HANDLE, &evtsim::CloseEventLog>;
 LogHandle openLog(const wchar_t* name) { return LogHandle(evtsim::OpenEventLogW(nullptr, name)); }
 
 // One ReadEventLogW call with a buffer of `size` bytes: 0 or the error, the size
