@@ -125,17 +125,16 @@ protected:
     void SetUp() override {
         store.createChannel("System");
         for (int i = 0; i < 3; ++i) store.append("System", sampleEvent(7036));
-        signal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     }
-    void TearDown() override { CloseHandle(signal); }
     UniqueEvtHandle subscribe(DWORD flags, EVT_HANDLE bookmark = nullptr) {
-        return UniqueEvtHandle(evtsim::EvtSubscribe(nullptr, signal, L"System", L"*", bookmark, nullptr, nullptr, flags));
+        return UniqueEvtHandle(
+            evtsim::EvtSubscribe(nullptr, signal.get(), L"System", L"*", bookmark, nullptr, nullptr, flags));
     }
-    bool signalled() { return WaitForSingleObject(signal, 0) == WAIT_OBJECT_0; }
-    bool signalledWithin(DWORD ms) { return WaitForSingleObject(signal, ms) == WAIT_OBJECT_0; }
+    bool signalled() { return WaitForSingleObject(signal.get(), 0) == WAIT_OBJECT_0; }
+    bool signalledWithin(DWORD ms) { return WaitForSingleObject(signal.get(), ms) == WAIT_OBJECT_0; }
 
     EvtsimStore store;
-    HANDLE signal = nullptr;
+    skorva::UniqueHandle signal{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 };
 
 // The service sets the signal only for records written after the subscription
