@@ -88,14 +88,6 @@ TEST(EcsimEnum, WhatTheStoreSays) {
     }
 }
 
-// A name gone since the enumeration: ERROR_FILE_NOT_FOUND. (The names enumerated
-// open through the product's check, exactly as enumerated and for reading.)
-TEST(EcsimOpen, MissingName) {
-    EcsimStore store(kThree);
-    EXPECT_EQ(nullptr, openForReading(L"Missing").get());
-    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), GetLastError());
-}
-
 // EcGetSubscriptionProperty: PropertyValueBufferUsed is the size needed on
 // ERROR_INSUFFICIENT_BUFFER and the size used on success, in bytes (Microsoft's
 // samples grow a BYTE vector to it); strings lie after the variant in the buffer;
