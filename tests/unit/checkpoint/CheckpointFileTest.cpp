@@ -38,28 +38,6 @@ TEST(CheckpointFile, ReadsContentWithLinesJoined) {
     }
 }
 
-// A checkpoint string as a file may hold it (the strings the product writes are
-// pinned byte for byte by the readers' tests; a parsed string builds back, fuzz_checkpoint).
-TEST(CheckpointFile, CheckpointStringParse) {
-    struct Case {
-        std::string text;
-        bool ok;
-        CheckpointMap expected;
-    } cases[] = {
-        {"a=1,b=2", true, {{"a", "1"}, {"b", "2"}}},
-        {"a=1,a=3", true, {{"a", "3"}}},    // later duplicate wins
-        {"a=x=y", true, {{"a", "x=y"}}},    // only the first '=' separates
-        {"x", false, {}},      {"a=", false, {}},       {"a=1,b", false, {}},
-        {"=1", false, {}},     {"a=1,,b=2", false, {}}, {"a=1,", false, {}},
-        {"", false, {}},
-    };
-    for (const auto& c : cases) {
-        CheckpointMap out;
-        EXPECT_EQ(WELCheckPointBase::parseCheckpointStr(c.text, out), c.ok) << c.text;
-        if (c.ok) EXPECT_EQ(out, c.expected) << c.text;
-    }
-}
-
 // Anything but a bookmark or a checkpoint string is refused, so that the
 // channel is not silently restarted from its first event.
 TEST(CheckpointFile, ValidationAcceptsBookmarksAndCheckpointStringsOnly) {

@@ -2,8 +2,6 @@
 #include <windows.h>
 #include <sddl.h>
 
-#include <algorithm>
-#include <set>
 #include <thread>
 #include <vector>
 
