@@ -115,13 +115,28 @@ TEST_F(RenderTest, DataRenderWithTheirTemplateTypes) {
     EXPECT_TRUE(inBuffer(v[8].StringArr[1]));
 }
 
-// The XML is NUL-terminated UTF-16 sized in bytes: one byte short fails with the
-// full size. (Its form, the service's, is test_one_known_record's byte for byte.)
-TEST_F(RenderTest, XmlIsSizedInBytes) {
-    const std::wstring xml = renderXml(event.get());  // sizing call: 122
+// Whatever the store was given, the XML renders in the service's form: attributes
+// in single quotes, no layout white space, no comments or CDATA sections. It is
+// NUL-terminated UTF-16 sized in bytes; one byte short fails with the full size.
+TEST_F(RenderTest, XmlRendersInTheServicesFormWhateverItWasGiven) {
+    store.appendXml("Security",
+                    "<?xml version=\"1.0\"?>\n<Event xmlns=\"http://schemas.microsoft.com/win/2004/08/events/event\">\n"
+                    "  <System>\n    <Provider Name=\"P\" />\n    <!-- a comment -->\n    <EventID>7</EventID>\n"
+                    "    <Security UserID=\"S-1-5-18\"></Security>\n  </System>\n  <EventData>\n"
+                    "    <Data Name=\"A\"><![CDATA[x < y & \"z\"]]></Data>\n    <Data Name='B'> </Data>\n"
+                    "  </EventData>\n</Event>\n");
+    UniqueEvtHandle q(evtsim::EvtQuery(nullptr, L"Security", nullptr, EvtQueryChannelPath));
+    auto events = readAll(q.get());
+    ASSERT_EQ(2u, events.size());
+    const std::wstring xml = renderXml(events[1].get());  // sizing call: 122
+    EXPECT_EQ(L"<Event xmlns='http://schemas.microsoft.com/win/2004/08/events/event'><System><Provider Name='P'/>"
+              L"<EventID>7</EventID><Security UserID='S-1-5-18'/><EventRecordID>2</EventRecordID>"
+              L"<Channel>Security</Channel></System><EventData><Data Name='A'>x &lt; y &amp; \"z\"</Data>"
+              L"<Data Name='B'> </Data></EventData></Event>",
+              xml);
     std::vector<BYTE> buf((xml.size() + 1) * 2);
     DWORD used = 0, count = 0;
-    EXPECT_FALSE(evtsim::EvtRender(nullptr, event.get(), EvtRenderEventXml, DWORD(buf.size() - 1), buf.data(), &used,
+    EXPECT_FALSE(evtsim::EvtRender(nullptr, events[1].get(), EvtRenderEventXml, DWORD(buf.size() - 1), buf.data(), &used,
                                    &count));
     EXPECT_EQ(122u, GetLastError());
     EXPECT_EQ(buf.size(), used);
