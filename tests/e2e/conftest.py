@@ -5,18 +5,14 @@ import subprocess
 
 import pytest
 
+from dssim import DssimDirectory
+from evtsim import WINE_RUN, wine_command, winpath  # noqa: F401 (for the tests)
+
 EXE = os.environ.get("SKORVA_EXE", "")
-WINE_RUN = os.environ.get("SKORVA_WINE_RUN", "")
-
-
-def winpath(p):
-    """The Windows form of a Linux path under Wine (drive Z: is the root)."""
-    return "Z:" + str(p).replace("/", "\\")
 
 
 def run_exe(args, env=None, stdin=b"", timeout=60):
-    cmd = ([WINE_RUN] if WINE_RUN else []) + [EXE] + list(args)
-    return subprocess.run(cmd, input=stdin, capture_output=True, env=env, timeout=timeout)
+    return subprocess.run(wine_command(EXE, *args), input=stdin, capture_output=True, env=env, timeout=timeout)
 
 
 @pytest.fixture
@@ -36,6 +32,14 @@ def env(home):
     e.pop("SKORVA_DB", None)
     e.pop("SKORVAD_PROCESSID", None)
     return e
+
+
+@pytest.fixture
+def directory(tmp_path):
+    """The simulated directory service's sample directory."""
+    d = DssimDirectory(tmp_path / "directory")
+    d.use_sample()
+    return d
 
 
 def log_text(home):

@@ -40,11 +40,6 @@ class EvtsimStore:
             raise RuntimeError(f"evtsim-store {args}: {proc.returncode} {proc.stderr.decode(errors='replace')}")
         return proc
 
-    def start(self, *args):
-        """Runs the tool in the background (for writers racing a reader)."""
-        return subprocess.Popen(wine_command(TOOL, "--store", winpath(self.root), *args),
-                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-
     def create(self, channel):
         self.run("create", channel)
 
@@ -62,13 +57,5 @@ class EvtsimStore:
         self.run("generate", channel, count, "--seed", seed, "--batch", batch,
                  "--hold-last", hold_last_ms, "--first", first)
 
-    def providers(self):
-        self.run("providers")
-
     def faults(self, rules):
         self.run("faults", rules)
-
-    def channels(self):
-        """{channel: number of records}"""
-        out = self.run("list").stdout.decode()
-        return {name: int(n) for name, n in (line.split("\t") for line in out.splitlines() if line)}

@@ -1,7 +1,6 @@
 """A checkpoint save killed at any moment leaves the previous or the new
 checkpoint whole, never an empty or torn one, and at most the killed save's
-temporary file. Also: the file a channel's checkpoint is saved to is the one
-the command line removes."""
+temporary file."""
 import os
 import pathlib
 import random
@@ -10,9 +9,7 @@ import signal
 import subprocess
 import time
 
-import pytest
-
-from conftest import EXE, WINE_RUN, winpath
+from conftest import winpath
 from test_collector import command, wine_server  # noqa: F401 (fixture)
 
 SAVER = pathlib.Path(os.environ.get("SKORVA_BUILD_DIR", "")) / "tests" / "helpers" / "checkpoint-saver.exe"
@@ -85,26 +82,3 @@ def test_killed_saves_leave_one_whole_bookmark(tmp_path):
           f"killed_before_first_save={stats['killed_before_first_save']} seconds={elapsed:.1f}")
     assert stats["saves"] > KILLS, "kills should land among many completed saves"
 
-
-def test_channel_checkpoint_is_removed_by_the_command_line(tmp_path):
-    assert SAVER.exists(), "build the checkpoint-saver target"
-    home = tmp_path / "home"
-    (home / "etc").mkdir(parents=True)
-    (home / "etc" / "log-cmdline.cfg").write_text(
-        "level = DEBUG\nfile = ${SKORVA_HOME}\\var\\log\\skorva\\skorva-winevtlog.log\n")
-    db = tmp_path / "db"
-    directory = db / "persistentstorage" / "WinEventLog"
-    env = dict(os.environ, SKORVA_HOME=winpath(home), SKORVA_DB=winpath(db))
-    env.pop("SKORVAD_PROCESSID", None)
-    for channel, file_name in [("Security", "Security_checkpoint"),
-                               ("Microsoft-Windows-Sysmon/Operational",
-                                "Microsoft-Windows-Sysmon_Operational_checkpoint")]:
-        saved = subprocess.run(command(SAVER, "once", winpath(directory), channel, 7), capture_output=True,
-                               stdin=subprocess.DEVNULL, timeout=60)
-        assert saved.returncode == 0, saved.stderr
-        assert (directory / file_name).exists()
-        removed = subprocess.run(command(EXE, "-rm-checkpoint", channel), capture_output=True,
-                                 stdin=subprocess.DEVNULL, env=env, timeout=60)
-        assert removed.returncode == 0
-        assert not (directory / file_name).exists()
-    assert list(directory.iterdir()) == []

@@ -104,19 +104,6 @@ def test_run_mode_malformed_configuration_ends_with_255(doc, error, home, env):
     assert "runWinEventMon:  Failed to run Skorva Windows event log Monitor: '%s'" % error in log_text(home)
 
 
-def test_run_mode_never_logs_the_session_key(home, env):
-    doc = (b"<input><session_key>TOPSECRET-KEY</session_key><configuration>"
-           b"<stanza name='WinEventLog://Security'><param name='index'>main</param></stanza>"
-           b"</configuration></input>")
-    r = run_exe([], env=env, stdin=doc)
-    assert r.returncode == 0
-    text = log_text(home)
-    # The stanza was read (no event log here, so its channel is not found).
-    assert "Failed to find Event Log with channel name='Security'" in text
-    assert "TOPSECRET-KEY" not in text
-    assert b"TOPSECRET-KEY" not in r.stderr
-
-
 def test_missing_logger_configuration_falls_back_with_one_stderr_line(home, env):
     os.remove(home / "etc" / "log-cmdline.cfg")
     r = run_exe(["-rm-checkpoint", "Security"], env=env)

@@ -6,7 +6,6 @@ import re
 import pytest
 
 from conftest import log_text
-from dssim import DssimDirectory
 from evtsim import winpath
 from test_collector import config, record_ids, start, store, wine_server, write_events  # noqa: F401 (fixtures)
 
@@ -25,13 +24,6 @@ def message(object_type=USER, name=ALICE, sid=ALICE_SID):
 def access(object_type=USER, name=ALICE, sid=ALICE_SID, event_id=4662):
     """One directory-service access, its tokens in the message and in the data."""
     return (event_id, "Directory-Test", message(object_type, name, sid), "%%{%s} %%{%s}" % (object_type, sid))
-
-
-@pytest.fixture
-def directory(tmp_path):
-    d = DssimDirectory(tmp_path / "directory")
-    d.use_sample()
-    return d
 
 
 @pytest.fixture

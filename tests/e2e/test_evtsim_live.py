@@ -1,4 +1,5 @@
-"""The simulated event log across processes under Wine."""
+"""The simulated event log across processes under Wine: records written by one process,
+some held half written for a while, reach a reader in another whole and once."""
 import os
 import re
 import subprocess
@@ -7,7 +8,8 @@ from pathlib import Path
 
 import pytest
 
-from evtsim import EvtsimStore, wine_command
+from evtsim import wine_command
+from test_collector import store  # noqa: F401 (fixture)
 
 BUILD = Path(os.environ.get("SKORVA_BUILD_DIR", "."))
 REFREADER = BUILD / "bench" / "refreader" / "refreader.exe"
@@ -20,11 +22,6 @@ def record_ids(xml_lines):
         event = ET.fromstring(line)  # a torn record would not parse
         ids.append(int(event.find(f"{NS}System/{NS}EventRecordID").text))
     return ids
-
-
-@pytest.fixture
-def store(tmp_path):
-    return EvtsimStore(tmp_path / "store")
 
 
 def test_subscriber_gets_every_record_once_while_another_process_appends(store):
@@ -51,20 +48,3 @@ def test_subscriber_gets_every_record_once_while_another_process_appends(store):
     assert record_ids(events) == list(range(1, total + 1))
     assert re.search(rf"events={total} ", err.decode())
 
-
-def test_store_tool_clear_delete_and_record_ids(store, tmp_path):
-    store.generate("Application", 3, seed=1)
-    store.clear("Application")
-    event = tmp_path / "one.xml"
-    event.write_text("<Events><Event xmlns='http://schemas.microsoft.com/win/2004/08/events/event'><System>"
-                     "<Provider Name='Manual'/><EventID>5</EventID><Level>4</Level><TimeCreated "
-                     "SystemTime='2024-02-01T00:00:00.0000000Z'/><Computer>h</Computer></System>"
-                     "<EventData><Data>x</Data></EventData></Event></Events>", encoding="utf-8")
-    assert store.append("Application", event) == (4, 1)  # ids keep counting after a clear
-    assert store.channels() == {"Application": 1}
-    store.delete("Application")
-    assert store.channels() == {}
-    bad = tmp_path / "bad.xml"
-    bad.write_text("<Event><System>", encoding="utf-8")
-    store.create("Application")
-    assert store.run("append", "Application", str(bad), check=False).returncode != 0

@@ -3,9 +3,6 @@
 //   checkpoint-saver loop <file> <channel> <first record id>
 //       saves bookmark texts of growing record ids to <file> with the durable
 //       save, printing "saved <id>" after each, until it is killed.
-//   checkpoint-saver once <directory> <channel> <record id>
-//       saves one bookmark as the channel's checkpoint file in <directory> and
-//       prints the file's path.
 #include <fcntl.h>
 #include <io.h>
 
@@ -13,10 +10,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "checkpoint/CheckpointPath.h"
 #include "checkpoint/WELCheckPoint.h"
 #include "platform/Logger.h"
-#include "platform/Paths.h"
 #include "platform/Strings.h"
 
 namespace {
@@ -24,11 +19,6 @@ namespace {
 std::string bookmarkXml(const std::string& channel, unsigned long long recordId) {
     return "<BookmarkList>\r\n  <Bookmark Channel='" + channel + "' RecordId='" + std::to_string(recordId) +
            "' IsCurrent='true'/>\r\n</BookmarkList>";
-}
-
-int usage() {
-    std::fputs("usage: checkpoint-saver loop <file> <channel> <first id> | once <directory> <channel> <id>\n", stderr);
-    return 2;
 }
 
 }  // namespace
@@ -39,26 +29,14 @@ int main(int argc, char** argv) {
     log.level = skorva::LogLevel::Warn;
     log.alsoStderr = true;
     skorva::Logger::instance().apply(log);
-    if (argc != 5) return usage();
-    const std::string mode = argv[1];
-    const std::string channel = argv[3];
-    unsigned long long recordId = std::strtoull(argv[4], nullptr, 10);
-    if (mode == "loop") {
-        const std::wstring path = skorva::widen(argv[2]);
-        for (;; ++recordId) {
-            if (!skorva::WELCheckPoint::saveCheckpointStr(path, bookmarkXml(channel, recordId), true)) return 1;
-            std::printf("saved %llu\n", recordId);
-            std::fflush(stdout);
-        }
+    if (argc != 5 || std::string(argv[1]) != "loop") {
+        std::fputs("usage: checkpoint-saver loop <file> <channel> <first id>\n", stderr);
+        return 2;
     }
-    if (mode == "once") {
-        const std::wstring directory = skorva::widen(argv[2]);
-        const std::wstring path = skorva::checkpointFilePath(directory, skorva::widen(channel));
-        if (!skorva::createDirectories(directory) ||
-            !skorva::WELCheckPoint::saveCheckpointStr(path, bookmarkXml(channel, recordId), true))
-            return 1;
-        std::printf("%s\n", skorva::narrow(path).c_str());
-        return 0;
+    const std::wstring path = skorva::widen(argv[2]);
+    for (unsigned long long recordId = std::strtoull(argv[4], nullptr, 10);; ++recordId) {
+        if (!skorva::WELCheckPoint::saveCheckpointStr(path, bookmarkXml(argv[3], recordId), true)) return 1;
+        std::printf("saved %llu\n", recordId);
+        std::fflush(stdout);
     }
-    return usage();
 }

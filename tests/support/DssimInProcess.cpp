@@ -33,13 +33,8 @@ DssimDirectory::~DssimDirectory() {
 }
 
 void DssimDirectory::write(const std::string& text) {
-    const std::wstring path = folder_.path() + L"\\directory.txt";
-    HANDLE f = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    DWORD written = 0;
-    const bool ok = f != INVALID_HANDLE_VALUE &&
-                    WriteFile(f, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) && written == text.size();
-    if (f != INVALID_HANDLE_VALUE) CloseHandle(f);
-    if (!ok) throw std::runtime_error("dssim: cannot write directory.txt: " + std::to_string(GetLastError()));
+    if (!writeFile(folder_.path() + L"\\directory.txt", text))
+        throw std::runtime_error("dssim: cannot write directory.txt: " + std::to_string(GetLastError()));
     dssim::setDirectoryRoot(folder_.path());  // read again even when size and time look alike
 }
 

@@ -1,5 +1,6 @@
 #pragma once
-// A private folder under %TEMP% for one test's life, removed with everything in it.
+// A private folder under %TEMP% for one test's life, removed with everything in it,
+// and a file written whole.
 
 #include <windows.h>
 
@@ -47,5 +48,16 @@ private:
 
     std::wstring path_;
 };
+
+// Writes `content` to `path`, created or replaced; false on failure.
+inline bool writeFile(const std::wstring& path, const std::string& content) {
+    HANDLE f = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    DWORD written = 0;
+    const bool ok = f != INVALID_HANDLE_VALUE &&
+                    WriteFile(f, content.data(), static_cast<DWORD>(content.size()), &written, nullptr) &&
+                    written == content.size();
+    if (f != INVALID_HANDLE_VALUE) CloseHandle(f);
+    return ok;
+}
 
 }  // namespace skorva::test

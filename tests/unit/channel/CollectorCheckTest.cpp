@@ -1,10 +1,7 @@
 // The event collector subscription check as a channel's init meets it, over the
 // simulated collector in process: which subscriptions refuse the channel, what the
 // operator reads then, and what reaches the formatting when one delivers rendered text.
-#include <filesystem>
-#include <fstream>
-
-#include "Ecsim.h"
+#include "EcsimInProcess.h"
 #include "ReaderFixture.h"
 #include "platform/SkorvaException.h"
 
@@ -12,13 +9,9 @@ namespace skorva::test {
 namespace {
 
 // A private collector store with its service running, and the entry points the check calls.
-class Collector {
+class Collector : public EcsimStore {
 public:
-    explicit Collector(const std::string& subscriptions, const char* faults = "") {
-        ::CreateDirectoryW((folder_.path() + L"\\collector").c_str(), nullptr);
-        std::ofstream(std::filesystem::path(folder_.path() + L"\\collector\\subscriptions.txt")) << subscriptions;
-        ecsim::setStoreRoot(folder_.path());
-        EXPECT_TRUE(ecsim::setFaults(faults));
+    explicit Collector(const std::string& subscriptions, const char* faults = "") : EcsimStore(subscriptions, faults) {
         EcApi& api = apiTable().ec;
         api.EcOpenSubscriptionEnum = &ecsim::EcOpenSubscriptionEnum;
         api.EcEnumNextSubscription = &ecsim::EcEnumNextSubscription;
@@ -27,13 +20,6 @@ public:
         api.EcClose = &ecsim::EcClose;
         WinEventLogAPIInitializer::useFilledEcTableForTesting();
     }
-    ~Collector() {
-        ecsim::clearFaults();
-        ecsim::setStoreRoot(L"");
-    }
-
-private:
-    TempFolder folder_{L"ecsim"};
 };
 
 std::string subscription(const std::string& name, const char* enabled, const char* format, const char* logFile) {
@@ -58,8 +44,7 @@ TEST_F(CollectorCheck, SubscriptionsIntoTheChannelDecideWhetherItOpens) {
         {"", "EcOpenSubscriptionEnum=1722", "raw_event", "raw_event", false,
          fn + "Cannot open enumeration handle. Error: " + systemErrorText(1722) + " Skipping enumeration."},
         {subscription("Fwd", "true", "RenderedText", "Application"), "", "raw_event", "rendered_event", true, ""},
-        {subscription("Raw", "true", "Events", "Application"), "", "rendered_event", "", false,
-         fn + "subscription:'Raw' - Invalid WEC content-format:'Events', for skorva-format = rendered_event" + see},
+        // (Raw events into a channel read as rendered ones: refused, end to end.)
         {subscription("Old", "false", "Events", "Application"), "", "rendered_event", "rendered_event", false, ""},
         {subscription("Odd", "true", "7", "Application"), "", "raw_event", "", false,
          fn + "subscription:'Odd' - Unknown WEC content-format = 7 for skorva-format raw_event"},

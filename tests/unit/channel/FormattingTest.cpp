@@ -33,8 +33,8 @@ TEST_F(FormattingTest, ServiceOutagesAreRetriedThirtyTimesThenGivenUp) {
         FormatSpy::install();
         std::wstring out;
         EXPECT_FALSE(format(EvtFormatMessageLevel, out)) << fault;
-        apiTable().evt.EvtFormatMessage = FormatSpy::real();
-        EXPECT_EQ(FormatSpy::flags().size(), 30u);
+        apiTable().evt.EvtFormatMessage = FormatSpy::real;
+        EXPECT_EQ(FormatSpy::calls, 30u);
         EXPECT_EQ(clock.slept(), 29u * 2000u);
         EXPECT_EQ(log_.count(LogLevel::Warn, "WinEventLogChannelBase::formatMessageByFlag: EvtFormatMessage failed "
                                              "to render event data for channel='Security' after one minute. Marking "
@@ -65,63 +65,38 @@ TEST_F(FormattingTest, PublisherMetadataIsOpenedOnceAndSweptWhenIdle) {
     EXPECT_EQ(evtsim::openHandleCount(), open - 1);
 }
 
-// A formatter that reports a keyword list's length without its final
-// terminator, yet needs room for it, as the service does.
+// A formatter that serves keyword lists in turn, each with the length it reports:
+// the service reports a list without its final terminator, yet needs room for it.
 struct KeywordFormatter {
-    static BOOL WINAPI call(EVT_HANDLE, EVT_HANDLE, DWORD, DWORD, PEVT_VARIANT, DWORD flag, DWORD size, LPWSTR buf,
-                            PDWORD used) {
-        const std::wstring list = text();
-        *used = static_cast<DWORD>(list.size() - 1);
-        if (flag != EvtFormatMessageKeyword) {
-            ::SetLastError(ERROR_EVT_MESSAGE_NOT_FOUND);
-            return FALSE;
-        }
-        if (size < list.size()) {
-            ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
-            return FALSE;
-        }
-        wmemcpy(buf, list.data(), list.size());
-        return TRUE;
-    }
-    // "first\0<3000 x k>\0\0"
-    static std::wstring text() { return std::wstring(L"first") + L'\0' + std::wstring(3000, L'k') + L'\0' + L'\0'; }
-};
-
-TEST_F(FormattingTest, KeywordListGetsRoomForItsFinalTerminator) {
-    auto saved = apiTable().evt.EvtFormatMessage;
-    apiTable().evt.EvtFormatMessage = &KeywordFormatter::call;
-    std::wstring out;
-    const bool ok = format(EvtFormatMessageKeyword, out);
-    apiTable().evt.EvtFormatMessage = saved;
-    ASSERT_TRUE(ok);
-    EXPECT_EQ(out, L"first, " + std::wstring(3000, L'k'));
-}
-
-// Gives a long keyword list first, then an empty one (a single terminator).
-struct ShrinkingKeywordFormatter {
-    static inline int calls = 0;
+    static inline std::vector<std::pair<std::wstring, DWORD>> lists;
+    static inline size_t served = 0;
     static BOOL WINAPI call(EVT_HANDLE, EVT_HANDLE, DWORD, DWORD, PEVT_VARIANT, DWORD, DWORD size, LPWSTR buf,
                             PDWORD used) {
-        const std::wstring list = calls++ == 0 ? std::wstring(L"Audit Success") + L'\0' + L"Classic" + L'\0' + L'\0'
-                                               : std::wstring(1, L'\0');
-        *used = static_cast<DWORD>(list.size());
+        const auto& [list, reported] = lists[served];
+        *used = reported;
         if (size < list.size()) {
             ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
             return FALSE;
         }
         wmemcpy(buf, list.data(), list.size());
+        ++served;
         return TRUE;
     }
 };
 
-TEST_F(FormattingTest, ShorterKeywordListShowsNothingOfTheLastOne) {
+// A long list gets room for its final terminator; an empty one after it shows
+// nothing of the last one.
+TEST_F(FormattingTest, KeywordListsWholeAndNothingOfTheLastOne) {
+    const std::wstring list = std::wstring(L"first") + L'\0' + std::wstring(3000, L'k') + L'\0' + L'\0';
+    KeywordFormatter::lists = {{list, DWORD(list.size() - 1)}, {std::wstring(1, L'\0'), 1}};
+    KeywordFormatter::served = 0;
     auto saved = apiTable().evt.EvtFormatMessage;
-    apiTable().evt.EvtFormatMessage = &ShrinkingKeywordFormatter::call;
+    apiTable().evt.EvtFormatMessage = &KeywordFormatter::call;
     std::wstring first, second;
     const bool ok = format(EvtFormatMessageKeyword, first) && format(EvtFormatMessageKeyword, second);
     apiTable().evt.EvtFormatMessage = saved;
     ASSERT_TRUE(ok);
-    EXPECT_EQ(first, L"Audit Success, Classic");
+    EXPECT_EQ(first, L"first, " + std::wstring(3000, L'k'));
     EXPECT_EQ(second, L"");
 }
 

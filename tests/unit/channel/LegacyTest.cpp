@@ -60,13 +60,6 @@ protected:
         readFile(settings().checkpointDir + L"\\Application_checkpoint" + suffix, text);
         return text;
     }
-    void fresh() {
-        channel_.reset();
-        store_.deleteChannel(kChannel);
-        store_.createChannel(kChannel);
-        std::vector<std::string> failures;
-        removeRecursive(settings().checkpointDir, failures);
-    }
     static evtsim::EventSpec classic(unsigned id, unsigned qualifiers, unsigned task, std::vector<std::string> strings,
                                      const char* source = "Evtsim-Classic") {
         evtsim::EventSpec e;

@@ -14,6 +14,7 @@
 #include "eventlog/WinEventLogAPIInitializer.h"
 #include "channel/WinEventLogChannel.h"
 #include "platform/Clock.h"
+#include "platform/Paths.h"
 
 namespace skorva::test {
 
@@ -61,6 +62,14 @@ protected:
         channel_ = std::make_unique<WinEventLogChannel>(kChannel, s);
         EXPECT_EQ(channel_->init(), expectInit) << log_.dump();
         return *channel_;
+    }
+    // An empty channel made anew and no checkpoints, for the next case of a table.
+    void fresh() {
+        channel_.reset();
+        store_.deleteChannel(kChannel);
+        store_.createChannel(kChannel);
+        std::vector<std::string> failures;
+        removeRecursive(settings().checkpointDir, failures);
     }
     // Appends `count` events; event ids count up from `firstEventId` when given.
     void append(size_t count, unsigned firstEventId = 0, const std::string& text = "text") {

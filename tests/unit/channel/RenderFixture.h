@@ -21,24 +21,18 @@ namespace skorva::test {
 
 using Fields = std::vector<std::pair<std::wstring, std::wstring>>;
 
-// Records the flags of every EvtFormatMessage call on the way to evtsim.
+// Counts the EvtFormatMessage calls on the way to evtsim.
 struct FormatSpy {
-    static decltype(&::EvtFormatMessage)& real() {
-        static decltype(&::EvtFormatMessage) fn = nullptr;
-        return fn;
-    }
-    static std::vector<DWORD>& flags() {
-        static std::vector<DWORD> f;
-        return f;
-    }
+    static inline decltype(&::EvtFormatMessage) real = nullptr;
+    static inline size_t calls = 0;
     static BOOL WINAPI call(EVT_HANDLE pub, EVT_HANDLE ev, DWORD id, DWORD n, PEVT_VARIANT v, DWORD flag, DWORD size,
                             LPWSTR buf, PDWORD used) {
-        flags().push_back(flag);
-        return real()(pub, ev, id, n, v, flag, size, buf, used);
+        ++calls;
+        return real(pub, ev, id, n, v, flag, size, buf, used);
     }
     static void install() {
-        flags().clear();
-        real() = apiTable().evt.EvtFormatMessage;
+        calls = 0;
+        real = apiTable().evt.EvtFormatMessage;
         apiTable().evt.EvtFormatMessage = &call;
     }
 };

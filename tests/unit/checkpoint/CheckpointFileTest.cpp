@@ -25,13 +25,13 @@ TEST(CheckpointFile, ReadsContentWithLinesJoined) {
     } cases[] = {
         {"<BookmarkList>\r\n  <Bookmark Channel='Application' RecordId='386038' IsCurrent='true'/>\r\n</BookmarkList>\r\n",
          true, "<BookmarkList>  <Bookmark Channel='Application' RecordId='386038' IsCurrent='true'/></BookmarkList>"},
-        {"channel=Application,\nrecord_id=9\n", true, "channel=Application,record_id=9"},
+        {"a=1,\r\r\nb=2\n", true, "a=1,\rb=2"},  // only the CR of a CR LF pair ends a line
         {"\r\n", false, ""},
         {nullptr, false, ""},
     };
     for (const auto& c : cases) {
         ::DeleteFileW(path.c_str());
-        if (c.content) test::writeRaw(path, c.content);
+        EXPECT_TRUE(!c.content || test::writeFile(path, c.content));
         std::string out = "stale";
         EXPECT_EQ(WELCheckPointBase::getCheckpointStr(path, out), c.read) << c.out;
         EXPECT_EQ(out, c.out);
@@ -55,7 +55,7 @@ TEST(CheckpointFile, ValidationAcceptsBookmarksAndCheckpointStringsOnly) {
         {"<BookmarkList>\r\n  <Bookmark Chan", false},
     };
     for (const auto& c : cases) {
-        test::writeRaw(path, c.content);
+        ASSERT_TRUE(test::writeFile(path, c.content));
         LogCapture log;
         EXPECT_EQ(WELCheckPointBase::validateCheckpointStr(path), c.valid) << c.content;
         EXPECT_EQ(log.contains("To avoid duplicate events, we're throwing an error"), !c.valid);
@@ -68,7 +68,7 @@ TEST(CheckpointFile, SaveWritesAndReplacesInBothModes) {
     const std::wstring path = dir.file(L"Application_checkpoint");
     for (bool sync : {false, true}) {
         SCOPED_TRACE(sync);
-        test::writeRaw(path, std::string(500, 'o'));  // longer than what replaces it
+        ASSERT_TRUE(test::writeFile(path, std::string(500, 'o')));  // longer than what replaces it
         ASSERT_TRUE(WELCheckPoint::saveCheckpointStr(path, test::bookmarkXml("Application", 7), sync));
         EXPECT_EQ(test::readRaw(path), test::bookmarkXml("Application", 7));
         EXPECT_TRUE(test::listMatching(dir.path(), L"Application_checkpoint.tmp.").empty());
@@ -79,7 +79,7 @@ TEST(CheckpointFile, RefusedSaveLeavesTheFileAsItWas) {
     TempDir dir;
     const std::wstring path = dir.file(L"Application_checkpoint");
     const std::wstring unwritable = dir.file(L"no\\such\\dir\\X_checkpoint");
-    test::writeRaw(path, "record_id=1");
+    ASSERT_TRUE(test::writeFile(path, "record_id=1"));
     for (bool sync : {false, true}) {
         struct Case {
             std::wstring path;
@@ -106,7 +106,7 @@ TEST(CheckpointFile, RefusedSaveLeavesTheFileAsItWas) {
 TEST(CheckpointFile, FailedRenameFallsBackToDirectWrite) {
     TempDir dir;
     const std::wstring path = dir.file(L"Security_checkpoint");
-    test::writeRaw(path, "record_id=1");
+    ASSERT_TRUE(test::writeFile(path, "record_id=1"));
     // An open handle that does not share deletion blocks replacing the file,
     // but not writing it.
     UniqueHandle holder(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,

@@ -1,4 +1,4 @@
-// The checkpoint string and the line joining of checkpoint files.
+// The checkpoint string read from a file (built natively under the sanitizers too).
 #include <gtest/gtest.h>
 
 #include "checkpoint/WELCheckPointBase.h"
@@ -6,28 +6,8 @@
 namespace skorva {
 namespace {
 
-TEST(CheckpointString, BuildsPairsInKeyOrderAndRefusesEmptyParts) {
-    struct Case {
-        CheckpointMap map;
-        bool ok;
-        std::string expected;
-    } cases[] = {
-        {{}, true, ""},
-        {{{"record_id", "42"}}, true, "record_id=42"},
-        {{{"b", "2"}, {"a", "1"}}, true, "a=1,b=2"},
-        // Byte-wise order: upper case before lower case.
-        {{{"record_id", "7"}, {"channel", "Security"}, {"Z", "z"}}, true, "Z=z,channel=Security,record_id=7"},
-        {{{"a", "1"}, {"b", ""}}, false, ""},
-        {{{"", "1"}}, false, ""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.expected);
-        std::string out = "stale";
-        EXPECT_EQ(WELCheckPointBase::buildCheckpointStr(c.map, out), c.ok);
-        EXPECT_EQ(out, c.expected);
-    }
-}
-
+// A checkpoint string as a file may hold it (the strings the product writes are
+// pinned byte for byte by the readers' tests; a parsed string builds back, fuzz_checkpoint).
 TEST(CheckpointString, ParseCases) {
     struct Case {
         std::string text;
@@ -45,23 +25,6 @@ TEST(CheckpointString, ParseCases) {
         CheckpointMap out;
         EXPECT_EQ(WELCheckPointBase::parseCheckpointStr(c.text, out), c.ok) << c.text;
         if (c.ok) EXPECT_EQ(out, c.expected) << c.text;
-    }
-}
-
-TEST(CheckpointString, JoinLinesDropsLineEnds) {
-    struct Case {
-        std::string content, expected;
-    } cases[] = {
-        {"<BookmarkList>\r\n  <Bookmark/>\r\n</BookmarkList>", "<BookmarkList>  <Bookmark/></BookmarkList>"},
-        {"a=1,\nb=2\n", "a=1,b=2"},
-        {"a\r\r\nb", "a\rb"},  // only the CR of a CRLF pair is a line end
-        {"\n\r\n", ""},
-        {"one", "one"},
-    };
-    for (const auto& c : cases) {
-        std::string out = "stale";
-        WELCheckPointBase::joinLines(c.content, out);
-        EXPECT_EQ(out, c.expected);
     }
 }
 

@@ -5,47 +5,19 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "platform/Handles.h"
+#include "TempFolder.h"
 #include "platform/Paths.h"
 
 namespace skorva::test {
 
-class TempDir {
-public:
-    TempDir() {
-        static std::atomic<unsigned> counter{0};
-        wchar_t base[MAX_PATH + 1];
-        const DWORD n = ::GetTempPathW(MAX_PATH + 1, base);
-        path_ = std::wstring(base, n) + L"ckpt-test-" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
-                std::to_wstring(counter++);
-        std::vector<std::string> ignored;
-        if (pathExists(path_)) removeRecursive(path_, ignored);
-        EXPECT_TRUE(createDirectories(path_));
-    }
-    ~TempDir() {
-        std::vector<std::string> ignored;
-        removeRecursive(path_, ignored);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::wstring& path() const { return path_; }
-    std::wstring file(const std::wstring& name) const { return path_ + L"\\" + name; }
-
-private:
-    std::wstring path_;
+struct TempDir : TempFolder {
+    TempDir() : TempFolder(L"ckpt-test") {}
+    std::wstring file(const std::wstring& name) const { return path() + L"\\" + name; }
 };
-
-inline void writeRaw(const std::wstring& path, const std::string& content) {
-    UniqueHandle h(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    ASSERT_TRUE(h.valid());
-    DWORD written = 0;
-    ASSERT_TRUE(::WriteFile(h.get(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr));
-}
 
 // Empty when missing.
 inline std::string readRaw(const std::wstring& path) {

@@ -2,14 +2,11 @@
 #include <windows.h>
 #include <sddl.h>
 
-#include <algorithm>
-#include <set>
 #include <thread>
 #include <vector>
 
 #include "FakeAccounts.h"
 #include "directory/SidProps.h"
-#include "directory/SidStringTranslation.h"
 #include "platform/Clock.h"
 #include "platform/Strings.h"
 
@@ -86,14 +83,6 @@ TEST_F(SidLookupCacheTest, LongNamesAreFetchedAgainAtTheReportedSize) {
     EXPECT_EQ(FakeAccounts::calls(), 2);
 }
 
-TEST_F(SidLookupCacheTest, InvalidSidIsRejectedWithoutLookup) {
-    std::wstring account, domain;
-    unsigned char junk[16] = {9, 9};
-    EXPECT_EQ(cache_.lookupSid(junk, account, domain), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(cache_.lookupSid(nullptr, account, domain), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(FakeAccounts::calls(), 0);
-}
-
 TEST_F(SidLookupCacheTest, DisabledCacheAsksEveryTimeAndStoresNothing) {
     SidCacheSettings s;
     s.disabled = true;
@@ -134,17 +123,6 @@ TEST_F(SidLookupCacheTest, ConcurrentLookupsAllGetTheirOwnAnswer) {
     EXPECT_LE(FakeAccounts::calls(), kSids * kThreads);
 }
 
-// The real account look-up under the test system.
-TEST(SidLookupCacheSystem, LocalSystemTranslatesToItsAccountName) {
-    SidLookupCache::instance().clear();
-    std::wstring name;
-    ASSERT_TRUE(translateSidString("S-1-5-18", name));
-    EXPECT_EQ(name, L"NT AUTHORITY\\SYSTEM");
-    // Texts that are no SID fail as the system's conversion fails them.
-    for (const char* text : {"not-a-sid", "bf967aba-0de6-11d0-a285-00aa003049e2", "S-", "S-1-x"})
-        EXPECT_FALSE(translateSidString(text, name)) << text;
-}
-
 class SidPropsTest : public ::testing::Test {
 protected:
     test::ProcessCacheWithFake fake_;
@@ -167,20 +145,6 @@ TEST_F(SidPropsTest, SidStringMatchesTheSystemConversion) {
     }
 }
 
-TEST_F(SidPropsTest, AccountIsLookedUpOnlyWhenAsked) {
-    FakeAccounts::table()[L"S-1-5-21-1-2-3-512"] = FakeAccount{L"Domain Admins", L"CORP", 0, SidTypeGroup};
-    SidBytes sid("S-1-5-21-1-2-3-512");
-    SidProps plain, looked;
-    ASSERT_TRUE(plain.processSid(sid.get(), false));
-    EXPECT_EQ(plain.sidString, L"S-1-5-21-1-2-3-512");
-    EXPECT_EQ(plain.accountName, L"NOT_TRANSLATED");
-    EXPECT_EQ(FakeAccounts::calls(), 0);
-    ASSERT_TRUE(looked.processSid(sid.get(), true));
-    EXPECT_EQ(looked.accountName, L"Domain Admins");
-    EXPECT_EQ(looked.domainName, L"CORP");
-    EXPECT_EQ(looked.sidType, static_cast<DWORD>(SidTypeGroup));
-}
-
 TEST_F(SidPropsTest, FailuresKeepWhatWasLearnt) {
     FakeAccounts::table()[L"S-1-5-21-1-2-3-9"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
     SidBytes sid("S-1-5-21-1-2-3-9");
@@ -190,25 +154,6 @@ TEST_F(SidPropsTest, FailuresKeepWhatWasLearnt) {
     unsigned char junk[16] = {7};
     EXPECT_FALSE(props.processSid(junk, true));
     EXPECT_EQ(props.sidString, L"");
-}
-
-TEST_F(SidPropsTest, SidStringTranslationJoinsDomainAndAccount) {
-    FakeAccounts::table()[L"S-1-5-21-1-2-3-1001"] = FakeAccount{L"alice", L"CORP"};
-    FakeAccounts::table()[L"S-1-5-21-1-2-3-1002"] = FakeAccount{L"bob", L""};
-    FakeAccounts::table()[L"S-1-5-21-1-2-3-1003"] = FakeAccount{L"", L"", ERROR_ACCESS_DENIED};
-    // The second round is answered from the cache by the SID text, the same way;
-    // a lower-case text is parsed and still finds the cached account.
-    for (const char* prefix : {"S", "S", "s"}) {
-        SCOPED_TRACE(prefix);
-        const std::string base = std::string(prefix) + "-1-5-21-1-2-3-100";
-        std::wstring out;
-        ASSERT_TRUE(translateSidString(base + "1", out));
-        EXPECT_EQ(out, L"CORP\\alice");
-        ASSERT_TRUE(translateSidString(base + "2", out));
-        EXPECT_EQ(out, L"bob");
-        EXPECT_FALSE(translateSidString(base + "3", out));
-    }
-    EXPECT_EQ(FakeAccounts::calls(), 3) << "each account looked up once";
 }
 
 }  // namespace

@@ -3,25 +3,16 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "DssimInProcess.h"
+#include "platform/Handles.h"
 
 namespace dssim_test {
 
-struct NetApiFree {
-    void operator()(void* p) const { dssim::NetApiBufferFree(p); }
-};
-struct NameResultFree {
-    void operator()(DS_NAME_RESULTW* p) const { dssim::DsFreeNameResultW(p); }
-};
-struct GuidMapFree {
-    void operator()(DS_SCHEMA_GUID_MAPW* p) const { dssim::DsFreeSchemaGuidMapW(p); }
-};
-using ControllerInfo = std::unique_ptr<DOMAIN_CONTROLLER_INFOW, NetApiFree>;
-using NameResult = std::unique_ptr<DS_NAME_RESULTW, NameResultFree>;
-using GuidMap = std::unique_ptr<DS_SCHEMA_GUID_MAPW, GuidMapFree>;
+using ControllerInfo = skorva::UniqueAny<DOMAIN_CONTROLLER_INFOW*, &dssim::NetApiBufferFree>;
+using NameResult = skorva::UniqueAny<DS_NAME_RESULTW*, &dssim::DsFreeNameResultW>;
+using GuidMap = skorva::UniqueAny<DS_SCHEMA_GUID_MAPW*, &dssim::DsFreeSchemaGuidMapW>;
 
 // A bound handle, unbound at the end of its scope.
 class Binding {
@@ -51,6 +42,5 @@ inline DWORD crack(HANDLE h, DS_NAME_FORMAT offered, DS_NAME_FORMAT desired, con
 }
 
 constexpr const wchar_t* kAlice = L"{20983438-8bbc-45b7-9563-9a5fc0cc48ec}";
-constexpr const wchar_t* kAliceDn = L"CN=Alice Martin,OU=Staff,DC=corp,DC=example,DC=test";
 
 }  // namespace dssim_test

@@ -35,15 +35,6 @@ inline std::wstring renderXml(EVT_HANDLE ev) {
     return text;
 }
 
-inline std::wstring renderBookmark(EVT_HANDLE bm) {
-    DWORD used = 0, count = 0;
-    evtsim::EvtRender(nullptr, bm, EvtRenderBookmark, 0, nullptr, &used, &count);
-    std::wstring text(used / sizeof(wchar_t), L'\0');
-    EXPECT_TRUE(evtsim::EvtRender(nullptr, bm, EvtRenderBookmark, used, text.data(), &used, &count));
-    text.resize(wcslen(text.c_str()));
-    return text;
-}
-
 // Record ids of events, in the order given.
 inline std::vector<uint64_t> recordIds(const std::vector<UniqueEvtHandle>& events) {
     std::vector<uint64_t> ids;

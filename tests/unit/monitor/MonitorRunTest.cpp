@@ -16,7 +16,6 @@
 #include "MonitorTestSupport.h"
 #include "EvtsimInProcess.h"
 #include "LogCapture.h"
-#include "RunTestSupport.h"
 #include "eventlog/WinEventLogAPIInitializer.h"
 #include "platform/Clock.h"
 #include "platform/Paths.h"
@@ -34,46 +33,45 @@ std::vector<uint64_t> recordNumbers(const std::string& stream) {
     return ids;
 }
 
-size_t countOf(const std::string& s, const std::string& what) {
-    size_t n = 0;
-    for (size_t pos = s.find(what); pos != std::string::npos; pos = s.find(what, pos + 1)) ++n;
-    return n;
-}
-
-// Polls the output until `events` events are out; gives up after a generous bound
-// (the assertions that follow then report what arrived).
-void waitForEvents(const CapturedOutput& out, size_t events) {
-    for (int i = 0; i < 600 && countOf(out.text(), "<event ") < events; ++i) ::Sleep(50);
-}
-
+// A monitor run on its own thread over the Application channel's generated records.
 struct LiveRun {
     EvtsimStore store;
     CapturedOutput out;
     std::unique_ptr<WinEventMon> mon;
     std::thread thread;
     bool started = false;
+    std::wstring checkpoint;
 
-    LiveRun() { WinEventLogAPIInitializer::useFilledEvtTableForTesting(true); }
-    ~LiveRun() {
-        if (thread.joinable()) {
-            mon->stop();
-            thread.join();
-        }
+    LiveRun(size_t records, uint64_t seed) {
+        WinEventLogAPIInitializer::useFilledEvtTableForTesting(true);
+        store.generate("Application", records, seed);
     }
-    void start(Params params, const std::string& channel = "Application") {
-        if (!mon) mon = std::make_unique<WinEventMon>(store.root() + L"\\checkpoints");
+    ~LiveRun() {
+        if (thread.joinable()) stop();
+    }
+    void start(Params params, std::unique_ptr<WinEventMon> monitor = nullptr) {
+        mon = monitor ? std::move(monitor) : std::make_unique<WinEventMon>(store.root() + L"\\checkpoints");
         ASSERT_TRUE(mon->enumEvtLogChannels());
-        ASSERT_TRUE(mon->configure(stanzas({{"WinEventLog://" + channel, std::move(params)}})));
+        ASSERT_TRUE(mon->configure(stanzas({{"WinEventLog://Application", std::move(params)}})));
+        checkpoint = mon->findChannel("Application")->checkpointFilePath();
         mon->setOutput(out.file());
         thread = std::thread([this] { started = mon->start(); });
     }
-    void stop() {
+    // Polls until `distinct` different records are out; gives up after a generous
+    // bound (the assertions that follow then report what arrived).
+    void waitFor(size_t distinct) {
+        for (int i = 0; i < 600; ++i, ::Sleep(50)) {
+            const std::vector<uint64_t> ids = recordNumbers(out.text());
+            if (std::set<uint64_t>(ids.begin(), ids.end()).size() >= distinct) return;
+        }
+    }
+    std::vector<uint64_t> stop() {
         mon->stop();
         thread.join();
+        mon.reset();
+        return recordNumbers(out.text());
     }
 };
-
-}  // namespace
 
 // A monitor whose output fails at chosen events, as it would without memory.
 class FailingMonitor : public WinEventMon {
@@ -86,6 +84,8 @@ public:
         return WinEventMon::processEvent(work, event, scratch);
     }
 };
+
+}  // namespace
 
 // A failed write is reported and read again: nothing after it is taken for
 // written, and an event that never goes through is given up after three tries.
@@ -101,27 +101,15 @@ TEST(MonitorRun, FailedWritesAreReadAgainNeverSkippedSilently) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.threads);
-        LiveRun run;
-        run.store.createChannel("Application");
-        run.store.generate("Application", 300, 6);
+        LiveRun run(300, 6);
         auto mon = std::make_unique<FailingMonitor>(run.store.root() + L"\\checkpoints");
         mon->failures = c.failures;
-        run.mon = std::move(mon);
         LogCapture log;
-        run.start({{"batch_size", "1000"}, {"use_threads", c.threads}, {"thread_wait_time_msec", "100"}});
-        // Failed events come again, some others twice: wait for every distinct one.
-        for (int i = 0; i < 600; ++i) {
-            const std::vector<uint64_t> now = recordNumbers(run.out.text());
-            if (std::set<uint64_t>(now.begin(), now.end()).size() >= 300 - c.lost.size()) break;
-            ::Sleep(50);
-        }
-        const std::wstring checkpoint = run.mon->findChannel("Application")->checkpointFilePath();
-        run.stop();
-        run.mon.reset();
-        const std::vector<uint64_t> ids = recordNumbers(run.out.text());
+        run.start({{"batch_size", "1000"}, {"use_threads", c.threads}, {"thread_wait_time_msec", "100"}}, std::move(mon));
+        run.waitFor(300 - c.lost.size());  // failed events come again, some others twice
         std::set<uint64_t> missing;
         for (uint64_t id = 1; id <= 300; ++id) missing.insert(id);
-        for (uint64_t id : ids) missing.erase(id);
+        for (uint64_t id : run.stop()) missing.erase(id);
         EXPECT_EQ(std::vector<uint64_t>(missing.begin(), missing.end()), c.lost);
         EXPECT_TRUE(log.has(LogLevel::Error, "WinEventMon::processLogChannel: Failed to write event rec_id=" +
                                                  std::to_string(c.failures.begin()->first) +
@@ -132,33 +120,26 @@ TEST(MonitorRun, FailedWritesAreReadAgainNeverSkippedSilently) {
                                            "channel='Application' failed to be written 3 times and is skipped"),
                   !c.lost.empty());
         std::string bookmark;
-        ASSERT_TRUE(readFile(checkpoint, bookmark));
+        ASSERT_TRUE(readFile(run.checkpoint, bookmark));
         EXPECT_NE(bookmark.find("RecordId='300'"), std::string::npos) << bookmark;
     }
 }
 
 TEST(MonitorRun, SuppressedCheckpointWritesNoFile) {
-    LiveRun run;
-    run.store.createChannel("Application");
-    run.store.generate("Application", 20, 4);
+    LiveRun run(20, 4);
     run.start({{"suppress_checkpoint", "true"}});
-    waitForEvents(run.out, 20);
-    const std::wstring checkpoint = run.mon->findChannel("Application")->checkpointFilePath();
-    run.stop();
-    run.mon.reset();
-    EXPECT_EQ(recordNumbers(run.out.text()).size(), 20u);
-    EXPECT_FALSE(pathExists(checkpoint));
+    run.waitFor(20);
+    EXPECT_EQ(run.stop().size(), 20u);
+    EXPECT_FALSE(pathExists(run.checkpoint));
 }
 
 TEST(MonitorRun, ChannelThatNeverComesBackIsGivenUpAfterItsWaitTime) {
-    LiveRun run;
-    run.store.createChannel("Application");
-    run.store.generate("Application", 3, 5);
+    LiveRun run(3, 5);
     ManualClock clock;  // the 500 ms availability sleeps pass at once
     ScopedClock useClock(clock);
     LogCapture log;
     run.start({{"channel_wait_time", "2"}});
-    waitForEvents(run.out, 3);
+    run.waitFor(3);
     run.store.deleteChannel("Application");
     // The reader notices the deleted channel on its next pass; the dispatch loop
     // then retries four times and gives the channel up, which ends the run.
@@ -172,23 +153,18 @@ TEST(MonitorRun, ChannelThatNeverComesBackIsGivenUpAfterItsWaitTime) {
 // then each new one once, noticed by the wait's timeout as no change
 // notification reaches the monitor here; the checkpoint string follows.
 TEST(MonitorRun, ClassicLogNewestFirstThenFollowed) {
-    LiveRun run;
+    LiveRun run(30, 2);
     installEvtsimLegacyApi();
-    run.store.createChannel("Application");
-    run.store.generate("Application", 30, 2);
     run.start({{"use_old_eventlog_api", "true"}, {"start_from", "newest"}, {"thread_wait_time_msec", "100"}});
-    waitForEvents(run.out, 30);
+    run.waitFor(30);
     run.store.generate("Application", 3, 3);
-    waitForEvents(run.out, 33);
-    const std::wstring checkpoint = run.mon->findChannel("Application")->checkpointFilePath();
-    run.stop();
-    run.mon.reset();
+    run.waitFor(33);
     std::vector<uint64_t> expected;
     for (uint64_t id = 30; id >= 1; --id) expected.push_back(id);
     for (uint64_t id = 31; id <= 33; ++id) expected.push_back(id);
-    EXPECT_EQ(recordNumbers(run.out.text()), expected);
+    EXPECT_EQ(run.stop(), expected);
     std::string text;
-    ASSERT_TRUE(readFile(checkpoint, text));
+    ASSERT_TRUE(readFile(run.checkpoint, text));
     EXPECT_EQ(text, "channel=Application,record_id=33");
-    EXPECT_FALSE(pathExists(checkpoint + L"_reverse"));
+    EXPECT_FALSE(pathExists(run.checkpoint + L"_reverse"));
 }

@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "TempFolder.h"
 #include "platform/Logger.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
@@ -21,12 +22,6 @@ struct LoggerReset {
         Logger::instance().apply(config);
     }
 };
-
-std::wstring tempDir(const wchar_t* name) {
-    wchar_t buf[MAX_PATH];
-    DWORD n = GetTempPathW(MAX_PATH, buf);
-    return joinPath(std::wstring(buf, n), std::wstring(name) + std::to_wstring(GetCurrentProcessId()));
-}
 
 }  // namespace
 
@@ -67,10 +62,10 @@ TEST(LoggerConfigFile, ParsesKeysAndSubstitutions) {
 
 TEST(Logger, WritesWholeLinesWithTimestampLevelAndThread) {
     LoggerReset reset;
-    const std::wstring dir = tempDir(L"skorva-log-");
+    test::TempFolder dir(L"skorva-log");
     LoggerConfig config;
     config.level = LogLevel::Debug;
-    config.file = joinPath(joinPath(dir, L"nested"), L"test.log");
+    config.file = joinPath(joinPath(dir.path(), L"nested"), L"test.log");
     Logger::instance().apply(config);
 
     const int threads = 4, perThread = 200;
@@ -97,16 +92,14 @@ TEST(Logger, WritesWholeLinesWithTimestampLevelAndThread) {
         EXPECT_NE(line.find("] worker "), std::string::npos) << line;
         EXPECT_TRUE(endsWith(line, std::string(100, 'p'))) << line;
     }
-    std::vector<std::string> failures;
-    removeRecursive(dir, failures);
 }
 
 TEST(Logger, RotatesBySizeKeepingBackups) {
     LoggerReset reset;
-    const std::wstring dir = tempDir(L"skorva-rot-");
+    test::TempFolder dir(L"skorva-rot");
     LoggerConfig config;
     config.level = LogLevel::Info;
-    config.file = joinPath(dir, L"r.log");
+    config.file = joinPath(dir.path(), L"r.log");
     config.maxFileBytes = 1000;
     config.backups = 2;
     Logger::instance().apply(config);
@@ -123,6 +116,4 @@ TEST(Logger, RotatesBySizeKeepingBackups) {
     EXPECT_NE(current.find("message number 099"), std::string::npos);
     // The newest backup holds the lines just before the current file's.
     EXPECT_EQ(first.find("message number 000"), std::string::npos);
-    std::vector<std::string> failures;
-    removeRecursive(dir, failures);
 }

@@ -4,28 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "TempFolder.h"
 #include "platform/Handles.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
 
 using namespace skorva;
-
-namespace {
-
-std::wstring tempRoot() {
-    wchar_t buf[MAX_PATH];
-    DWORD n = GetTempPathW(MAX_PATH, buf);
-    return joinPath(std::wstring(buf, n), L"skorva-paths-" + std::to_wstring(GetCurrentProcessId()));
-}
-
-void writeFile(const std::wstring& path, const std::string& content) {
-    UniqueHandle h(CreateFileW(longPath(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    ASSERT_TRUE(h.valid());
-    DWORD written = 0;
-    ASSERT_TRUE(WriteFile(h.get(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr));
-}
-
-}  // namespace
 
 TEST(Paths, LongPathPrefix) {
     std::wstring shortPath = L"C:\\dir\\file";
@@ -39,7 +23,8 @@ TEST(Paths, LongPathPrefix) {
 }
 
 TEST(Paths, CreateReadAndRemoveTreesBeyondMaxPath) {
-    const std::wstring root = tempRoot();
+    test::TempFolder temp(L"skorva-paths");
+    const std::wstring root = joinPath(temp.path(), L"tree");
     std::wstring deep = root;
     for (int i = 0; i < 12; ++i) deep = joinPath(deep, L"level-" + std::wstring(20, wchar_t(L'a' + i)));
     ASSERT_GT(deep.size(), 300u);
@@ -48,13 +33,13 @@ TEST(Paths, CreateReadAndRemoveTreesBeyondMaxPath) {
     EXPECT_TRUE(createDirectories(deep));  // already there
 
     const std::wstring file = joinPath(deep, L"checkpoint");
-    writeFile(file, "line1\nline2");
+    ASSERT_TRUE(test::writeFile(longPath(file), "line1\nline2"));
     std::string content;
     ASSERT_TRUE(readFile(file, content));
     EXPECT_EQ(content, "line1\nline2");
     EXPECT_FALSE(readFile(joinPath(deep, L"missing"), content));
 
-    writeFile(joinPath(root, L"top.txt"), "x");
+    ASSERT_TRUE(test::writeFile(joinPath(root, L"top.txt"), "x"));
     std::vector<std::string> failures;
     EXPECT_TRUE(removeRecursive(root, failures)) << (failures.empty() ? "" : failures[0]);
     EXPECT_TRUE(failures.empty());
@@ -62,11 +47,11 @@ TEST(Paths, CreateReadAndRemoveTreesBeyondMaxPath) {
 }
 
 TEST(Paths, RemovalCollectsWhatItCannotRemove) {
-    const std::wstring root = tempRoot() + L"-locked";
+    test::TempFolder temp(L"skorva-paths");
+    const std::wstring root = joinPath(temp.path(), L"locked");
     ASSERT_TRUE(createDirectories(joinPath(root, L"sub")));
     const std::wstring locked = joinPath(joinPath(root, L"sub"), L"in-use");
-    writeFile(locked, "held");
-    writeFile(joinPath(root, L"free"), "free");
+    ASSERT_TRUE(test::writeFile(locked, "held") && test::writeFile(joinPath(root, L"free"), "free"));
     {
         // An open handle without delete sharing keeps the file (and its folders).
         UniqueHandle hold(CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));

@@ -6,24 +6,8 @@
 
 using namespace skorva;
 
-TEST(Strings, Utf8ToUtf16AndBack) {
-    struct Case {
-        std::string utf8;
-        std::wstring utf16;
-    } cases[] = {
-        {"", L""},
-        {"plain ascii", L"plain ascii"},
-        {"caf\xC3\xA9", L"caf\u00E9"},
-        {"\xE2\x82\xAC 5", L"\u20AC 5"},
-        {"\xF0\x9F\x98\x80", std::wstring{wchar_t(0xD83D), wchar_t(0xDE00)}},
-        {std::string("a\0b", 3), std::wstring(L"a\0b", 3)},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(widen(c.utf8), c.utf16) << c.utf8;
-        EXPECT_EQ(narrow(c.utf16), c.utf8) << c.utf8;
-    }
-}
-
+// Valid text both ways, NULs included, is fuzz_utf16's (always valid UTF-8, and
+// back unchanged); the exact bytes of "café" on the stream, ProcessEvent's.
 TEST(Strings, InvalidInputKeepsTheRest) {
     const std::wstring R(1, wchar_t(0xFFFD));
     struct Case {
@@ -77,10 +61,7 @@ TEST(Strings, IntegerParsing) {
     } cases[] = {
         {"10", true, 10},       {" -5 ", true, -5},       {"+7", true, 7},
         {"", false, 0},         {"12abc", false, 0},      {"0x10", false, 0},
-        {"9223372036854775807", true, INT64_MAX},
-        {"-9223372036854775808", true, INT64_MIN},
-        {"9223372036854775808", false, 0},
-        {"--1", false, 0},      {"-", false, 0},
+        {"-", false, 0},
     };
     for (const auto& c : cases) {
         int64_t v = 0;
