@@ -32,6 +32,24 @@ namespace {
 constexpr DWORD kMissingChannelPauseMs = 20000;  // a removed channel is not polled in a tight loop
 constexpr uint64_t kSlowTranslationMs = 10;
 
+// The record number of the channel's newest record; 0 when it has none or it
+// cannot be read.
+uint64_t newestRecordId(const std::wstring& channel) {
+    const EvtApi& api = evtApi();
+    UniqueEvtHandle query(api.EvtQuery(nullptr, channel.c_str(), L"*", EvtQueryChannelPath | EvtQueryReverseDirection));
+    EVT_HANDLE raw = nullptr;
+    DWORD got = 0;
+    if (!query || !api.EvtNext(query.get(), 1, &raw, INFINITE, 0, &got) || got == 0) return 0;
+    UniqueEvtHandle event(raw);
+    LPCWSTR path = L"Event/System/EventRecordID";
+    UniqueEvtHandle context(api.EvtCreateRenderContext(1, &path, EvtRenderContextValues));
+    EVT_VARIANT value[2] = {};  // the value, with room for the service's padding
+    DWORD used = 0, count = 0;
+    if (!context || !api.EvtRender(context.get(), event.get(), EvtRenderEventValues, sizeof(value), value, &used, &count))
+        return 0;
+    return value[0].Type == EvtVarTypeUInt64 ? value[0].UInt64Val : 0;
+}
+
 }  // namespace
 
 ModernReader::ModernReader(const std::string& channelName, const std::wstring& channelNameW,
@@ -138,6 +156,12 @@ bool ModernReader::queryEvtChannel(const std::wstring& name, bool forward, bool 
 bool ModernReader::subscribeToEvtChannel(const std::wstring& name) {
     static const char* const fn = "WinEventLogChannel::subscribeToEvtChannel";
     LOG_DEBUG("%s: Subscribe to channel %S", fn, name.c_str());
+    // Record numbers go back only in a new log: one made again under the same
+    // name while it was read or while the program was down.
+    if (!removed_ && position_ && positionId_ != 0) {
+        const uint64_t newest = newestRecordId(name);
+        removed_ = newest != 0 && newest < positionId_;
+    }
     // current_only skips what the last run left; within a run nothing is skipped.
     if (removed_ && position_) {
         // The channel was removed while it was read: the one there now is a new
