@@ -181,6 +181,9 @@ def main():
     twice = sum(n - 1 for seen in arrived.values() for n in seen.values() if n > 1)
     print(f"\n{elapsed / 60:.1f} min, {total} records written ({total / elapsed:.0f}/s), caught up: {ok}, "
           f"missing {missing}, sent twice {twice}, last exit code {code}")
+    if missing:
+        lost = sorted((ch, ep, rid) for (ch, ep), ids in written.items() for rid in ids - set(arrived.get((ch, ep), {})))
+        print("missing (channel, incarnation, record id), the first 20:", lost[:20])
     if samples:
         print(f"{'sample':12} {'first':>8} {'last':>8} {'min':>8} {'max':>8}")
         for key in samples[0][1]:
