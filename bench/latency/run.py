@@ -4,8 +4,9 @@
     bench/latency/run.py [--build DIR] [--rates 100,1000] [--seconds 10] [--xml]
 
 For each rate the collector follows an empty System channel while evtsim-store
-appends records one per commit at that rate (`evtsim-store stream`), printing
-each record's commit time. The latency of a record is the time from its commit
+appends records at that rate (`evtsim-store stream`, one per commit unless a
+slow commit makes the next hold what fell due meanwhile), printing each record's
+commit time. The latency of a record is the time from its commit
 to the moment its event is read from the collector's standard output; the
 script prints p50, p99 and the maximum for each rate. Both clocks are the
 system's wall clock (Wine's GetSystemTimePreciseAsFileTime is the host's).
