@@ -6,12 +6,11 @@
 namespace skorva {
 
 EventStreamWriter::EventStreamWriter(FILE* out) : out_(out) {
-    // Events go straight to the descriptor, one write each: the C library's
+    // Blocks go straight to the descriptor, one write each: the C library's
     // buffering would split them (or, on a console, write byte by byte).
     fflush(out_);
     fd_ = _fileno(out_);
     if (fd_ >= 0) savedMode_ = _setmode(fd_, _O_BINARY);
-    buffer_.reserve(4096);
 }
 
 EventStreamWriter::~EventStreamWriter() {
@@ -31,43 +30,50 @@ bool EventStreamWriter::writeAll(const char* data, size_t size) {
     return true;
 }
 
-void EventStreamWriter::appendElement(const char* name, const std::string& value) {
+namespace {
+
+void appendElement(std::string& out, const char* name, const std::string& value) {
     if (value.empty()) return;
-    buffer_ += '<';
-    buffer_ += name;
-    buffer_ += '>';
-    appendEscaped(buffer_, value);
-    buffer_ += "</";
-    buffer_ += name;
-    buffer_ += ">\n";
+    out += '<';
+    out += name;
+    out += '>';
+    appendEscaped(out, value);
+    out += "</";
+    out += name;
+    out += ">\n";
 }
 
-bool EventStreamWriter::writeEvent(const ModinputEvent& event) {
-    buffer_.clear();
-    if (!started_) buffer_ += "<stream>\n";
-    buffer_ += "<event";
-    if (event.unbroken) buffer_ += " unbroken=\"1\"";
+}  // namespace
+
+void EventStreamWriter::appendEvent(std::string& out, const ModinputEvent& event) {
+    out += "<event";
+    if (event.unbroken) out += " unbroken=\"1\"";
     if (!event.stanza.empty()) {
-        buffer_ += " stanza=\"";
-        appendEscaped(buffer_, event.stanza);
-        buffer_ += '"';
+        out += " stanza=\"";
+        appendEscaped(out, event.stanza);
+        out += '"';
     }
-    buffer_ += ">\n";
-    appendElement("time", event.time);
+    out += ">\n";
+    appendElement(out, "time", event.time);
     if (!event.data.empty()) {
-        buffer_ += "<data>";
-        appendEscaped(buffer_, event.data);
-        buffer_ += "</data>\n";
+        out += "<data>";
+        appendEscaped(out, event.data);
+        out += "</data>\n";
     }
-    appendElement("source", event.source);
-    appendElement("sourcetype", event.sourcetype);
-    appendElement("host", event.host);
-    appendElement("index", event.index);
-    if (event.done) buffer_ += "<done/>\n";
-    buffer_ += "</event>\n";
-    const bool ok = writeAll(buffer_.data(), buffer_.size());
-    started_ = true;
-    return ok;
+    appendElement(out, "source", event.source);
+    appendElement(out, "sourcetype", event.sourcetype);
+    appendElement(out, "host", event.host);
+    appendElement(out, "index", event.index);
+    if (event.done) out += "<done/>\n";
+    out += "</event>\n";
+}
+
+bool EventStreamWriter::writeBlock(std::string_view events) {
+    if (!started_) {
+        started_ = true;
+        if (!writeAll("<stream>\n", 9)) return false;
+    }
+    return writeAll(events.data(), events.size());
 }
 
 }  // namespace skorva

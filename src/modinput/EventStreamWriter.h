@@ -1,8 +1,10 @@
 #pragma once
 // Writes events to standard output as the daemon's XML stream:
 //   <stream>\n<event stanza="...">\n<time>..</time>\n<data>..</data>\n...</event>\n ... </stream>\n
-// "<stream>" goes out with the first event, "</stream>" when the writer is
-// destroyed after at least one event. Not thread-safe: the caller serialises.
+// "<stream>" goes out with the first block, "</stream>" when the writer is
+// destroyed after at least one. Events are formatted by appendEvent, on any
+// thread, and written in blocks of whole events; writing is not thread-safe:
+// the caller serialises.
 
 #include <cstdio>
 #include <string>
@@ -32,19 +34,20 @@ public:
     EventStreamWriter(const EventStreamWriter&) = delete;
     EventStreamWriter& operator=(const EventStreamWriter&) = delete;
 
-    // False when the output could not be written (the daemon went away).
-    bool writeEvent(const ModinputEvent& event);
+    // Appends one event, as the stream carries it, to `out`.
+    static void appendEvent(std::string& out, const ModinputEvent& event);
+    // Writes whole events made by appendEvent; false when the output could not
+    // be written (the daemon went away).
+    bool writeBlock(std::string_view events);
     bool streamStarted() const { return started_; }
 
 private:
-    void appendElement(const char* name, const std::string& value);
     bool writeAll(const char* data, size_t size);
 
     FILE* out_;
     int fd_ = -1;
     int savedMode_ = -1;
     bool started_ = false;
-    std::string buffer_;
 };
 
 }  // namespace skorva

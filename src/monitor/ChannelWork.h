@@ -42,9 +42,11 @@ struct ChannelWork {
     EventBatch batches[2];
 };
 
-// Per-thread output scratch: reused for every event the thread writes.
+// Per-thread output scratch: reused for every event the thread writes. Events
+// are formatted into `block` outside the output lock and written together.
 struct OutputScratch {
     ModinputEvent record;
+    std::string block;
 };
 
 }  // namespace skorva

@@ -7,11 +7,11 @@
 
 namespace skorva {
 
-bool EventOutput::write(const ModinputEvent& record) {
+bool EventOutput::write(std::string_view events) {
     std::lock_guard<CriticalSection> lock(lock_);
     if (broken_) return false;
     if (!writer_) writer_ = std::make_unique<EventStreamWriter>(out_);
-    if (writer_->writeEvent(record)) return true;
+    if (writer_->writeBlock(events)) return true;
     broken_ = true;
     LOG_ERROR("%s: Failed to write event to output (errno=%d): the daemon no longer reads the event stream; stopping "
               "without checkpointing past the last event written",

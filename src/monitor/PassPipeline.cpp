@@ -16,6 +16,7 @@ namespace {
 
 constexpr size_t kMinEventsPerThread = 100;
 constexpr unsigned kWriteAttempts = 3;  // an event that fails this often is skipped
+constexpr size_t kBlockBytes = 256 * 1024;  // a block of events is written once it holds this much
 const char kProcess[] = "WinEventMon::processLogChannel";
 
 struct ReaderJob {
@@ -271,11 +272,18 @@ size_t PassPipeline::writeBatch(ChannelWork& work, EventBatch& batch, OutputScra
 }
 
 size_t PassPipeline::writeEvents(ChannelWork& work, EventRecord* first, size_t count, OutputScratch& scratch) {
+    // Events go out in blocks; only those of a block written count as written.
+    size_t flushed = 0;
+    const auto flush = [&](size_t upTo) {
+        if (!monitor_.flushOutput(scratch)) return false;
+        flushed = upTo;
+        return true;
+    };
     for (size_t i = 0; i < count; ++i) {
         const char* reason = "unknown error";
         try {
             monitor_.processEvent(work, first[i], scratch);
-            if (monitor_.outputBroken()) return i;  // event i did not go out
+            if (scratch.block.size() >= kBlockBytes && !flush(i + 1)) return flushed;
             continue;
         } catch (const std::exception& e) {
             reason = e.what();
@@ -285,9 +293,11 @@ size_t PassPipeline::writeEvents(ChannelWork& work, EventRecord* first, size_t c
                   "written",
                   kProcess, static_cast<unsigned long long>(first[i].recordNumber),
                   work.channel->channelName().c_str(), reason);
-        return i;
+        flush(i);
+        return flushed;
     }
-    return count;
+    flush(count);
+    return flushed;
 }
 
 // An event that fails to be written again and again is given up, so that it

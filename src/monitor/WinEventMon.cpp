@@ -149,9 +149,24 @@ bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScra
     record.index = settings.index;
     record.source = settings.source;
     record.sourcetype = settings.sourceType;
-    // A stream nobody reads ends the run: nothing more can reach the daemon.
-    if (!output_.write(record)) stop();
+    // A failure part way leaves no half event in the block.
+    const size_t mark = scratch.block.size();
+    try {
+        EventStreamWriter::appendEvent(scratch.block, record);
+    } catch (...) {
+        scratch.block.resize(mark);
+        throw;
+    }
     return true;
+}
+
+bool WinEventMon::flushOutput(OutputScratch& scratch) {
+    if (scratch.block.empty()) return !output_.broken();
+    const bool ok = output_.write(scratch.block);
+    scratch.block.clear();
+    // A stream nobody reads ends the run: nothing more can reach the daemon.
+    if (!ok) stop();
+    return ok;
 }
 
 // The message is part of the event's text by now: the rules are decided as on

@@ -80,8 +80,11 @@ public:
     static void CALLBACK ProcessChannelWaitWorker(void* work, BOOLEAN timedOut);
     // One pass over a channel: batches read, filtered, written and checkpointed.
     void processLogChannel(ChannelWork& work) { pipeline_.run(work); }
-    // Filters one event and writes it under the output lock; false when excluded.
+    // Filters one event and adds it to the scratch's block; false when excluded.
     virtual bool processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch);
+    // Writes the scratch's block under the output lock, in one write; false when
+    // the stream could not take it (the run then stops).
+    bool flushOutput(OutputScratch& scratch);
     // The daemon stopped reading the stream: no event can be written any more.
     bool outputBroken() const { return output_.broken(); }
     static unsigned writerThreadCount(size_t size, int32_t threadCount, size_t& share) {

@@ -53,7 +53,11 @@ struct Output {
         work.monitor = &mon;
         work.channel = mon.findChannel(WinEventMon::channelFromStanza(stanza));
     }
-    bool write(EventRecord e) { return mon.processEvent(work, e, scratch); }
+    bool write(EventRecord e) {
+        const bool kept = mon.processEvent(work, e, scratch);
+        EXPECT_TRUE(mon.flushOutput(scratch));
+        return kept;
+    }
 };
 
 }  // namespace
