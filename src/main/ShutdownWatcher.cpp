@@ -7,6 +7,8 @@
 #include <mutex>
 #include <new>
 
+#include "platform/Logger.h"
+
 namespace skorva {
 
 namespace {
@@ -20,6 +22,7 @@ std::atomic<const ShutdownWatcher::Allocators*> allocators{&kLibrary};
 constexpr DWORD kMaxPidChars = 50;
 
 void exitNow(unsigned code) {
+    Logger::instance().flush();
     fflush(stdout);
     fflush(stderr);
     ::ExitProcess(code);

@@ -3,6 +3,8 @@
 #include <windows.h>
 
 #include <cstdio>
+#include <mutex>
+#include <string>
 
 #include "platform/Handles.h"
 #include "platform/Logger.h"
@@ -11,14 +13,58 @@
 
 namespace skorva {
 
+namespace {
+
+constexpr DWORD kFlushMs = 100;              // the longest a line waits to be written
+constexpr size_t kFlushBytes = 64 * 1024;  // gathered lines are written once they are this many
+
+}  // namespace
+
+// The file and the lines not yet written to it, shared with the thread that
+// writes them within kFlushMs.
 struct LogFile::Handle {
     UniqueHandle file;
+    CriticalSection lock;
+    std::string pending;
+    UniqueHandle stop;
+    UniqueHandle flusher;
+
+    void flushLocked() {
+        if (pending.empty()) return;
+        DWORD written = 0;
+        if (file) ::WriteFile(file.get(), pending.data(), static_cast<DWORD>(pending.size()), &written, nullptr);
+        pending.clear();
+    }
+    static DWORD WINAPI flushLoop(void* param) {
+        auto& self = *static_cast<Handle*>(param);
+        while (::WaitForSingleObject(self.stop.get(), kFlushMs) == WAIT_TIMEOUT) {
+            std::lock_guard<CriticalSection> hold(self.lock);
+            self.flushLocked();
+        }
+        return 0;
+    }
+    // False when no thread can be made: lines are then written at once.
+    bool startFlusher() {
+        if (flusher) return true;
+        if (!stop) stop.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        if (stop) flusher.reset(::CreateThread(nullptr, 0, &flushLoop, this, 0, nullptr));
+        return flusher.valid();
+    }
+    ~Handle() {
+        if (flusher) {
+            ::SetEvent(stop.get());
+            ::WaitForSingleObject(flusher.get(), INFINITE);
+        }
+        flushLocked();
+    }
 };
 
 LogFile::LogFile() : handle_(std::make_unique<Handle>()) {}
 LogFile::~LogFile() = default;
 
 bool LogFile::open(const std::wstring& path) {
+    std::lock_guard<CriticalSection> hold(handle_->lock);
+    handle_->flushLocked();
     handle_->file.reset();
     path_ = path;
     size_ = 0;
@@ -36,14 +82,25 @@ bool LogFile::open(const std::wstring& path) {
 
 bool LogFile::isOpen() const { return handle_->file.valid(); }
 
-void LogFile::write(const char* data, size_t length) {
-    DWORD written = 0;
-    if (handle_->file) ::WriteFile(handle_->file.get(), data, static_cast<DWORD>(length), &written, nullptr);
-    size_ += written;
+void LogFile::write(const char* data, size_t length, bool urgent) {
+    std::lock_guard<CriticalSection> hold(handle_->lock);
+    if (!handle_->file) return;
+    handle_->pending.append(data, length);
+    size_ += length;
+    if (urgent || handle_->pending.size() >= kFlushBytes || !handle_->startFlusher()) handle_->flushLocked();
+}
+
+void LogFile::flush() {
+    std::lock_guard<CriticalSection> hold(handle_->lock);
+    handle_->flushLocked();
 }
 
 void LogFile::rotate(unsigned backups) {
-    handle_->file.reset();
+    flush();
+    {
+        std::lock_guard<CriticalSection> hold(handle_->lock);
+        handle_->file.reset();
+    }
     const std::wstring base = path_;
     if (backups == 0) {
         ::DeleteFileW(longPath(base).c_str());

@@ -23,7 +23,11 @@ public:
     bool open(const std::wstring& path);
     bool isOpen() const;
     uint64_t size() const { return size_; }
-    void write(const char* data, size_t length);
+    // Lines are gathered and written together: at once when `urgent`, else
+    // within a tenth of a second, so that a flood of lines costs few writes.
+    void write(const char* data, size_t length, bool urgent);
+    // Writes what was gathered.
+    void flush();
     // Moves the file to ".1" (".1" to ".2" and so on, `backups` kept; none: the
     // file is dropped) and opens a new one.
     void rotate(unsigned backups);

@@ -179,10 +179,15 @@ void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
     if (file_ && file_->isOpen()) {
         if (config_.maxFileBytes > 0 && file_->size() + line_.size() > config_.maxFileBytes && file_->size() > 0)
             file_->rotate(config_.backups);
-        file_->write(line_.data(), line_.size());
+        file_->write(line_.data(), line_.size(), level >= LogLevel::Error);
     }
     if (config_.alsoStderr) fwrite(line_.data(), 1, line_.size(), stderr);
     for (auto& [id, sink] : sinks_) sink(level, message_);
+}
+
+void Logger::flush() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (file_) file_->flush();
 }
 
 void Logger::write(LogLevel level, const std::string& message) {

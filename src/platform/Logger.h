@@ -52,6 +52,9 @@ public:
     void vlog(LogLevel level, const char* fmt, va_list args);
     // Writes an already formatted message (no printf processing).
     void write(LogLevel level, const std::string& message);
+    // Writes the lines still gathered for the log file (they go within a tenth
+    // of a second, errors at once); for an exit that skips destructors.
+    void flush();
 
     // Loads the configuration file; values may use the keys of `substitutions`
     // (such as ${SKORVA_HOME}). A missing or unreadable file leaves the

@@ -19,7 +19,8 @@ LogFile::LogFile() = default;
 LogFile::~LogFile() = default;
 bool LogFile::open(const std::wstring& path) { return path.empty(); }
 bool LogFile::isOpen() const { return false; }
-void LogFile::write(const char*, size_t) {}
+void LogFile::write(const char*, size_t, bool) {}
+void LogFile::flush() {}
 void LogFile::rotate(unsigned) {}
 
 void logLineStamp(char (&time)[24], unsigned long& threadId) {
