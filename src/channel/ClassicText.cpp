@@ -22,4 +22,20 @@ void classicText(const EventFields& fields, std::string& out) {
     out.erase(0, begin);
 }
 
+void finishRecord(EventRecord& rendered, EventBatch& batch, std::string& scratch) {
+    if (!rendered.xml.empty())
+        narrowInto(rendered.xml, scratch);
+    else
+        classicText(rendered.fields, scratch);
+    EventRecord& out = batch.emplace_back();
+    out.text = batch.keepText(scratch);
+    out.noMessage = rendered.xml.empty() && rendered.message.empty();
+    out.handle = std::move(rendered.handle);
+    out.eventCode = rendered.eventCode;
+    out.recordNumber = rendered.recordNumber;
+    out.time = rendered.time;
+    out.tokenRules = rendered.tokenRules;
+    rendered.reset();
+}
+
 }  // namespace skorva

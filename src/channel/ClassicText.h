@@ -11,4 +11,9 @@ namespace skorva {
 // line feed, the whole trimmed.
 void classicText(const EventFields& fields, std::string& out);
 
+// Hands a rendered event to `batch`: a new record takes the handle, the numbers
+// and the text as it goes out (made in `scratch`, kept by the batch);
+// `rendered` is emptied for the next event, keeping its storage.
+void finishRecord(EventRecord& rendered, EventBatch& batch, std::string& scratch);
+
 }  // namespace skorva

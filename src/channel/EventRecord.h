@@ -3,7 +3,9 @@
 // carries events from the reader to the writer.
 
 #include <cstdint>
+#include <algorithm>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -85,6 +87,12 @@ struct EventRecord {
     // Set when directory objects were translated: the rules naming their
     // tokens were decided on the event as read.
     TokenRules tokenRules = TokenRules::Undecided;
+    // The event as it goes out, in UTF-8: its XML when rendered so, else its
+    // classic text, held by its batch. A batch's records carry only this and
+    // the numbers above: the readers render into one record of their own
+    // (finishRecord).
+    std::string_view text;
+    bool noMessage = false;  // neither a message nor XML
 
     // Adds a field unless its key is one of the excluded field names.
     void addField(std::wstring_view key, std::wstring_view value, const FieldNameSet& excluded) {
@@ -103,7 +111,53 @@ struct EventRecord {
         xml.clear();
         fields.clear();
         tokenRules = TokenRules::Undecided;
+        text = {};
+        noMessage = false;
     }
+};
+
+// The texts of a batch's events, back to back in large blocks that never move
+// while the batch is filled, so that a text stays where its record points.
+// The blocks are kept from batch to batch: thousands of texts cost a handful of
+// allocations, and none of the small blocks the heap would have to sort.
+class TextArena {
+public:
+    std::string_view store(std::string_view text) {
+        if (blocks_.empty() || blocks_[current_].size - used_ < text.size()) next(text.size());
+        char* at = blocks_[current_].data.get() + used_;
+        std::copy(text.begin(), text.end(), at);
+        used_ += text.size();
+        return {at, text.size()};
+    }
+    void clear() {
+        current_ = 0;
+        used_ = 0;
+    }
+    void release() {
+        blocks_.clear();
+        clear();
+    }
+
+private:
+    static constexpr size_t kBlockBytes = 1 << 20;
+    struct Block {
+        std::unique_ptr<char[]> data;
+        size_t size;
+    };
+    // Moves on to a block with room for `bytes`: the next one kept, else a new one.
+    void next(size_t bytes) {
+        if (!blocks_.empty()) ++current_;
+        used_ = 0;
+        while (current_ < blocks_.size() && blocks_[current_].size < bytes) ++current_;
+        if (current_ < blocks_.size()) return;
+        const size_t size = std::max(bytes, kBlockBytes);
+        blocks_.push_back(Block{std::make_unique<char[]>(size), size});
+        current_ = blocks_.size() - 1;
+    }
+
+    std::vector<Block> blocks_;
+    size_t current_ = 0;
+    size_t used_ = 0;
 };
 
 // The events of one read. Records taken out by clear() or pop_back() keep their
@@ -131,16 +185,21 @@ public:
     void clear() {
         for (size_t i = 0; i < size_; ++i) slots_[i].reset();
         size_ = 0;
+        texts_.clear();
     }
     // Closes every event and frees the records.
     void release() {
         clear();
         std::vector<EventRecord>().swap(slots_);
+        texts_.release();
     }
+    // Keeps `text` for as long as the batch holds its events.
+    std::string_view keepText(std::string_view text) { return texts_.store(text); }
 
 private:
     std::vector<EventRecord> slots_;
     size_t size_ = 0;
+    TextArena texts_;
 };
 
 }  // namespace skorva

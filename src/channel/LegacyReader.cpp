@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "channel/ClassicText.h"
 #include "channel/LegacyEventXml.h"
 #include "channel/LocalTimestamp.h"
 #include "eventlog/BufferGrowth.h"
@@ -387,7 +388,9 @@ size_t LegacyReader::parseEventLogRecords(const uint8_t* buffer, DWORD bytes, Ev
             passed(view_.recordNumber);
             if (!settings_.filters.admitsCode(view_.eventCode(), "WinEventLogChannelBase::includeEvent", channelName_))
                 continue;
-            addRecord(view_, records.emplace_back());
+            rendered_.reset();
+            addRecord(view_, rendered_);
+            finishRecord(rendered_, records, text_);
             continue;
         }
     }

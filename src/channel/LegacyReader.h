@@ -113,6 +113,8 @@ private:
     std::wstring fieldText_;
     std::wstring source_;
     std::string sidMessage_;
+    EventRecord rendered_;  // the event being rendered, reused
+    std::string text_;      // its text as it goes out, made here first
 
     // Where reading goes on: the next record wanted (forward, 0: the oldest the
     // log holds; backwards, 0: none left), and whether the next read must seek there.

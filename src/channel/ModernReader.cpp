@@ -21,6 +21,7 @@
 #include <utility>
 
 #include "channel/ClassicFields.h"
+#include "channel/ClassicText.h"
 #include "platform/Clock.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"
@@ -285,16 +286,18 @@ ModernReader::BatchEnd ModernReader::readBatch(EventBatch& records, uint32_t cou
 
 // False when the rest of this call is given up.
 bool ModernReader::readEvent(EventBatch& records, uint32_t index, uint32_t count) {
-    EventRecord& record = records.emplace_back();
+    // Rendered here, then handed to the batch as it goes out.
+    EventRecord& record = rendered_;
+    record.reset();
     record.handle.reset(std::exchange(eventSlots_[index], nullptr));
 
     // A rendering error drops the event; 122 and 6 also end this call.
     const auto goesOnAfter = [&](DWORD error) {
+        record.reset();
         if (error == ERROR_INVALID_HANDLE) {
-            resetChannel(records, index, count);
-        } else {
-            records.pop_back();
-            if (error != ERROR_INSUFFICIENT_BUFFER) return true;
+            resetChannel(index, count);
+        } else if (error != ERROR_INSUFFICIENT_BUFFER) {
+            return true;
         }
         std::vector<uint8_t>().swap(values_);
         valuesSize_ = 0;
@@ -305,7 +308,7 @@ bool ModernReader::readEvent(EventBatch& records, uint32_t index, uint32_t count
     if (error) return goesOnAfter(error);
     const auto* values = reinterpret_cast<const EVT_VARIANT*>(values_.data());
     if (!admitted(values, record)) {
-        records.pop_back();
+        record.reset();
         return true;
     }
     if (settings_.renderXml && (error = renderer_.renderEventAsXml(record)) != 0) return goesOnAfter(error);
@@ -315,18 +318,20 @@ bool ModernReader::readEvent(EventBatch& records, uint32_t index, uint32_t count
         LOG_ERROR("Failed to set properties for event; EventRecordID=%llu channel=\"%s\" error=%lu",
                   static_cast<unsigned long long>(record.recordNumber), channelName_.c_str(), error);
         if (error == ERROR_INVALID_HANDLE) {
-            resetChannel(records, index, count);
+            record.reset();
+            resetChannel(index, count);
             return false;
         }
     }
     if (settings_.resolveAdObj) {
         if (!adObjects_.apply(record)) {
-            records.pop_back();
+            record.reset();
             return true;
         }
         translateSids(record);
     }
     if (!settings_.renderXml) addMessageField(record, settings_);
+    finishRecord(record, records, text_);
     return true;
 }
 
@@ -412,9 +417,8 @@ void ModernReader::logNoEvents(const char* fn, DWORD error) const {
               fn, channelName_.c_str(), static_cast<unsigned>(error), static_cast<long>(batchSize_));
 }
 
-void ModernReader::resetChannel(EventBatch& records, uint32_t index, uint32_t count) {
+void ModernReader::resetChannel(uint32_t index, uint32_t count) {
     closeSlots(index + 1, count);
-    if (!records.empty()) records.pop_back();
     LOG_INFO("%s: Setting the '%s' channel state to updated", "WinEventLogChannelBase::resetChannel",
              channelName_.c_str());
     channelState_ = false;

@@ -41,7 +41,7 @@ public:
     bool queryEvtChannel(const std::wstring& name, bool forward, bool fromFile);
     bool subscribeToEvtChannel(const std::wstring& name);
     bool handleGetEventsError(bool anyRead, uint32_t index, uint32_t count);
-    void resetChannel(EventBatch& records, uint32_t index, uint32_t count);
+    void resetChannel(uint32_t index, uint32_t count);
     void endReversePhase() override;
     void markWritten(EVT_HANDLE event, uint64_t recordNumber) override;
     void setReversePhase(bool on) {
@@ -100,6 +100,8 @@ private:
     std::vector<uint8_t> values_;         // rendered system values, reused
     DWORD valuesSize_ = 0;
     std::string sidMessage_;              // narrow message for SID translation, reused
+    EventRecord rendered_;                // the event being rendered, reused
+    std::string text_;                    // its text as it goes out, made here first
 
     // The last event sent: every re-open resumes after it. Restored from the
     // checkpoint file at the first open, then kept by markWritten.

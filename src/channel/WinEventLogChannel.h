@@ -78,10 +78,6 @@ public:
     bool handleGetEventsError(bool anyRead, uint32_t index, uint32_t count) {
         return reader_.handleGetEventsError(anyRead, index, count);
     }
-    // Drops the record of slot `index`, closes the later slots, marks the channel "updated".
-    void resetChannel(EventBatch& records, uint32_t index, uint32_t count) {
-        reader_.resetChannel(records, index, count);
-    }
     // Set by the reader while it reads newest first.
     void setReversePhase(bool on) { reader_.setReversePhase(on); }
 

@@ -131,13 +131,10 @@ bool WinEventMon::include_event(const std::string& text, const std::string& stan
 bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScratch& scratch) {
     const WinEventLogChannel& channel = *work.channel;
     const ChannelSettings& settings = channel.settings();
-    if (event.xml.empty() && event.message.empty()) ++work.emptyMsg;
+    if (event.noMessage) ++work.emptyMsg;
 
     ModinputEvent& record = scratch.record;
-    if (!event.xml.empty())
-        narrowInto(event.xml, record.data);
-    else
-        classicText(event.fields, record.data);
+    record.data.assign(event.text);
 
     if (!include_event(record.data, settings.stanzaName, event.tokenRules)) return false;
     if (settings.filters.onMessage && !includeMessageKeys(channel, scratch, event.tokenRules)) return false;

@@ -89,7 +89,8 @@ TEST_F(CollectorCheck, PreRenderedEventsGetNoPlaceholderMessage) {
         EventBatch records;
         open(settings()).getEventsNew(records);
         ASSERT_EQ(records.size(), 1u);
-        EXPECT_EQ(records[0].message.find(L"alice") == std::wstring::npos, format[0] == 'R') << format;
+        EXPECT_EQ(fieldsOf(records[0].text)[L"Message"].find(L"alice") == std::wstring::npos, format[0] == 'R')
+            << format;
     }
 }
 

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "channel/WinEventLogChannel.h"
 #include "platform/Clock.h"
 #include "platform/Paths.h"
+#include "platform/Strings.h"
 
 namespace skorva::test {
 
@@ -96,6 +99,25 @@ protected:
             ch.checkPoint(records.back().handle.get(), records.back().recordNumber, false);
         } while (ch.eventsPending());
         return ids;
+    }
+    // The fields of a classic text: its first line is the bare timestamp, and
+    // "Message" takes the rest of the text.
+    static std::map<std::wstring, std::wstring> fieldsOf(std::string_view text) {
+        std::map<std::wstring, std::wstring> out;
+        size_t at = 0;
+        for (bool first = true; at < text.size(); first = false) {
+            const size_t end = std::min(text.find('\n', at), text.size());
+            const std::string_view line = text.substr(at, end - at);
+            const size_t eq = line.find('=');
+            if (line.rfind("Message=", 0) == 0) {
+                out[L"Message"] = widen(text.substr(at + 8));
+                break;
+            }
+            if (first && eq == std::string::npos) out[L"$Timestamp"] = widen(line);
+            else if (eq != std::string::npos) out[widen(line.substr(0, eq))] = widen(line.substr(eq + 1));
+            at = end + 1;
+        }
+        return out;
     }
     static std::vector<uint64_t> ids(uint64_t first, uint64_t last) {
         std::vector<uint64_t> v;

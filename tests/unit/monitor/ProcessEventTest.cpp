@@ -54,7 +54,10 @@ struct Output {
         work.channel = mon.findChannel(WinEventMon::channelFromStanza(stanza));
     }
     bool write(EventRecord e) {
-        const bool kept = mon.processEvent(work, e, scratch);
+        EventBatch batch;
+        std::string text;
+        finishRecord(e, batch, text);
+        const bool kept = mon.processEvent(work, batch[0], scratch);
         EXPECT_TRUE(mon.flushOutput(scratch));
         return kept;
     }
