@@ -151,7 +151,7 @@ private:
         while (current_ < blocks_.size() && blocks_[current_].size < bytes) ++current_;
         if (current_ < blocks_.size()) return;
         const size_t size = std::max(bytes, kBlockBytes);
-        blocks_.push_back(Block{std::make_unique<char[]>(size), size});
+        blocks_.push_back(Block{std::make_unique_for_overwrite<char[]>(size), size});
         current_ = blocks_.size() - 1;
     }
 

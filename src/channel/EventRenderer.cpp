@@ -93,9 +93,11 @@ DWORD EventRenderer::renderEventAsXml(EventRecord& record) {
     });
     const DWORD error = call.outOfMemory ? ERROR_NOT_ENOUGH_MEMORY : call.error;
     if (error == 0) {
-        // Never past the buffer, whatever the service says it used.
+        // Never past the buffer, whatever the service says it used; the text
+        // normally ends where the service says, so look there first.
         const auto* text = reinterpret_cast<const wchar_t*>(xmlBuffer_.data());
-        record.xml.assign(text, wcsnlen(text, std::min<size_t>(call.used, xmlBuffer_.size()) / sizeof(wchar_t)));
+        const size_t chars = std::min<size_t>(call.used, xmlBuffer_.size()) / sizeof(wchar_t);
+        record.xml.assign(text, chars > 0 && text[chars - 1] == L'\0' ? chars - 1 : wcsnlen(text, chars));
         return 0;
     }
     const bool badHandle = error == ERROR_INVALID_HANDLE;

@@ -1,16 +1,44 @@
 // No Windows header: the escaping also builds natively for fuzzing.
 #include "modinput/StreamEscape.h"
 
+#include <cstring>
+
 namespace skorva {
 
 namespace {
 const char kHex[] = "0123456789ABCDEF";
 
-inline void appendHexByte(std::string& out, unsigned char b) {
-    out += "\\x";
-    out += kHex[b >> 4];
-    out += kHex[b & 0xF];
-}
+// Output gathered in a small buffer: escaped text is made of many short pieces
+// (an XML event has an entity every few bytes), appended a few kilobytes at a
+// time instead of one by one.
+class Staged {
+public:
+    explicit Staged(std::string& out) : out_(out) {}
+    void put(const char* s, size_t n) {
+        if (n > sizeof buf_ - used_) {
+            flush();
+            if (n > sizeof buf_ / 2) {
+                out_.append(s, n);
+                return;
+            }
+        }
+        std::memcpy(buf_ + used_, s, n);
+        used_ += n;
+    }
+    void hex(unsigned char b) {
+        const char text[4] = {'\\', 'x', kHex[b >> 4], kHex[b & 0xF]};
+        put(text, 4);
+    }
+    void flush() {
+        out_.append(buf_, used_);
+        used_ = 0;
+    }
+
+private:
+    std::string& out_;
+    char buf_[4096];
+    size_t used_ = 0;
+};
 
 inline bool isContinuation(unsigned char b) { return (b & 0xC0) == 0x80; }
 
@@ -46,16 +74,17 @@ size_t utf8SequenceLength(const unsigned char* p, size_t avail) {
 void appendEscaped(std::string& out, std::string_view in) {
     const auto* p = reinterpret_cast<const unsigned char*>(in.data());
     const size_t n = in.size();
+    Staged staged(out);
     size_t run = 0;  // start of the pending run of bytes copied unchanged
     auto flush = [&](size_t upTo) {
-        if (upTo > run) out.append(in.data() + run, upTo - run);
+        if (upTo > run) staged.put(in.data() + run, upTo - run);
     };
     for (size_t i = 0; i < n; ++i) {
         // Most bytes pass unchanged: skip them by table.
         while (i < n && kPlain[p[i]]) ++i;
         if (i == n) break;
         unsigned char c = p[i];
-        const char* entity = nullptr;
+        std::string_view entity;
         switch (c) {
         case '&': entity = "&amp;"; break;
         case '<': entity = "&lt;"; break;
@@ -64,22 +93,22 @@ void appendEscaped(std::string& out, std::string_view in) {
         case '\'': entity = "&apos;"; break;
         default: break;
         }
-        if (entity) {
+        if (!entity.empty()) {
             flush(i);
-            out += entity;
+            staged.put(entity.data(), entity.size());
             run = i + 1;
         } else if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') {
             flush(i);
-            appendHexByte(out, c);
+            staged.hex(c);
             run = i + 1;
         } else if (c >= 0x80) {
             size_t len = utf8SequenceLength(p + i, n - i);
             if (len == 3 && ((c == 0xED && p[i + 1] >= 0xA0) || (c == 0xEF && p[i + 1] == 0xBF && p[i + 2] >= 0xBE))) {
                 // Surrogates and the two non-characters are not allowed in XML.
                 flush(i);
-                appendHexByte(out, p[i]);
-                appendHexByte(out, p[i + 1]);
-                appendHexByte(out, p[i + 2]);
+                staged.hex(p[i]);
+                staged.hex(p[i + 1]);
+                staged.hex(p[i + 2]);
                 i += 2;
                 run = i + 1;
             } else if (len == 0) {
@@ -87,7 +116,7 @@ void appendEscaped(std::string& out, std::string_view in) {
                 // control byte, so the stream stays well-formed and the byte
                 // can still be recovered.
                 flush(i);
-                appendHexByte(out, c);
+                staged.hex(c);
                 run = i + 1;
             } else {
                 i += len - 1;
@@ -95,6 +124,7 @@ void appendEscaped(std::string& out, std::string_view in) {
         }
     }
     flush(n);
+    staged.flush();
 }
 
 }  // namespace skorva
