@@ -185,6 +185,14 @@ def main():
         lost = sorted((ch, ep, rid) for (ch, ep), ids in written.items() for rid in ids - set(arrived.get((ch, ep), {})))
         print("missing (channel, incarnation, record id), the first 20:", lost[:20])
     if samples:
+        # The course of the run: the largest of each value in every tenth of it.
+        print(f"{'minutes':>8} " + " ".join(f"{key:>12}" for key in samples[0][1]))
+        span = samples[-1][0] / 10 or 1
+        for part in range(10):
+            window = [s for t, s in samples if part * span <= t < (part + 1) * span or (part == 9 and t >= 9 * span)]
+            if window:
+                row = [max((s[key] for s in window if s[key] is not None), default=None) for key in samples[0][1]]
+                print(f"{(part + 1) * span / 60:8.1f} " + " ".join(f"{v if v is not None else '-':>12}" for v in row))
         print(f"{'sample':12} {'first':>8} {'last':>8} {'min':>8} {'max':>8}")
         for key in samples[0][1]:
             values = [s[key] for _, s in samples if s[key] is not None]
