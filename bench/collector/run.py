@@ -82,8 +82,10 @@ def run_collector(build, env, count, render_xml, resolve, directory, workdir, do
         shutil.copyfile(ROOT / "examples" / "store" / "directory" / "directory.txt", folder / "directory.txt")
         env["DSSIM_DIRECTORY"] = winpath(folder)
     start = time.monotonic()
+    errors = open(home / "stderr.txt", "wb")
     proc = subprocess.Popen([str(build / "wine-run"), str(build / "src" / "skorva-winevtlog.exe")],
-                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
+                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors, env=env)
+    errors.close()
     proc.stdin.write(document or config(render_xml, resolve))
     proc.stdin.close()
     seen = 0
@@ -102,6 +104,12 @@ def run_collector(build, env, count, render_xml, resolve, directory, workdir, do
     code, cpu, peak = wait_usage(proc)
     if elapsed is None:
         elapsed = time.monotonic() - start
+    if seen < count:
+        # A short run is reported with what the collector and Wine said, not hidden in the table.
+        log = home / "var" / "log" / "skorva" / "skorva-winevtlog.log"
+        said = (home / "stderr.txt").read_text(errors="replace")[-2000:]
+        said += log.read_text(errors="replace")[-2000:] if log.exists() else ""
+        print(f"run stopped after {seen} of {count} events, exit code {code}:\n{said}", file=sys.stderr)
     return {"events": seen, "seconds": elapsed, "cpu": cpu, "peak": peak, "code": code}
 
 
