@@ -160,7 +160,7 @@ private:
     size_t used_ = 0;
 };
 
-// The events of one read. Records taken out by clear() or pop_back() keep their
+// The events of one read. Records taken out by clear() keep their
 // storage for the next events put in, so a pass that reads thousands of events
 // allocates for the first batches only. release() gives the storage back.
 class EventBatch {
@@ -169,7 +169,6 @@ public:
         if (size_ == slots_.size()) slots_.emplace_back();
         return slots_[size_++];
     }
-    void pop_back() { slots_[--size_].reset(); }
     EventRecord& back() { return slots_[size_ - 1]; }
     EventRecord& operator[](size_t i) { return slots_[i]; }
     const EventRecord& operator[](size_t i) const { return slots_[i]; }

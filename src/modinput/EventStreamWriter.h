@@ -39,7 +39,6 @@ public:
     // Writes whole events made by appendEvent; false when the output could not
     // be written (the daemon went away).
     bool writeBlock(std::string_view events);
-    bool streamStarted() const { return started_; }
 
 private:
     bool writeAll(const char* data, size_t size);
