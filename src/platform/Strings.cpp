@@ -10,53 +10,50 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
-void appendUtf16(char32_t cp, std::wstring& out) {
-    if (cp >= 0x10000) {
-        cp -= 0x10000;
-        out.push_back(static_cast<wchar_t>(0xD800 + (cp >> 10)));
-        out.push_back(static_cast<wchar_t>(0xDC00 + (cp & 0x3FF)));
-    } else {
-        out.push_back(static_cast<wchar_t>(cp));
-    }
-}
-
 }  // namespace
 
+// A UTF-8 text never takes more UTF-16 units than it has bytes: the output is
+// sized once and written through a pointer.
 void widenInto(std::string_view in, std::wstring& out) {
-    out.clear();
-    out.reserve(in.size());
-    const auto* p = reinterpret_cast<const unsigned char*>(in.data());
     const size_t n = in.size();
+    out.resize(n);
+    wchar_t* const first = out.data();
+    wchar_t* q = first;
+    const auto* p = reinterpret_cast<const unsigned char*>(in.data());
     size_t i = 0;
     while (i < n) {
-        unsigned char c = p[i];
-        if (c < 0x80) {
-            out.push_back(static_cast<wchar_t>(c));
-            ++i;
-            continue;
-        }
+        while (i < n && p[i] < 0x80) *q++ = static_cast<wchar_t>(p[i++]);
+        if (i == n) break;
+        const unsigned char c = p[i];
         size_t len;
         char32_t cp;
         char32_t min;
         if (c >= 0xC2 && c <= 0xDF) { len = 2; cp = c & 0x1F; min = 0x80; }
         else if (c >= 0xE0 && c <= 0xEF) { len = 3; cp = c & 0x0F; min = 0x800; }
         else if (c >= 0xF0 && c <= 0xF4) { len = 4; cp = c & 0x07; min = 0x10000; }
-        else { out.push_back(static_cast<wchar_t>(kReplacement)); ++i; continue; }
+        else { *q++ = static_cast<wchar_t>(kReplacement); ++i; continue; }
         size_t j = 1;
         for (; j < len && i + j < n; ++j) {
-            unsigned char cc = p[i + j];
+            const unsigned char cc = p[i + j];
             if ((cc & 0xC0) != 0x80) break;
             cp = (cp << 6) | (cc & 0x3F);
         }
         if (j < len || cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
             // Resynchronise after the bytes that did belong to the sequence.
-            out.push_back(static_cast<wchar_t>(kReplacement));
+            *q++ = static_cast<wchar_t>(kReplacement);
             i += (j > 1 && j < len) ? j : 1;
             continue;
         }
-        appendUtf16(cp, out);
+        if (cp >= 0x10000) {
+            cp -= 0x10000;
+            *q++ = static_cast<wchar_t>(0xD800 + (cp >> 10));
+            *q++ = static_cast<wchar_t>(0xDC00 + (cp & 0x3FF));
+        } else {
+            *q++ = static_cast<wchar_t>(cp);
+        }
         i += len;
     }
+    out.resize(static_cast<size_t>(q - first));
 }
 
 std::wstring widen(std::string_view utf8) {
