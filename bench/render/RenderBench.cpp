@@ -14,6 +14,7 @@
 
 #include "EvtsimInProcess.h"
 #include "channel/WinEventLogChannelBase.h"
+#include "directory/SidTextTranslator.h"
 #include "platform/Logger.h"
 #include "platform/Strings.h"
 
@@ -58,8 +59,8 @@ PassResult renderChannel(const char* channelName, bool translateSids) {
 
     std::vector<uint8_t> values;
     DWORD valuesSize = 0;
-    std::string message;
-    std::wstring noXml;
+    SidTextTranslator sids;
+    std::string noXml;
     EVT_HANDLE batch[100];
     DWORD returned = 0;
     EventRecord record;  // reused, as the reader reuses its records
@@ -71,13 +72,8 @@ PassResult renderChannel(const char* channelName, bool translateSids) {
             DWORD rc = channel.renderEvent(record, values, valuesSize);
             if (rc == 0) rc = channel.setEventProperties(reinterpret_cast<const EVT_VARIANT*>(values.data()), record);
             if (rc != 0) ++r.failures;
-            if (translateSids) {
-                narrowInto(record.message, message);
-                channel.translateSidLocally(message, noXml);
-                r.textChars += message.size();
-            } else {
-                r.textChars += record.message.size();
-            }
+            if (translateSids) sids.translate(record.message, L"", noXml);
+            r.textChars += record.message.size();
             for (const auto f : record.fields) r.textChars += f.value.size();
             ++r.events;
         }

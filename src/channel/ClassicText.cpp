@@ -23,12 +23,14 @@ void classicText(const EventFields& fields, std::string& out) {
 }
 
 void finishRecord(EventRecord& rendered, EventBatch& batch, std::string& scratch) {
-    if (!rendered.xml.empty())
-        narrowInto(rendered.xml, scratch);
-    else
-        classicText(rendered.fields, scratch);
+    if (rendered.xmlText.empty()) {
+        if (!rendered.xml.empty())
+            narrowInto(rendered.xml, scratch);
+        else
+            classicText(rendered.fields, scratch);
+    }
     EventRecord& out = batch.emplace_back();
-    out.text = batch.keepText(scratch);
+    out.text = batch.keepText(rendered.xmlText.empty() ? scratch : rendered.xmlText);
     out.noMessage = rendered.xml.empty() && rendered.message.empty();
     out.handle = std::move(rendered.handle);
     out.eventCode = rendered.eventCode;

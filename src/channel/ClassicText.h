@@ -12,7 +12,8 @@ namespace skorva {
 void classicText(const EventFields& fields, std::string& out);
 
 // Hands a rendered event to `batch`: a new record takes the handle, the numbers
-// and the text as it goes out (made in `scratch`, kept by the batch);
+// and the text as it goes out (the XML SID translation made already, else made
+// in `scratch`; kept by the batch);
 // `rendered` is emptied for the next event, keeping its storage.
 void finishRecord(EventRecord& rendered, EventBatch& batch, std::string& scratch);
 

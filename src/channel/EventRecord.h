@@ -83,6 +83,7 @@ struct EventRecord {
     std::wstring publisher;           // provider name
     std::wstring message;             // formatted message text
     std::wstring xml;                 // XML rendering, when asked for
+    std::string xmlText;              // that XML as it goes out, when SID translation made it already
     EventFields fields;               // classic fields, in order
     // Set when directory objects were translated: the rules naming their
     // tokens were decided on the event as read.
@@ -109,6 +110,7 @@ struct EventRecord {
         publisher.clear();
         message.clear();
         xml.clear();
+        xmlText.clear();
         fields.clear();
         tokenRules = TokenRules::Undecided;
         text = {};

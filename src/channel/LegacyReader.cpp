@@ -467,10 +467,7 @@ void LegacyReader::getEventMsg(const EventLogRecordView& view, EventRecord& reco
         messages_.formatEventMessage(record.publisher, view.eventId, view.strings, record.message);
     if (!settings_.resolveAdObj) return;
     LOG_DEBUG("%s (%d): translating SID (dummy)", fn, 1581);
-    narrowInto(record.message, sidMessage_);
-    sids_.translate(sidMessage_, record.xml);
-    // With XML only the XML is translated and the message is left as it was.
-    if (record.xml.empty()) widenInto(sidMessage_, record.message);
+    sids_.translate(record.message, record.xml, record.xmlText);
 }
 
 }  // namespace skorva

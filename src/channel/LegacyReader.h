@@ -112,7 +112,6 @@ private:
     UserFields user_;
     std::wstring fieldText_;
     std::wstring source_;
-    std::string sidMessage_;
     EventRecord rendered_;  // the event being rendered, reused
     std::string text_;      // its text as it goes out, made here first
 

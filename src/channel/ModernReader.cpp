@@ -353,10 +353,7 @@ void ModernReader::translateSids(EventRecord& record) {
     static const char* const fn = "WinEventLogChannel::getEventsNew";
     LOG_INFO("%s (%d): translating SID", fn, 1070);
     const uint64_t started = tickNow();
-    narrowInto(record.message, sidMessage_);
-    sids_.translate(sidMessage_, record.xml);
-    // With XML only the XML is translated and the message is left as it was.
-    if (record.xml.empty()) widenInto(sidMessage_, record.message);
+    sids_.translate(record.message, record.xml, record.xmlText);
     const uint64_t took = tickNow() - started;
     if (took > kSlowTranslationMs)
         LOG_INFO("%s: translateSidLocally took=%llu msec", fn, static_cast<unsigned long long>(took));

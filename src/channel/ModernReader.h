@@ -99,7 +99,6 @@ private:
     std::vector<EVT_HANDLE> eventSlots_;  // EvtNext's array, one slot per batch entry
     std::vector<uint8_t> values_;         // rendered system values, reused
     DWORD valuesSize_ = 0;
-    std::string sidMessage_;              // narrow message for SID translation, reused
     EventRecord rendered_;                // the event being rendered, reused
     std::string text_;                    // its text as it goes out, made here first
 

@@ -75,10 +75,6 @@ public:
                                     std::vector<uint8_t>& value);
     bool preRendered() const { return formatter_.preRendered(); }
 
-    // ---- SID translation: rewrites the SIDs of the XML (when not empty) or else
-    // of the message with their account names.
-    void translateSidLocally(std::string& message, std::wstring& xml) { sids_.translate(message, xml); }
-
     // ---- Directory translation through the channel's domain controller:
     // `offeredFormat` 0 for a GUID in braces, 1 for a SID; `wantedFormat` a
     // DS_NAME_FORMAT.

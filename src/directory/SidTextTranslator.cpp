@@ -7,31 +7,41 @@
 
 namespace skorva {
 
-void SidTextTranslator::translate(std::string& message, std::wstring& xml) {
-    static const char* const kFn = "WinEventLogChannelBase::translateSidLocally";
+namespace {
+const char* const kFn = "WinEventLogChannelBase::translateSidLocally";
+}
+
+void SidTextTranslator::translate(std::wstring& message, std::wstring_view xml, std::string& xmlOut) {
+    narrowInto(message, message_);
     LOG_DEBUG("%s Translating sids locally. msg length is: %d XmlBlob length is %d", kFn,
-              static_cast<int>(message.size()), static_cast<int>(xml.size()));
+              static_cast<int>(message_.size()), static_cast<int>(xml.size()));
+    if (!xml.empty()) {
+        // The XML is scanned as it is rewritten.
+        narrowInto(xml, xmlOut);
+        rewrite(xmlOut, xmlOut);
+        return;
+    }
+    xmlOut.clear();
+    // The message is scanned as it came, so that no name put in is scanned.
+    scanned_ = message_;
+    if (rewrite(scanned_, message_)) widenInto(message_, message);
+}
 
-    const bool inXml = !xml.empty();
-    if (inXml)
-        narrowInto(xml, work_);
-    else
-        work_ = message;
-    const size_t limit = work_.size();
-
+bool SidTextTranslator::rewrite(const std::string& scanned, std::string& text) {
+    const size_t limit = scanned.size();
     SidMatch match;
     size_t pos = 0;
     bool changed = false;
-    while (findNextSid(work_, pos, limit, match)) {
+    while (findNextSid(scanned, pos, limit, match)) {
         sid_.assign(match.sid);
         pattern_.assign(match.pattern);
         pos = match.next;
         if (!translateSidString(sid_, translation_)) continue;
         narrowInto(translation_, replacement_);
         LOG_DEBUG("%s found: %s, replace with %s ", kFn, sid_.c_str(), replacement_.c_str());
-        changed |= replaceAll(inXml ? work_ : message, pattern_, replacement_) > 0;
+        changed |= replaceAll(text, pattern_, replacement_) > 0;
     }
-    if (inXml && changed) widenInto(work_, xml);
+    return changed;
 }
 
 }  // namespace skorva

@@ -3,17 +3,25 @@
 // their account names, through the SID cache.
 
 #include <string>
+#include <string_view>
 
 namespace skorva {
 
 class SidTextTranslator {
 public:
     // Only one text is translated: the XML when there is one, else the message.
-    void translate(std::string& message, std::wstring& xml);
+    // The message is rewritten in place; the XML is rewritten into `xmlOut`, in
+    // UTF-8 as it goes out (left empty when there is no XML), so that it is not
+    // widened again only to be narrowed for sending.
+    void translate(std::wstring& message, std::wstring_view xml, std::string& xmlOut);
 
 private:
+    // Replaces in `text` the SIDs found in `scanned` (`text` itself or a copy).
+    bool rewrite(const std::string& scanned, std::string& text);
+
     // Reused from event to event.
-    std::string work_;
+    std::string message_;
+    std::string scanned_;
     std::string sid_;
     std::string pattern_;
     std::wstring translation_;

@@ -107,7 +107,9 @@ TEST_F(Reading, RestartInsideTheNewestFirstPhaseLosesAndRepeatsNothing) {
                 ch.markWritten(last.handle.get(), last.recordNumber);
                 ASSERT_TRUE(ch.checkPoint(last.handle.get(), last.recordNumber, false));
             }
-            if (!c.keepMain) ASSERT_TRUE(::DeleteFileW(ch.checkpointFilePath().c_str()));
+            if (!c.keepMain) {
+                ASSERT_TRUE(::DeleteFileW(ch.checkpointFilePath().c_str()));
+            }
         }
         append(2);  // 6 and 7 arrive while it is down
         WinEventLogChannel& ch = open(s);
