@@ -38,9 +38,9 @@ bool AdObjectStep::decide(EventRecord& record) {
     }
     // In XML the event's own values follow the System part, whose GUIDs (the
     // provider's, an activity's) name no directory object.
-    const size_t system = xml ? record.xml.find(L"</System>") : std::wstring::npos;
+    const size_t system = xml ? findText(record.xml, L"</System>") : std::wstring::npos;
     const size_t from = system == std::wstring::npos ? 0 : system + 9;
-    if ((xml ? record.xml : record.message).find(L'{', from) != std::wstring::npos) {
+    if (findText(xml ? record.xml : record.message, L"{", from) != std::wstring::npos) {
         if (!admittedAsRead(record)) return false;
         translate(record, from, tested && messageRules);
     }

@@ -11,6 +11,10 @@ struct SidMatch {
     std::string_view sid;      // the SID text
     std::string_view pattern;  // what to replace: the SID, or "%{" SID "}"
     size_t next = 0;           // where the scan goes on
+    // Set once no "%{" is left from the scan's position on, so that the next
+    // calls on the same text do not look for one again. A caller that changes
+    // the scanned text clears it.
+    bool noWrapped = false;
 };
 
 // Looks for the next SID from `pos`. A bare SID extends over "-" and digits up

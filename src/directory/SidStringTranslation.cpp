@@ -21,24 +21,23 @@ bool cachedAnswer(const std::string& sid, DWORD& rc, std::wstring& account, std:
 
 // Every SID text the system converts begins "S-" or is a two-letter alias;
 // anything else, a GUID between braces say, is refused without the costly
-// conversion, with the error it would give.
+// conversion, with the error it would give, and without asking the cache,
+// which holds SIDs by their "S-" text only.
 bool mayBeSid(const std::string& text) {
     return text.size() == 2 || (text.size() > 2 && (text[0] == 'S' || text[0] == 's') && text[1] == '-');
 }
 
 }  // namespace
 
-bool translateSidString(const std::string& sid, std::wstring& out) {
-    std::wstring account;
-    std::wstring domain;
+bool translateSidString(const std::string& sid, std::wstring& out, std::wstring& account, std::wstring& domain) {
     DWORD rc = 0;
+    if (!mayBeSid(sid)) {
+        LOG_DEBUG("ConvertStringSidTosid failed with error 0x%x", static_cast<unsigned>(ERROR_INVALID_SID));
+        return false;
+    }
     // A SID seen before is answered by its text, without parsing it.
     if (!cachedAnswer(sid, rc, account, domain)) {
         PSID binary = nullptr;
-        if (!mayBeSid(sid)) {
-            LOG_DEBUG("ConvertStringSidTosid failed with error 0x%x", static_cast<unsigned>(ERROR_INVALID_SID));
-            return false;
-        }
         if (!::ConvertStringSidToSidA(sid.c_str(), &binary)) {
             LOG_DEBUG("ConvertStringSidTosid failed with error 0x%x", static_cast<unsigned>(::GetLastError()));
             return false;

@@ -36,10 +36,13 @@ bool SidTextTranslator::rewrite(const std::string& scanned, std::string& text) {
         sid_.assign(match.sid);
         pattern_.assign(match.pattern);
         pos = match.next;
-        if (!translateSidString(sid_, translation_)) continue;
+        if (!translateSidString(sid_, translation_, account_, domain_)) continue;
         narrowInto(translation_, replacement_);
         LOG_DEBUG("%s found: %s, replace with %s ", kFn, sid_.c_str(), replacement_.c_str());
-        changed |= replaceAll(text, pattern_, replacement_) > 0;
+        if (replaceAll(text, pattern_, replacement_) == 0) continue;
+        changed = true;
+        // A text changed under the scan may hold a "%{" it did not.
+        if (&scanned == &text) match.noWrapped = false;
     }
     return changed;
 }

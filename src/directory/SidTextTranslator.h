@@ -25,6 +25,8 @@ private:
     std::string sid_;
     std::string pattern_;
     std::wstring translation_;
+    std::wstring account_;
+    std::wstring domain_;
     std::string replacement_;
 };
 

@@ -1,6 +1,9 @@
 // No Windows header: the escaping also builds natively for fuzzing.
 #include "modinput/StreamEscape.h"
 
+#include <emmintrin.h>
+
+#include <bit>
 #include <cstring>
 
 namespace skorva {
@@ -10,24 +13,27 @@ const char kHex[] = "0123456789ABCDEF";
 
 // Output gathered in a small buffer: escaped text is made of many short pieces
 // (an XML event has an entity every few bytes), appended a few kilobytes at a
-// time instead of one by one.
+// time instead of one by one. Pieces are written straight into it.
 class Staged {
 public:
     explicit Staged(std::string& out) : out_(out) {}
+    // Room for `n` bytes (a few) at the cursor.
+    char* room(size_t n) {
+        if (n > sizeof buf_ - used_) flush();
+        return buf_ + used_;
+    }
+    void advance(size_t n) { used_ += n; }
     void put(const char* s, size_t n) {
-        if (n > sizeof buf_ - used_) {
-            flush();
-            if (n > sizeof buf_ / 2) {
-                out_.append(s, n);
-                return;
-            }
-        }
-        std::memcpy(buf_ + used_, s, n);
+        std::memcpy(room(n), s, n);
         used_ += n;
     }
     void hex(unsigned char b) {
-        const char text[4] = {'\\', 'x', kHex[b >> 4], kHex[b & 0xF]};
-        put(text, 4);
+        char* at = room(4);
+        at[0] = '\\';
+        at[1] = 'x';
+        at[2] = kHex[b >> 4];
+        at[3] = kHex[b & 0xF];
+        used_ += 4;
     }
     void flush() {
         out_.append(buf_, used_);
@@ -69,61 +75,73 @@ size_t utf8SequenceLength(const unsigned char* p, size_t avail) {
         if (!isContinuation(p[k])) return 0;
     return len;
 }
+
+// The bytes of a 16-byte block that are not copied as they are (kPlain), one
+// bit each: entity characters, control bytes other than tab, line feed and
+// carriage return, and every byte of 0x80 and above, which the UTF-8 check sees.
+inline unsigned specialBytes(__m128i v) {
+    const auto eq = [&v](char c) { return _mm_cmpeq_epi8(v, _mm_set1_epi8(c)); };
+    // Signed: below 0x20, or 0x80 and above.
+    const __m128i low = _mm_andnot_si128(_mm_or_si128(_mm_or_si128(eq('\t'), eq('\n')), eq('\r')),
+                                         _mm_cmplt_epi8(v, _mm_set1_epi8(0x20)));
+    const __m128i entity =
+        _mm_or_si128(_mm_or_si128(_mm_or_si128(eq('&'), eq('<')), _mm_or_si128(eq('>'), eq('"'))), eq('\''));
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(low, entity)));
+}
+
 }  // namespace
 
 void appendEscaped(std::string& out, std::string_view in) {
     const auto* p = reinterpret_cast<const unsigned char*>(in.data());
     const size_t n = in.size();
     Staged staged(out);
-    size_t run = 0;  // start of the pending run of bytes copied unchanged
-    auto flush = [&](size_t upTo) {
-        if (upTo > run) staged.put(in.data() + run, upTo - run);
-    };
-    for (size_t i = 0; i < n; ++i) {
-        // Most bytes pass unchanged: skip them by table.
-        while (i < n && kPlain[p[i]]) ++i;
-        if (i == n) break;
-        unsigned char c = p[i];
-        std::string_view entity;
+    size_t i = 0;
+    while (i < n) {
+        // Plain bytes, sixteen at a time where the input has them: the block is
+        // stored whole and the cursor moves over its plain bytes only.
+        if (i + 16 <= n) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
+            const unsigned special = specialBytes(v);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(staged.room(16)), v);
+            const size_t plain = special ? static_cast<size_t>(std::countr_zero(special)) : 16;
+            staged.advance(plain);
+            i += plain;
+            if (plain == 16) continue;
+        } else if (kPlain[p[i]]) {
+            *staged.room(1) = static_cast<char>(p[i++]);
+            staged.advance(1);
+            continue;
+        }
+        const unsigned char c = p[i];
         switch (c) {
-        case '&': entity = "&amp;"; break;
-        case '<': entity = "&lt;"; break;
-        case '>': entity = "&gt;"; break;
-        case '"': entity = "&quot;"; break;
-        case '\'': entity = "&apos;"; break;
+        case '&': staged.put("&amp;", 5); ++i; continue;
+        case '<': staged.put("&lt;", 4); ++i; continue;
+        case '>': staged.put("&gt;", 4); ++i; continue;
+        case '"': staged.put("&quot;", 6); ++i; continue;
+        case '\'': staged.put("&apos;", 6); ++i; continue;
         default: break;
         }
-        if (!entity.empty()) {
-            flush(i);
-            staged.put(entity.data(), entity.size());
-            run = i + 1;
-        } else if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') {
-            flush(i);
+        if (c < 0x80) {  // a control byte
             staged.hex(c);
-            run = i + 1;
-        } else if (c >= 0x80) {
-            size_t len = utf8SequenceLength(p + i, n - i);
-            if (len == 3 && ((c == 0xED && p[i + 1] >= 0xA0) || (c == 0xEF && p[i + 1] == 0xBF && p[i + 2] >= 0xBE))) {
-                // Surrogates and the two non-characters are not allowed in XML.
-                flush(i);
-                staged.hex(p[i]);
-                staged.hex(p[i + 1]);
-                staged.hex(p[i + 2]);
-                i += 2;
-                run = i + 1;
-            } else if (len == 0) {
-                // A byte that starts no valid UTF-8 sequence: escaped like a
-                // control byte, so the stream stays well-formed and the byte
-                // can still be recovered.
-                flush(i);
-                staged.hex(c);
-                run = i + 1;
-            } else {
-                i += len - 1;
-            }
+            ++i;
+            continue;
+        }
+        const size_t len = utf8SequenceLength(p + i, n - i);
+        if (len == 3 && ((c == 0xED && p[i + 1] >= 0xA0) || (c == 0xEF && p[i + 1] == 0xBF && p[i + 2] >= 0xBE))) {
+            // Surrogates and the two non-characters are not allowed in XML.
+            for (size_t k = 0; k < 3; ++k) staged.hex(p[i + k]);
+            i += 3;
+        } else if (len == 0) {
+            // A byte that starts no valid UTF-8 sequence: escaped like a
+            // control byte, so the stream stays well-formed and the byte can
+            // still be recovered.
+            staged.hex(c);
+            ++i;
+        } else {
+            staged.put(in.data() + i, len);
+            i += len;
         }
     }
-    flush(n);
     staged.flush();
 }
 

@@ -1,14 +1,48 @@
 #include "platform/Strings.h"
 
+#include <emmintrin.h>
+
+#include <bit>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <limits>
+#include <type_traits>
 
 namespace skorva {
 
 namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
+
+// Runs of ASCII, the common case, eight units at a time where wchar_t is UTF-16
+// (on Windows; native builds for fuzzing have it 32 bits wide and go unit by
+// unit). Both move `i` and the output pointer past the run.
+void narrowAscii(const wchar_t* in, size_t n, size_t& i, char*& p) {
+    if constexpr (sizeof(wchar_t) == 2) {
+        const __m128i nonAscii = _mm_set1_epi16(static_cast<short>(0xFF80));
+        const __m128i zero = _mm_setzero_si128();
+        for (; i + 8 <= n; i += 8, p += 8) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+            if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(v, nonAscii), zero)) != 0xFFFF) break;
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(v, v));
+        }
+    }
+    while (i < n && static_cast<char16_t>(in[i]) < 0x80) *p++ = static_cast<char>(in[i++]);
+}
+
+void widenAscii(const unsigned char* in, size_t n, size_t& i, wchar_t*& q) {
+    if constexpr (sizeof(wchar_t) == 2) {
+        const __m128i zero = _mm_setzero_si128();
+        for (; i + 16 <= n; i += 16, q += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+            if (_mm_movemask_epi8(v)) break;
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(q), _mm_unpacklo_epi8(v, zero));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(q + 8), _mm_unpackhi_epi8(v, zero));
+        }
+    }
+    while (i < n && in[i] < 0x80) *q++ = static_cast<wchar_t>(in[i++]);
+}
 
 }  // namespace
 
@@ -22,7 +56,7 @@ void widenInto(std::string_view in, std::wstring& out) {
     const auto* p = reinterpret_cast<const unsigned char*>(in.data());
     size_t i = 0;
     while (i < n) {
-        while (i < n && p[i] < 0x80) *q++ = static_cast<wchar_t>(p[i++]);
+        widenAscii(p, n, i, q);
         if (i == n) break;
         const unsigned char c = p[i];
         size_t len;
@@ -70,8 +104,7 @@ void appendNarrow(std::wstring_view in, std::string& out) {
     char* p = first;
     size_t i = 0;
     while (i < n) {
-        // Runs of ASCII, the common case, are copied a unit at a time.
-        while (i < n && static_cast<char16_t>(in[i]) < 0x80) *p++ = static_cast<char>(in[i++]);
+        narrowAscii(in.data(), n, i, p);
         if (i == n) break;
         char32_t c = static_cast<char16_t>(in[i++]);
         if (c >= 0xD800 && c <= 0xDBFF && i < n) {
@@ -166,8 +199,65 @@ static size_t replaceAllImpl(S& s, V from, V to) {
     return count;
 }
 
+static_assert(std::endian::native == std::endian::little, "findText reads the first match from the low lane");
+
+namespace {
+
+// Eight bytes at a time: a lane of the word is zero where the needle's first
+// unit stands; the lowest lane flagged is exact (later flags may be borrows).
+template <class Char>
+size_t findUnits(std::basic_string_view<Char> s, std::basic_string_view<Char> needle, size_t pos) {
+    using Unit = std::make_unsigned_t<Char>;
+    constexpr unsigned kBits = sizeof(Char) * 8;
+    constexpr size_t kLanes = 8 / sizeof(Char);
+    constexpr uint64_t kOnes = ~uint64_t{0} / ((uint64_t{1} << kBits) - 1);
+    constexpr uint64_t kHighs = kOnes << (kBits - 1);
+    const size_t n = s.size();
+    const size_t m = needle.size();
+    if (m == 0 || m > n) return std::basic_string_view<Char>::npos;
+    const size_t last = n - m;  // the last place the needle can start
+    const Char* const p = s.data();
+    const uint64_t pattern = kOnes * static_cast<Unit>(needle[0]);
+    while (pos <= last) {
+        if (pos + kLanes <= n) {
+            uint64_t word;
+            std::memcpy(&word, p + pos, 8);
+            const uint64_t x = word ^ pattern;
+            const uint64_t zeros = (x - kOnes) & ~x & kHighs;
+            if (!zeros) {
+                pos += kLanes;
+                continue;
+            }
+            pos += static_cast<size_t>(std::countr_zero(zeros)) / kBits;
+            if (pos > last) break;
+        } else if (p[pos] != needle[0]) {
+            ++pos;
+            continue;
+        }
+        size_t i = 1;
+        while (i < m && p[pos + i] == needle[i]) ++i;
+        if (i == m) return pos;
+        ++pos;
+    }
+    return std::basic_string_view<Char>::npos;
+}
+
+}  // namespace
+
+size_t findText(std::string_view s, std::string_view needle, size_t pos) { return findUnits(s, needle, pos); }
+
+size_t findText(std::wstring_view s, std::wstring_view needle, size_t pos) { return findUnits(s, needle, pos); }
+
 size_t replaceAll(std::string& s, std::string_view from, std::string_view to) {
-    return replaceAllImpl(s, from, to);
+    if (from.empty()) return 0;
+    size_t count = 0;
+    size_t pos = 0;
+    while ((pos = findText(s, from, pos)) != std::string::npos) {
+        s.replace(pos, from.size(), to.data(), to.size());
+        pos += to.size();
+        ++count;
+    }
+    return count;
 }
 
 size_t replaceAll(std::wstring& s, std::wstring_view from, std::wstring_view to) {

@@ -35,6 +35,13 @@ std::vector<std::string> split(std::string_view s, char sep);
 bool startsWith(std::string_view s, std::string_view prefix);
 bool endsWith(std::string_view s, std::string_view suffix);
 
+// The first `needle` (non-empty) in `s` at or after `pos`, or npos. The same
+// as std::string_view::find, without a call into the C runtime per candidate:
+// the first byte is looked for eight bytes at a time. It pays on texts such as
+// an event's XML, where the first byte of the needle ("S" of "S-1-") is common.
+size_t findText(std::string_view s, std::string_view needle, size_t pos = 0);
+size_t findText(std::wstring_view s, std::wstring_view needle, size_t pos = 0);
+
 // Replaces every occurrence of `from` (non-empty) with `to`; returns the count.
 size_t replaceAll(std::string& s, std::string_view from, std::string_view to);
 size_t replaceAll(std::wstring& s, std::wstring_view from, std::wstring_view to);

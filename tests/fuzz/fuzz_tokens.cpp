@@ -22,13 +22,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     };
     size_t pos = 0;
     for (SidMatch match; findNextSid(text, pos, text.size(), match);) {
+        SidMatch fresh;  // what a scan that remembers nothing finds
+        FUZZ_CHECK(findNextSid(text, pos, text.size(), fresh) && fresh.sid == match.sid && fresh.next == match.next);
         FUZZ_CHECK(match.next > pos && match.next <= text.size());
         FUZZ_CHECK(!match.sid.empty() && inside(match.sid) && inside(match.pattern));
         FUZZ_CHECK(match.pattern.find(match.sid) != std::string_view::npos);
         pos = match.next;
     }
 
+    // The fast search finds what the standard one finds.
+    for (size_t at = 0; at <= text.size() && at < 64; at += 7)
+        for (const std::string_view needle : {std::string_view("S-1-"), std::string_view("%{"), text.substr(size / 2, 3)})
+            if (!needle.empty()) FUZZ_CHECK(findText(text, needle, at) == text.find(needle, at));
+
     const std::wstring wide = widen(text);
+    for (size_t at = 0; at <= wide.size() && at < 64; at += 5)
+        for (const std::wstring_view needle : {std::wstring_view(L"</System>"), std::wstring_view(L"{")})
+            FUZZ_CHECK(findText(wide, needle, at) == wide.find(needle, at));
     for (const bool skipGuids : {false, true}) {
         AdToken token;
         for (size_t at = 0; at < wide.size() && nextAdToken(wide, at, skipGuids, token); at = token.resume) {

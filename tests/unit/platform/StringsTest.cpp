@@ -53,6 +53,26 @@ TEST(Strings, ReplaceAll) {
     EXPECT_EQ(replaceAll(grow, "", "x"), 0u);
 }
 
+// The word-at-a-time search against the standard one, with the needle and
+// decoys of its first byte on both sides of every eight-byte boundary and at
+// the very end.
+TEST(Strings, FindTextFindsWhatFindFinds) {
+    for (size_t length = 0; length <= 19; ++length)
+        for (size_t at = 0; at < length; ++at) {
+            std::string text(length, 'x');
+            text.replace(at, std::min<size_t>(4, length - at), std::string("S-1-").substr(0, length - at));
+            if (at >= 2) text[at - 2] = 'S';
+            const std::wstring wide = widen(text);
+            for (const std::string_view needle : {"S-1-", "S", "x", "-1-x", "S-1-x"})
+                for (size_t pos = 0; pos <= length + 1; ++pos) {
+                    ASSERT_EQ(findText(text, needle, pos), std::string_view(text).find(needle, pos))
+                        << text << " / " << needle << " from " << pos;
+                    ASSERT_EQ(findText(wide, widen(needle), pos), std::wstring_view(wide).find(widen(needle), pos))
+                        << text << " / " << needle << " from " << pos;
+                }
+        }
+}
+
 TEST(Strings, IntegerParsing) {
     struct Case {
         const char* text;
