@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include <cstdio>
+#include <charconv>
 
 #include "checkpoint/CheckpointPath.h"
 #include "directory/SidLookupCache.h"
@@ -140,8 +140,7 @@ bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScra
     if (settings.filters.onMessage && !includeMessageKeys(channel, scratch, event.tokenRules)) return false;
 
     char time[24];
-    snprintf(time, sizeof time, "%llu", static_cast<unsigned long long>(event.time));
-    record.time = time;
+    record.time.assign(time, std::to_chars(time, time + sizeof time, event.time).ptr);
     record.stanza = settings.stanzaName;
     record.index = settings.index;
     record.source = settings.source;

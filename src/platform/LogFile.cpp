@@ -134,11 +134,32 @@ bool Logger::configure(const std::wstring& configPath, const std::map<std::strin
     return ok;
 }
 
+namespace {
+// `width` decimal digits of `value`, leading zeros kept.
+char* putDigits(char* p, unsigned value, int width) {
+    for (int i = width - 1; i >= 0; --i, value /= 10) p[i] = static_cast<char>('0' + value % 10);
+    return p + width;
+}
+}  // namespace
+
+// "YYYY-MM-DD hh:mm:ss.mmm", written out: a busy channel logs a line per event.
 void logLineStamp(char (&time)[24], unsigned long& threadId) {
     SYSTEMTIME st;
     ::GetLocalTime(&st);
-    snprintf(time, sizeof time, "%04u-%02u-%02u %02u:%02u:%02u.%03u", st.wYear % 10000u, st.wMonth % 100u,
-             st.wDay % 100u, st.wHour % 100u, st.wMinute % 100u, st.wSecond % 100u, st.wMilliseconds % 1000u);
+    char* p = putDigits(time, st.wYear, 4);
+    *p++ = '-';
+    p = putDigits(p, st.wMonth, 2);
+    *p++ = '-';
+    p = putDigits(p, st.wDay, 2);
+    *p++ = ' ';
+    p = putDigits(p, st.wHour, 2);
+    *p++ = ':';
+    p = putDigits(p, st.wMinute, 2);
+    *p++ = ':';
+    p = putDigits(p, st.wSecond, 2);
+    *p++ = '.';
+    p = putDigits(p, st.wMilliseconds, 3);
+    *p = '\0';
     threadId = ::GetCurrentThreadId();
 }
 

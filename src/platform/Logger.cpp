@@ -1,6 +1,8 @@
 #include "platform/Logger.h"
 
+#include <charconv>
 #include <cstdio>
+#include <string_view>
 
 #include "platform/LogFile.h"
 #include "platform/Strings.h"
@@ -171,9 +173,16 @@ void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
     char time[24];
     unsigned long thread = 0;
     logLineStamp(time, thread);
-    char head[96];
-    int hn = snprintf(head, sizeof head, "%s %-6s [%lu] ", time, logLevelName(level), thread);
-    line_.assign(head, hn > 0 ? static_cast<size_t>(hn) : 0);
+    // "<time> <level, padded to six> [<thread>] <message>"
+    line_.assign(time);
+    line_ += ' ';
+    const std::string_view name = logLevelName(level);
+    line_ += name;
+    if (name.size() < 6) line_.append(6 - name.size(), ' ');
+    line_ += " [";
+    char digits[24];
+    line_.append(digits, std::to_chars(digits, digits + sizeof digits, thread).ptr);
+    line_ += "] ";
     line_ += message_;
     line_ += '\n';
     if (file_ && file_->isOpen()) {

@@ -88,7 +88,7 @@ TEST(Logger, WritesWholeLinesWithTimestampLevelAndThread) {
         ASSERT_GE(line.size(), 24u);
         EXPECT_EQ(line[4], '-');
         EXPECT_EQ(line[19], '.');
-        EXPECT_NE(line.find(" INFO "), std::string::npos) << line;
+        EXPECT_EQ(line.substr(23, 9), " INFO   [") << line;  // the level padded to six
         EXPECT_NE(line.find("] worker "), std::string::npos) << line;
         EXPECT_TRUE(endsWith(line, std::string(100, 'p'))) << line;
     }
