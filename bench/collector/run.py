@@ -30,7 +30,9 @@ of 1,000, N records a channel: each of four channels alone, Security also with
 use_threads 3 (ratio to Security alone), then all four read at once without and
 with use_threads 3 (ratio to the four read one after the other). The channels
 hold different kinds of events (the generator's Application events carry large
-hostile data), so each is compared with itself.
+hostile data), so each is compared with itself. Last, the reference reader
+("values") reads the four channels at once, a thread each, against reading
+them one after the other: the same ratio for the event log calls alone.
 """
 import argparse
 import os
@@ -116,14 +118,16 @@ def run_collector(build, env, count, render_xml, resolve, directory, workdir, do
     return {"events": seen, "seconds": elapsed, "cpu": cpu, "peak": peak, "code": code}
 
 
-def run_reference(build, env, count, mode):
+def run_reference(build, env, count, mode, channels=("Security",), batch=100):
+    """The reference reader; with several channels, one thread each, `count` events each."""
     start = time.monotonic()
     proc = subprocess.Popen([str(build / "wine-run"), str(build / "bench" / "refreader" / "refreader.exe"),
-                             "--channel", "Security", "--mode", mode, "--batch", "100", "--count", str(count)],
+                             "--channel", ",".join(channels), "--mode", mode, "--batch", str(batch),
+                             "--count", str(count)],
                             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)
     code, cpu, peak = wait_usage(proc)
-    return {"events": count if code == 0 else 0, "seconds": time.monotonic() - start, "cpu": cpu, "peak": peak,
-            "code": code}
+    return {"events": count * len(channels) if code == 0 else 0, "seconds": time.monotonic() - start, "cpu": cpu,
+            "peak": peak, "code": code}
 
 
 def median_run(runs):
@@ -175,6 +179,14 @@ def scale(build, env, count, seed, workdir):
     one_by_one = sum(r["events"] for r in alone) / sum(r["seconds"] for r in alone)
     for threads in (0, 3):
         run(SCALE_CHANNELS, threads, one_by_one)
+    # The same for the reference reader, one thread a channel: what reading at
+    # once costs the event log calls alone, in this process's heap.
+    ref_alone = [run_reference(build, env, count, "values", (channel,), 1000) for channel in SCALE_CHANNELS]
+    ref_one_by_one = sum(r["events"] for r in ref_alone) / sum(r["seconds"] for r in ref_alone)
+    r = run_reference(build, env, count, "values", SCALE_CHANNELS, 1000)
+    rate = r["events"] / r["seconds"]
+    print(f"{'reference reader values, all four at once':44} {r['events']:8d} {rate:9.0f} {r['cpu']:7.1f} "
+          f"{r['peak'] / 1024:9.1f} {rate / ref_one_by_one:6.2f}")
 
 
 def main():

@@ -2,7 +2,10 @@
 // render each event and write it out. Its rate is the yardstick for the product's
 // own benchmark, and shows the simulated event log is not the limit.
 //
-//   refreader --channel NAME [--mode xml|values|xmlvalues] [--batch N] [--count N]
+//   refreader --channel NAME[,NAME...] [--mode xml|values|xmlvalues] [--batch N] [--count N]
+//
+// Several channels are read at once, one thread each, N events each: the
+// yardstick of the product reading several channels at once.
 //
 // The modes make the event log calls a collector must make per event:
 //   values     the eleven system values, the publisher's metadata (cached) and
@@ -16,10 +19,13 @@
 #include <windows.h>
 #include <winevt.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cwchar>
 #include <map>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "eventlog/BufferGrowth.h"  // the sizing protocol, as the product follows it
@@ -42,6 +48,8 @@ bool resolve(HMODULE m, const char* name, T& fn) {
     return fn != nullptr;
 }
 
+std::mutex outputLock;  // one channel's block at a time on standard output
+
 // Buffered standard output: one WriteFile per 1 MiB.
 class Out {
 public:
@@ -59,6 +67,7 @@ public:
     void put(const std::wstring& s) { put(s.c_str(), s.size()); }
     void flush() {
         DWORD w = 0;
+        std::lock_guard<std::mutex> guard(outputLock);
         if (!buf_.empty()) WriteFile(h_, buf_.data(), static_cast<DWORD>(buf_.size()), &w, nullptr);
         buf_.clear();
     }
@@ -74,6 +83,10 @@ const wchar_t* kPaths[] = {
     L"Event/System/Security/@UserID", L"Event/System/Task", L"Event/System/Opcode", L"Event/System/Keywords",
 };
 
+// Reads `expected` events of one channel (0: to its end); the exit code.
+int readChannel(const Api& api, const std::wstring& channel, const std::wstring& mode, DWORD batch,
+                unsigned long long expected);
+
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
@@ -88,7 +101,7 @@ int wmain(int argc, wchar_t** argv) {
         else if (k == L"--count") expected = _wcstoui64(argv[i + 1], nullptr, 10);
     }
     if (channel.empty() || batch == 0 || (mode != L"xml" && mode != L"values" && mode != L"xmlvalues")) {
-        std::fputs("usage: refreader --channel NAME [--mode xml|values|xmlvalues] [--batch N] [--count N]\n", stderr);
+        std::fputs("usage: refreader --channel NAME[,NAME...] [--mode xml|values|xmlvalues] [--batch N] [--count N]\n", stderr);
         return 2;
     }
     wchar_t sysdir[MAX_PATH];
@@ -104,6 +117,28 @@ int wmain(int argc, wchar_t** argv) {
         std::fprintf(stderr, "refreader: cannot load %ls (%lu)\n", path.c_str(), GetLastError());
         return 1;
     }
+    std::vector<std::wstring> channels;
+    for (size_t at = 0; at <= channel.size();) {
+        const size_t comma = std::min(channel.find(L',', at), channel.size());
+        channels.push_back(channel.substr(at, comma - at));
+        at = comma + 1;
+    }
+    std::vector<int> codes(channels.size());
+    std::vector<std::thread> readers;
+    for (size_t i = 0; i < channels.size(); ++i)
+        readers.emplace_back([&, i] { codes[i] = readChannel(api, channels[i], mode, batch, expected); });
+    int code = 0;
+    for (size_t i = 0; i < readers.size(); ++i) {
+        readers[i].join();
+        code = std::max(code, codes[i]);
+    }
+    return code;
+}
+
+namespace {
+
+int readChannel(const Api& api, const std::wstring& channel, const std::wstring& mode, DWORD batch,
+                unsigned long long expected) {
     HANDLE signal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     LARGE_INTEGER freq, t0, t1;
     QueryPerformanceFrequency(&freq);
@@ -210,3 +245,5 @@ int wmain(int argc, wchar_t** argv) {
     CloseHandle(signal);
     return (expected && total < expected) || (lastError && lastError != ERROR_NO_MORE_ITEMS) ? 1 : 0;
 }
+
+}  // namespace
