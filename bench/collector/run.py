@@ -20,10 +20,11 @@ Wine, one after the other over the same store:
 For each it prints events per second (N over the time from start to the last
 event), CPU seconds and peak memory of the Wine process, the ratio of each
 collector run to the reference run of the same rendering, and the collector's
-own CPU per event (its CPU seconds minus the reference's, over N). Each run is
-made R times (default 3), the runs taken in turn so that a slow spell of the
-machine falls on all of them alike; the table gives the median rate and CPU and
-the largest peak, and the ratio and own CPU of those medians.
+own CPU per event (its CPU seconds minus the reference's, over N). Each
+collector run is made R times (default 3), each time right after a run of the
+reference variant it is compared with, so that the machine's drift falls on
+both of a pair alike; the table gives the median rate and CPU and the largest
+peak of each run, and the median of the pairs' ratios and own CPU.
 
 With --scale it measures instead how the collector scales, classic text, batches
 of 1,000, N records a channel: each of four channels alone, Security also with
@@ -137,12 +138,14 @@ def run_reference(build, env, count, mode, channels=("Security",), batch=100):
             "peak": peak, "code": code}
 
 
+def median(values):
+    values = sorted(values)
+    return values[len(values) // 2] if len(values) % 2 else sum(values[len(values) // 2 - 1:][:2]) / 2
+
+
 def median_run(runs):
     """One row from repeated runs: the median time and CPU, the largest peak, the
     fewest events (a short run shows)."""
-    def median(values):
-        values = sorted(values)
-        return values[len(values) // 2] if len(values) % 2 else sum(values[len(values) // 2 - 1:][:2]) / 2
     return {"events": min(r["events"] for r in runs), "seconds": median([r["seconds"] for r in runs]),
             "cpu": median([r["cpu"] for r in runs]), "peak": max(r["peak"] for r in runs),
             "code": max(r["code"] for r in runs)}
@@ -223,19 +226,25 @@ def main():
         modes = ("values", "xmlvalues", "xml")
         runs = {m: [] for m in modes}
         runs.update({name: [] for name, *_ in RUNS})
+        pairs = {name: [] for name, *_ in RUNS}
         for _ in range(args.repeat):
-            for m in modes:
-                runs[m].append(run_reference(build, env, args.count, m))
+            runs["xml"].append(run_reference(build, env, args.count, "xml"))
             for name, render_xml, resolve, directory in RUNS:
-                runs[name].append(run_collector(build, env, args.count, render_xml, resolve, directory, workdir))
+                # Each collector run right after a reference run of its rendering,
+                # so that the machine's drift falls on both of a pair alike.
+                mode = "xmlvalues" if render_xml else "values"
+                base = run_reference(build, env, args.count, mode)
+                r = run_collector(build, env, args.count, render_xml, resolve, directory, workdir)
+                runs[mode].append(base)
+                runs[name].append(r)
+                pairs[name].append(((r["events"] / r["seconds"]) / (base["events"] / base["seconds"]),
+                                    (r["cpu"] - base["cpu"]) / args.count * 1e6))
         ref = {m: median_run(runs[m]) for m in modes}
         results = {}
-        for name, render_xml, resolve, directory in RUNS:
-            r = results[name] = median_run(runs[name])
-            base = ref["xmlvalues" if render_xml else "values"]
-            ratio = (r["events"] / r["seconds"]) / (base["events"] / base["seconds"])
-            own = (r["cpu"] - base["cpu"]) / args.count * 1e6
-            rows.append((name, r, ratio, own))
+        for name, *_ in RUNS:
+            results[name] = median_run(runs[name])
+            rows.append((name, results[name], median([p[0] for p in pairs[name]]),
+                         median([p[1] for p in pairs[name]])))
         rows += [(f"reference reader {m}", ref[m], None, None) for m in modes]
         print(f"{'run':44} {'events':>8} {'events/s':>9} {'cpu s':>7} {'peak MiB':>9} {'ratio':>6} {'own us/ev':>9}")
         for name, r, ratio, own in rows:

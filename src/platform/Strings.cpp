@@ -204,7 +204,7 @@ static_assert(std::endian::native == std::endian::little, "findText reads the fi
 namespace {
 
 // Eight bytes at a time: a lane of the word is zero where the needle's first
-// unit stands; the lowest lane flagged is exact (later flags may be borrows).
+// two units stand; the lowest lane flagged is exact (later flags may be borrows).
 template <class Char>
 size_t findUnits(std::basic_string_view<Char> s, std::basic_string_view<Char> needle, size_t pos) {
     using Unit = std::make_unsigned_t<Char>;
@@ -217,12 +217,18 @@ size_t findUnits(std::basic_string_view<Char> s, std::basic_string_view<Char> ne
     if (m == 0 || m > n) return std::basic_string_view<Char>::npos;
     const size_t last = n - m;  // the last place the needle can start
     const Char* const p = s.data();
-    const uint64_t pattern = kOnes * static_cast<Unit>(needle[0]);
+    // The first two units are looked for together: in an XML text the first
+    // alone ("<" of "</System>", "S" of "S-1-") is everywhere.
+    const size_t second = m > 1 ? 1 : 0;
+    const uint64_t first = kOnes * static_cast<Unit>(needle[0]);
+    const uint64_t next = kOnes * static_cast<Unit>(needle[second]);
     while (pos <= last) {
-        if (pos + kLanes <= n) {
+        if (pos + second + kLanes <= n) {
             uint64_t word;
+            uint64_t shifted;
             std::memcpy(&word, p + pos, 8);
-            const uint64_t x = word ^ pattern;
+            std::memcpy(&shifted, p + pos + second, 8);
+            const uint64_t x = (word ^ first) | (shifted ^ next);
             const uint64_t zeros = (x - kOnes) & ~x & kHighs;
             if (!zeros) {
                 pos += kLanes;

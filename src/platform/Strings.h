@@ -37,8 +37,9 @@ bool endsWith(std::string_view s, std::string_view suffix);
 
 // The first `needle` (non-empty) in `s` at or after `pos`, or npos. The same
 // as std::string_view::find, without a call into the C runtime per candidate:
-// the first byte is looked for eight bytes at a time. It pays on texts such as
-// an event's XML, where the first byte of the needle ("S" of "S-1-") is common.
+// the needle's first two units are looked for eight bytes at a time. It pays
+// on texts such as an event's XML, where the first alone ("S" of "S-1-") is
+// common.
 size_t findText(std::string_view s, std::string_view needle, size_t pos = 0);
 size_t findText(std::wstring_view s, std::wstring_view needle, size_t pos = 0);
 
