@@ -89,43 +89,66 @@ inline unsigned specialBytes(__m128i v) {
     return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(low, entity)));
 }
 
+// An ASCII byte that is not copied as it is: its entity, or "\xHH".
+inline void putEscapedAscii(Staged& staged, unsigned char c) {
+    switch (c) {
+    case '&': staged.put("&amp;", 5); return;
+    case '<': staged.put("&lt;", 4); return;
+    case '>': staged.put("&gt;", 4); return;
+    case '"': staged.put("&quot;", 6); return;
+    case '\'': staged.put("&apos;", 6); return;
+    default: staged.hex(c); return;  // a control byte
+    }
+}
+
+// From `p`, `count` plain bytes to the cursor: one 16-byte store when the input
+// holds 16 bytes from `p` on (`end` its end), byte by byte else.
+inline void putPlain(Staged& staged, const unsigned char* p, size_t count, const unsigned char* end) {
+    if (end - p >= 16)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(staged.room(16)), _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+    else
+        std::memcpy(staged.room(count), p, count);
+    staged.advance(count);
+}
+
 }  // namespace
 
 void appendEscaped(std::string& out, std::string_view in) {
     const auto* p = reinterpret_cast<const unsigned char*>(in.data());
     const size_t n = in.size();
+    const unsigned char* const end = p + n;
     Staged staged(out);
     size_t i = 0;
     while (i < n) {
-        // Plain bytes, sixteen at a time where the input has them: the block is
-        // stored whole and the cursor moves over its plain bytes only.
         if (i + 16 <= n) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
-            const unsigned special = specialBytes(v);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(staged.room(16)), v);
-            const size_t plain = special ? static_cast<size_t>(std::countr_zero(special)) : 16;
-            staged.advance(plain);
-            i += plain;
-            if (plain == 16) continue;
+            // Sixteen bytes at a time: the plain runs between the ASCII bytes to
+            // escape go out whole, and the block's mask serves all of them.
+            unsigned special = specialBytes(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i)));
+            size_t from = 0;  // the block's first byte not yet written
+            for (; special; special &= special - 1) {
+                const size_t at = static_cast<size_t>(std::countr_zero(special));
+                if (p[i + at] >= 0x80) break;  // UTF-8: checked below, byte by byte
+                putPlain(staged, p + i + from, at - from, end);
+                putEscapedAscii(staged, p[i + at]);
+                from = at + 1;
+            }
+            if (!special) {
+                putPlain(staged, p + i + from, 16 - from, end);
+                i += 16;
+                continue;
+            }
+            const size_t at = static_cast<size_t>(std::countr_zero(special));
+            putPlain(staged, p + i + from, at - from, end);
+            i += at;
         } else if (kPlain[p[i]]) {
             *staged.room(1) = static_cast<char>(p[i++]);
             staged.advance(1);
             continue;
-        }
-        const unsigned char c = p[i];
-        switch (c) {
-        case '&': staged.put("&amp;", 5); ++i; continue;
-        case '<': staged.put("&lt;", 4); ++i; continue;
-        case '>': staged.put("&gt;", 4); ++i; continue;
-        case '"': staged.put("&quot;", 6); ++i; continue;
-        case '\'': staged.put("&apos;", 6); ++i; continue;
-        default: break;
-        }
-        if (c < 0x80) {  // a control byte
-            staged.hex(c);
-            ++i;
+        } else if (p[i] < 0x80) {
+            putEscapedAscii(staged, p[i++]);
             continue;
         }
+        const unsigned char c = p[i];
         const size_t len = utf8SequenceLength(p + i, n - i);
         if (len == 3 && ((c == 0xED && p[i + 1] >= 0xA0) || (c == 0xEF && p[i + 1] == 0xBF && p[i + 2] >= 0xBE))) {
             // Surrogates and the two non-characters are not allowed in XML.
