@@ -57,20 +57,26 @@ size_t SidLookupCache::size() const {
 void SidLookupCache::clear() {
     std::lock_guard<CriticalSection> guard(lock_);
     entries_.clear();
+    ++generation_;
 }
 
 bool SidLookupCache::lookupCachedText(std::wstring_view sidText, DWORD& result, std::wstring& account,
-                                      std::wstring& domain) {
+                                      std::wstring& domain, Stamp* stamp) {
     if (disabled_) return false;
     std::lock_guard<CriticalSection> guard(lock_);
     auto it = entries_.find(sidText);
     if (it == entries_.end() || it->second.expiry < tickNow()) return false;
+    if (stamp) *stamp = Stamp{it->second.expiry, generation_.load()};
     result = it->second.result;
     if (result == 0) {
         account = it->second.account;
         domain = it->second.domain;
     }
     return true;
+}
+
+bool SidLookupCache::stillCurrent(const Stamp& stamp) const {
+    return !disabled_ && stamp.generation == generation_.load() && stamp.expiry >= tickNow();
 }
 
 DWORD SidLookupCache::lookupSid(PSID sid, std::wstring& account, std::wstring& domain, DWORD* type) {
@@ -102,6 +108,7 @@ DWORD SidLookupCache::lookupSid(PSID sid, std::wstring& account, std::wstring& d
         std::lock_guard<CriticalSection> guard(lock_);
         if (entries_.size() > maxEntries_) purgeLocked(now);
         entries_[sidString] = fresh;
+        ++generation_;
     }
     if (fresh.result == 0) {
         account = std::move(fresh.account);
@@ -157,6 +164,7 @@ void SidLookupCache::purgeLocked(uint64_t now) {
     for (auto it = entries_.begin(); it != entries_.end();) {
         if (it->second.expiry < now) {
             it = entries_.erase(it);
+            ++generation_;
             ++removed;
         } else {
             ++it;
@@ -164,7 +172,10 @@ void SidLookupCache::purgeLocked(uint64_t now) {
     }
     if (removed) return;
     // Nothing aged out: make room by key order, deliberately not by use.
-    for (int i = 0; i < 10 && !entries_.empty(); ++i) entries_.erase(entries_.begin());
+    for (int i = 0; i < 10 && !entries_.empty(); ++i) {
+        entries_.erase(entries_.begin());
+        ++generation_;
+    }
 }
 
 }  // namespace skorva

@@ -35,10 +35,21 @@ public:
     // Returns a Win32 error code, 0 on success (an unmapped SID is a success whose
     // account name is the SID string). `type` may be null.
     DWORD lookupSid(PSID sid, std::wstring& account, std::wstring& domain, DWORD* type = nullptr);
+    // When an answer kept by the cache expires, and the cache's generation
+    // when it was read.
+    struct Stamp {
+        uint64_t expiry = 0;
+        uint64_t generation = 0;
+    };
     // The fresh answer kept for a SID given in its canonical text ("S-1-5-18"),
     // which spares parsing SIDs already seen. False when none is kept; `result`
-    // is then untouched.
-    bool lookupCachedText(std::wstring_view sidText, DWORD& result, std::wstring& account, std::wstring& domain);
+    // is then untouched. `stamp`, when given, receives the answer's stamp.
+    bool lookupCachedText(std::wstring_view sidText, DWORD& result, std::wstring& account, std::wstring& domain,
+                          Stamp* stamp = nullptr);
+    // Changes whenever an entry is added, replaced or removed: a copy of an
+    // answer is the cache's answer while its stamp's generation is current,
+    // it has not expired and the cache is not disabled.
+    bool stillCurrent(const Stamp& stamp) const;
 
     // Installs another look-up (tests); returns the previous one.
     LookupAccountSidFn setLookupFunction(LookupAccountSidFn fn);
@@ -61,6 +72,7 @@ private:
 
     mutable CriticalSection lock_;
     std::map<std::wstring, Entry, std::less<>> entries_;
+    std::atomic<uint64_t> generation_{0};  // moved on under the lock by every change of entries_
     std::atomic<bool> disabled_{false};
     std::atomic<uint64_t> expiryMs_{3600000};
     std::atomic<uint64_t> negativeExpiryMs_{10000};

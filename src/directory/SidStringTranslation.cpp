@@ -12,11 +12,12 @@ namespace skorva {
 namespace {
 
 // The cached answer for a SID text, when one is kept.
-bool cachedAnswer(const std::string& sid, DWORD& rc, std::wstring& account, std::wstring& domain) {
+bool cachedAnswer(const std::string& sid, DWORD& rc, std::wstring& account, std::wstring& domain,
+                  SidLookupCache::Stamp* stamp) {
     wchar_t wide[256];
     if (sid.size() >= sizeof(wide) / sizeof(wide[0])) return false;
     for (size_t i = 0; i < sid.size(); ++i) wide[i] = static_cast<unsigned char>(sid[i]);
-    return SidLookupCache::instance().lookupCachedText(std::wstring_view(wide, sid.size()), rc, account, domain);
+    return SidLookupCache::instance().lookupCachedText(std::wstring_view(wide, sid.size()), rc, account, domain, stamp);
 }
 
 // Every SID text the system converts begins "S-" or is a two-letter alias;
@@ -29,14 +30,18 @@ bool mayBeSid(const std::string& text) {
 
 }  // namespace
 
-bool translateSidString(const std::string& sid, std::wstring& out, std::wstring& account, std::wstring& domain) {
+bool translateSidString(const std::string& sid, std::wstring& out, std::wstring& account, std::wstring& domain,
+                        SidAnswer* answer) {
     DWORD rc = 0;
     if (!mayBeSid(sid)) {
         LOG_DEBUG("ConvertStringSidTosid failed with error 0x%x", static_cast<unsigned>(ERROR_INVALID_SID));
         return false;
     }
     // A SID seen before is answered by its text, without parsing it.
-    if (!cachedAnswer(sid, rc, account, domain)) {
+    SidLookupCache::Stamp stamp;
+    const bool cached = cachedAnswer(sid, rc, account, domain, &stamp);
+    if (answer) *answer = SidAnswer{cached, rc, stamp};
+    if (!cached) {
         PSID binary = nullptr;
         if (!::ConvertStringSidToSidA(sid.c_str(), &binary)) {
             LOG_DEBUG("ConvertStringSidTosid failed with error 0x%x", static_cast<unsigned>(::GetLastError()));
@@ -45,13 +50,18 @@ bool translateSidString(const std::string& sid, std::wstring& out, std::wstring&
         UniqueLocalMem owner(binary);
         rc = SidLookupCache::instance().lookupSid(binary, account, domain);
     }
-    if (rc != 0) {
-        LOG_DEBUG("LookupAccountName failed with error 0x%x", static_cast<unsigned>(rc));
-        return false;
-    }
+    if (!reportSidAnswer(sid, rc)) return false;
     out = domain;
     if (!out.empty()) out += L'\\';
     out += account;
+    return true;
+}
+
+bool reportSidAnswer(const std::string& sid, DWORD error) {
+    if (error != 0) {
+        LOG_DEBUG("LookupAccountName failed with error 0x%x", static_cast<unsigned>(error));
+        return false;
+    }
     LOG_DEBUG("Translates the sid %s successfully.", sid.c_str());
     return true;
 }

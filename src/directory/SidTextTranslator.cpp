@@ -36,8 +36,7 @@ bool SidTextTranslator::rewrite(const std::string& scanned, std::string& text) {
         sid_.assign(match.sid);
         pattern_.assign(match.pattern);
         pos = match.next;
-        if (!translateSidString(sid_, translation_, account_, domain_)) continue;
-        narrowInto(translation_, replacement_);
+        if (!replacementFor()) continue;
         LOG_DEBUG("%s found: %s, replace with %s ", kFn, sid_.c_str(), replacement_.c_str());
         if (replaceAll(text, pattern_, replacement_) == 0) continue;
         changed = true;
@@ -45,6 +44,27 @@ bool SidTextTranslator::rewrite(const std::string& scanned, std::string& text) {
         if (&scanned == &text) match.noWrapped = false;
     }
     return changed;
+}
+
+bool SidTextTranslator::replacementFor() {
+    const SidLookupCache& cache = SidLookupCache::instance();
+    for (const Remembered& r : remembered_) {
+        if (r.sid != sid_ || !r.answer.cached || !cache.stillCurrent(r.answer.stamp)) continue;
+        if (!reportSidAnswer(sid_, r.answer.error)) return false;
+        replacement_ = r.replacement;
+        return true;
+    }
+    SidAnswer answer;
+    const bool translated = translateSidString(sid_, translation_, account_, domain_, &answer);
+    if (translated) narrowInto(translation_, replacement_);
+    if (answer.cached) {
+        Remembered& slot = remembered_[nextSlot_];
+        nextSlot_ = (nextSlot_ + 1) % remembered_.size();
+        slot.sid = sid_;
+        slot.replacement = translated ? replacement_ : std::string();
+        slot.answer = answer;
+    }
+    return translated;
 }
 
 }  // namespace skorva

@@ -80,5 +80,26 @@ TEST_F(TranslateSidLocally, MessageSidsAreReplacedWrappedOrBare) {
     EXPECT_EQ(FakeAccounts::calls(), 3) << "a SID seen before is answered by the cache";
 }
 
+// The translator keeps the cache's answers as they go into a text; a copy
+// serves only while the cache's answer is the same one.
+TEST_F(TranslateSidLocally, KeptAnswersFollowTheCache) {
+    const auto translated = [this] {
+        std::wstring message = L"by S-1-5-21-1-2-3-1001";
+        std::string xmlOut;
+        translator_.translate(message, L"", xmlOut);
+        return narrow(message);
+    };
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(translated(), "by CORP\\alice");
+    FakeAccounts::table()[L"S-1-5-21-1-2-3-1001"] = FakeAccount{L"alice2", L"CORP"};
+    EXPECT_EQ(translated(), "by CORP\\alice") << "the cache still holds the old name";
+    SidLookupCache::instance().clear();
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(translated(), "by CORP\\alice2");
+    SidCacheSettings off;
+    off.disabled = true;
+    SidLookupCache::instance().configure(off);
+    FakeAccounts::table()[L"S-1-5-21-1-2-3-1001"] = FakeAccount{L"alice3", L"CORP"};
+    EXPECT_EQ(translated(), "by CORP\\alice3") << "nothing kept serves a disabled cache";
+}
+
 }  // namespace
 }  // namespace skorva
