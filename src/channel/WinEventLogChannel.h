@@ -106,13 +106,6 @@ public:
     CheckpointMap& checkpointMap() { return checkpoints_.checkpointMap(); }
 
     // ---- Directory objects
-    // Appends `message` to `out` with the directory's names in place of its
-    // tokens (and replaces them in a non-empty `xml`); 1 when a token was
-    // translated, or the blacklist ended the scan (blacklistCheck).
-    uint8_t insertAdObjectNames(const EventRecord& event, const std::wstring& message, std::string& out,
-                                std::wstring& xml, bool blacklistCheck, int depth) {
-        return adNames_.insert(event.eventCode, message, out, xml, blacklistCheck, depth);
-    }
     WinLookupAdObjCache& adObjCache() { return adObjCache_; }
     AdObjBlacklistMemo& adObjBlacklistMemo() { return adObjBlacklistMemo_; }
 

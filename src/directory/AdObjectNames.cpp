@@ -38,6 +38,7 @@ uint8_t AdObjectNames::insert(uint32_t eventCode, std::wstring_view message, std
                               bool blacklistCheck, int depth) {
     if (message.empty()) return 0;
     const bool skip = skipsGuids(eventCode);
+    const bool inXml = !xml.empty();  // the names go into the XML, not into `out`
     std::wstring& object = object_[depth];
     std::wstring& translation = translation_[depth];
     uint8_t result = 0;
@@ -51,7 +52,7 @@ uint8_t AdObjectNames::insert(uint32_t eventCode, std::wstring_view message, std
             continue;
         }
         if (token.kind == AdToken::kNotTranslated) continue;
-        appendNarrow(message.substr(last, token.start - last), out);
+        if (!inXml) appendNarrow(message.substr(last, token.start - last), out);
         last = token.resume;
         object.assign(token.collected());
         const uint64_t started = tickNow();
@@ -60,13 +61,13 @@ uint8_t AdObjectNames::insert(uint32_t eventCode, std::wstring_view message, std
                  static_cast<unsigned long long>(tickNow() - started), ok ? 1 : 0,
                  ok ? static_cast<int>(translation.size()) : 0);
         if (!ok) {
-            appendNarrow(object, out);
+            if (!inXml) appendNarrow(object, out);
             continue;
         }
         result = 1;
         if (!xml.empty()) replaceInXml(token, translation, xml);
         if (translation.size() < kRescanLength || depth >= kMaxDepth) {
-            appendNarrow(translation, out);
+            if (!inXml) appendNarrow(translation, out);
         } else {
             LOG_INFO("%s: Calling recursively insertAdObjectNames, count='%d', adObj='%S'", kFn, depth + 1,
                      translation.c_str());
@@ -75,7 +76,7 @@ uint8_t AdObjectNames::insert(uint32_t eventCode, std::wstring_view message, std
         }
         if (blacklistCheck && blacklistEnds(token, translation, out, xml)) return 1;
     }
-    if (last < message.size() && message[last] != L'.') appendNarrow(message.substr(last), out);
+    if (!inXml && last < message.size() && message[last] != L'.') appendNarrow(message.substr(last), out);
     return result;
 }
 

@@ -27,7 +27,8 @@ public:
     AdObjectNames& operator=(const AdObjectNames&) = delete;
 
     // Appends `message` to `out` (UTF-8) with names in place of its tokens; with
-    // a non-empty `xml`, each translated token is replaced there too. With
+    // a non-empty `xml`, each translated token is replaced there instead and
+    // `out` is left as it was (nothing reads it then). With
     // `blacklistCheck`, the scan ends as soon as the blacklist rejects the text
     // translated so far. 1 when a token was translated or the blacklist ended
     // the scan, else 0 (`out` then holds nothing the caller needs).
