@@ -11,7 +11,7 @@ import pytest
 
 from test_collector import Collector, config, record_ids, start, store, wine_server  # noqa: F401 (fixtures)
 
-RECORDS = int(os.environ.get("COLLECTOR_RECORDS", "30000"))
+RECORDS = int(os.environ.get("COLLECTOR_RECORDS", "60000"))
 BATCH = 100
 # One pass reads at most (1001 // batch) * 3 + 1 batches; kills are spread over it.
 PASS_EVENTS = ((1001 // BATCH) * 3 + 1) * BATCH
