@@ -10,6 +10,7 @@
 #include "Internal.h"
 #include "Legacy.h"
 #include "Text.h"
+#include "SrwLock.h"
 
 namespace evtsim {
 
@@ -25,7 +26,7 @@ namespace {
 // One open log. The records file it was opened on is the one it reads: after a
 // clear every read fails until the handle is closed and the log opened again.
 struct LegacyLog {
-    std::mutex mutex;
+    Mutex mutex;
     std::wstring root;
     std::string name;                  // the channel as the store spells it
     std::shared_ptr<ChannelLog> log;   // as opened
@@ -37,7 +38,7 @@ struct LegacyLog {
 // Handle values of their own, never used twice, apart from the modern face's: a
 // legacy handle is no EVT_HANDLE and the reverse.
 struct LegacyHandles {
-    std::mutex mutex;
+    Mutex mutex;
     std::map<uintptr_t, std::shared_ptr<LegacyLog>> live;
     uintptr_t next = 0x4C000000;
 };
@@ -49,7 +50,7 @@ LegacyHandles& handles() {
 
 std::shared_ptr<LegacyLog> lookup(HANDLE h) {
     LegacyHandles& t = handles();
-    std::lock_guard<std::mutex> lock(t.mutex);
+    std::lock_guard<Mutex> lock(t.mutex);
     auto it = t.live.find(reinterpret_cast<uintptr_t>(h));
     return it == t.live.end() ? nullptr : it->second;
 }
@@ -84,7 +85,7 @@ bool oneOf(DWORD flags, DWORD a, DWORD b) { return ((flags & a) != 0) != ((flags
 
 size_t openLegacyHandleCount() {
     LegacyHandles& t = handles();
-    std::lock_guard<std::mutex> lock(t.mutex);
+    std::lock_guard<Mutex> lock(t.mutex);
     return t.live.size();
 }
 
@@ -108,7 +109,7 @@ HANDLE WINAPI OpenEventLogW(LPCWSTR lpUNCServerName, LPCWSTR lpSourceName) {
     if (!l->log) return failWith<HANDLE>(ERROR_FILE_NOT_FOUND, nullptr);
     l->name = l->log->meta().name;
     LegacyHandles& t = handles();
-    std::lock_guard<std::mutex> lock(t.mutex);
+    std::lock_guard<Mutex> lock(t.mutex);
     t.next += 4;
     t.live.emplace(t.next, std::move(l));
     return reinterpret_cast<HANDLE>(t.next);
@@ -117,7 +118,7 @@ HANDLE WINAPI OpenEventLogW(LPCWSTR lpUNCServerName, LPCWSTR lpSourceName) {
 BOOL WINAPI CloseEventLog(HANDLE hEventLog) {
     std::shared_ptr<LegacyLog> doomed;  // released outside the table's lock
     LegacyHandles& t = handles();
-    std::lock_guard<std::mutex> lock(t.mutex);
+    std::lock_guard<Mutex> lock(t.mutex);
     auto it = t.live.find(reinterpret_cast<uintptr_t>(hEventLog));
     if (it == t.live.end()) return failWith(ERROR_INVALID_HANDLE, FALSE);
     doomed = std::move(it->second);
@@ -165,7 +166,7 @@ BOOL WINAPI ReadEventLogW(HANDLE hEventLog, DWORD dwReadFlags, DWORD dwRecordOff
         return failWith(ERROR_INVALID_PARAMETER, FALSE);
     auto l = lookup(hEventLog);
     if (!l) return failWith(ERROR_INVALID_HANDLE, FALSE);
-    std::lock_guard<std::mutex> lock(l->mutex);
+    std::lock_guard<Mutex> lock(l->mutex);
     *pnBytesRead = 0;
     *pnMinNumberOfBytesNeeded = 0;
     if (DWORD f = injectedFault("ReadEventLogW", l->name)) return failWith(f, FALSE);

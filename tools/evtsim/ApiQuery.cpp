@@ -7,6 +7,7 @@
 #include "Faults.h"
 #include "Internal.h"
 #include "Text.h"
+#include "SrwLock.h"
 
 namespace evtsim {
 
@@ -23,7 +24,7 @@ bool queryIsAll(LPCWSTR q) {
 struct ChannelEnumObj : Object {
     ChannelEnumObj() : Object(Kind::ChannelEnum) {}
     static bool accepts(Kind k) { return k == Kind::ChannelEnum; }
-    std::mutex mutex;
+    Mutex mutex;
     std::vector<std::wstring> names;
     size_t next = 0;
 };
@@ -131,7 +132,7 @@ EVT_HANDLE WINAPI EvtSubscribe(EVT_HANDLE Session, HANDLE SignalEvent, LPCWSTR C
         uint64_t id = 0;
         bool have = false;
         {
-            std::lock_guard<std::mutex> lock(bm->mutex);
+            std::lock_guard<Mutex> lock(bm->mutex);
             for (const auto& e : bm->entries)
                 if (iequals(e.channel, q->log->wideName())) {
                     id = e.recordId;
@@ -165,7 +166,7 @@ BOOL WINAPI EvtNext(EVT_HANDLE ResultSet, DWORD EventArraySize, EVT_HANDLE* Even
     if (!EventArray || !Returned || EventArraySize == 0 || Flags != 0) return failWith(ERROR_INVALID_PARAMETER, FALSE);
     *Returned = 0;
     if (wrongThread(*q)) return failWith(ERROR_INVALID_THREAD_ID, FALSE);
-    std::lock_guard<std::mutex> lock(q->mutex);
+    std::lock_guard<Mutex> lock(q->mutex);
     if (DWORD f = injectedFault("EvtNext", toUtf8(q->log->wideName()))) return failWith(f, FALSE);
 
     if (DWORD e = followChange(*q)) return failWith(e, FALSE);
@@ -263,7 +264,7 @@ BOOL WINAPI EvtSeek(EVT_HANDLE ResultSet, LONGLONG Position, EVT_HANDLE Bookmark
     if (origin < EvtSeekRelativeToFirst || origin > EvtSeekRelativeToBookmark || (Flags & ~(EvtSeekOriginMask | EvtSeekStrict)) ||
         ((origin == EvtSeekRelativeToBookmark) != (Bookmark != nullptr)))
         return failWith(ERROR_INVALID_PARAMETER, FALSE);
-    std::lock_guard<std::mutex> lock(q->mutex);
+    std::lock_guard<Mutex> lock(q->mutex);
     if (DWORD e = followChange(*q)) return failWith(e, FALSE);  // a query: a clear makes it stale
     loadAll(*q->log);
     const LONGLONG length = static_cast<LONGLONG>(orderLength(*q));
@@ -278,7 +279,7 @@ BOOL WINAPI EvtSeek(EVT_HANDLE ResultSet, LONGLONG Position, EVT_HANDLE Bookmark
         uint64_t id = 0;
         bool have = false;
         {
-            std::lock_guard<std::mutex> bl(bm->mutex);
+            std::lock_guard<Mutex> bl(bm->mutex);
             for (const auto& e : bm->entries)
                 if (iequals(e.channel, q->log->wideName())) id = e.recordId, have = true;
         }
@@ -324,7 +325,7 @@ BOOL WINAPI EvtNextChannelPath(EVT_HANDLE ChannelEnum, DWORD ChannelPathBufferSi
     if (!ChannelPathBufferUsed || (!ChannelPathBuffer && ChannelPathBufferSize != 0))
         return failWith(ERROR_INVALID_PARAMETER, FALSE);
     if (DWORD f = injectedFault("EvtNextChannelPath", "")) return failWith(f, FALSE);
-    std::lock_guard<std::mutex> lock(e->mutex);
+    std::lock_guard<Mutex> lock(e->mutex);
     if (e->next >= e->names.size()) {
         *ChannelPathBufferUsed = 0;
         return failWith(ERROR_NO_MORE_ITEMS, FALSE);

@@ -8,6 +8,7 @@
 #include "Faults.h"
 #include "Internal.h"
 #include "Text.h"
+#include "SrwLock.h"
 
 namespace evtsim {
 
@@ -546,7 +547,7 @@ BOOL renderXml(EventObj& ev, DWORD bufferSize, PVOID buffer, PDWORD used) {
 }  // namespace
 
 std::wstring bookmarkText(BookmarkObj& bm) {
-    std::lock_guard<std::mutex> lock(bm.mutex);
+    std::lock_guard<Mutex> lock(bm.mutex);
     std::wstring out = bm.backward ? L"<BookmarkList Direction='backward'>\r\n" : L"<BookmarkList>\r\n";
     for (size_t i = 0; i < bm.entries.size(); ++i) {
         out += L"  <Bookmark Channel='";
@@ -649,7 +650,7 @@ BOOL WINAPI EvtUpdateBookmark(EVT_HANDLE Bookmark, EVT_HANDLE Event) {
     EventObj* ev = lookupAs<EventObj>(Event);
     if (!bm || !ev) return failWith(ERROR_INVALID_HANDLE, FALSE);
     if (DWORD f = injectedFault("EvtUpdateBookmark", ev->log->meta().name)) return failWith(f, FALSE);
-    std::lock_guard<std::mutex> lock(bm->mutex);
+    std::lock_guard<Mutex> lock(bm->mutex);
     const std::wstring& channel = ev->log->wideName();
     auto it = std::find_if(bm->entries.begin(), bm->entries.end(),
                            [&](const BookmarkObj::Entry& e) { return iequals(e.channel, channel); });

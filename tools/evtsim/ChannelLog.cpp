@@ -7,6 +7,7 @@
 #include "Evtsim.h"
 #include "Internal.h"
 #include "Text.h"
+#include "SrwLock.h"
 
 namespace evtsim {
 
@@ -75,7 +76,7 @@ ChannelLog::ChannelLog(std::wstring dir, ChannelMeta meta)
     : dir_(std::move(dir)), path_(recordsPath(dir_, meta)), wideName_(toWide(meta.name)), meta_(std::move(meta)) {}
 
 bool ChannelLog::refresh(bool& partial) {
-    std::lock_guard<std::mutex> serial(refreshMutex_);
+    std::lock_guard<Mutex> serial(refreshMutex_);
     partial = false;
     FileCloser file(openForReading(path_));
     if (file.h == INVALID_HANDLE_VALUE) return false;
@@ -262,7 +263,7 @@ bool ChannelLog::find(uint64_t id, size_t& index) const {
 namespace {
 
 struct LogCache {
-    std::mutex mutex;
+    Mutex mutex;
     std::map<std::wstring, std::weak_ptr<ChannelLog>> logs;
 };
 
@@ -282,7 +283,7 @@ std::shared_ptr<ChannelLog> openChannelLog(const std::wstring& root, const std::
     std::wstring key = recordsPath(dir, meta);
     for (auto& c : key) c = static_cast<wchar_t>(towlower(c));
     LogCache& cache = logCache();
-    std::lock_guard<std::mutex> lock(cache.mutex);
+    std::lock_guard<Mutex> lock(cache.mutex);
     for (auto it = cache.logs.begin(); it != cache.logs.end();)  // drop logs nobody reads
         it = it->second.expired() ? cache.logs.erase(it) : std::next(it);
     if (auto existing = cache.logs[key].lock()) return existing;

@@ -2,6 +2,7 @@
 
 #include "Store.h"
 #include "Text.h"
+#include "SrwLock.h"
 
 namespace evtsim {
 
@@ -88,12 +89,12 @@ bool FaultRules::check(std::string_view rules, std::string* error) const {
 DWORD FaultRules::match(std::string_view function, std::string_view target) {
     ULONGLONG now = GetTickCount64();
     if (!overridden_ && now >= nextCheck_.load(std::memory_order_relaxed)) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<Mutex> lock(mutex_);
         if (!overridden_) refreshLocked();
         nextCheck_ = now + 200;
     }
     if (!any_.load(std::memory_order_acquire)) return 0;
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<Mutex> lock(mutex_);
     for (Rule& r : rules_) {
         if (r.function != function || (!r.target.empty() && !iequals(r.target, target))) continue;
         uint64_t call = ++r.calls;
@@ -105,7 +106,7 @@ DWORD FaultRules::match(std::string_view function, std::string_view target) {
 bool FaultRules::set(std::string_view text, std::string* error) {
     std::vector<Rule> rules;
     if (!parse(text, rules, error)) return false;
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<Mutex> lock(mutex_);
     overridden_ = true;
     rules_ = std::move(rules);
     any_ = !rules_.empty();
@@ -113,7 +114,7 @@ bool FaultRules::set(std::string_view text, std::string* error) {
 }
 
 void FaultRules::clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<Mutex> lock(mutex_);
     overridden_ = false;
     loaded_ = false;
     rules_.clear();

@@ -15,6 +15,8 @@
 #include <string_view>
 #include <vector>
 
+#include "SrwLock.h"
+
 namespace evtsim {
 
 class FaultRules {
@@ -55,7 +57,7 @@ private:
     const char* const variable_;
     const RootFn folder_;
     const Validator validate_;
-    std::mutex mutex_;
+    Mutex mutex_;
     bool overridden_ = false;
     std::vector<Rule> rules_;
     std::atomic<bool> any_{false};

@@ -13,6 +13,7 @@
 
 #include "Store.h"
 #include "Xml.h"
+#include "SrwLock.h"
 
 namespace evtsim {
 
@@ -105,7 +106,7 @@ private:
         uint64_t firstId, lastId;
         std::weak_ptr<SliceData> data;  // alive while the log or an event holds it
     };
-    using Lock = std::unique_lock<std::mutex>;
+    using Lock = std::unique_lock<Mutex>;
 
     size_t sliceOf(size_t index) const;
     // The slice's bytes, read again from the file when nobody holds them (the lock is
@@ -123,8 +124,8 @@ private:
 
     std::wstring dir_, path_, wideName_;
     ChannelMeta meta_;
-    mutable std::mutex mutex_;  // guards the members below and the frames of a growing slice
-    std::mutex refreshMutex_;   // one refresh at a time
+    mutable Mutex mutex_;  // guards the members below and the frames of a growing slice
+    Mutex refreshMutex_;   // one refresh at a time
     mutable std::vector<Slice> slices_;
     size_t records_ = 0;
     mutable std::vector<std::pair<size_t, std::shared_ptr<SliceData>>> recent_;  // least recently used first
@@ -178,7 +179,7 @@ struct BookmarkObj : Object {
         std::wstring channel;
         uint64_t recordId;
     };
-    std::mutex mutex;
+    Mutex mutex;
     std::vector<Entry> entries;
     int current = -1;
     bool backward = false;
@@ -190,7 +191,7 @@ struct QueryObj : Object {
     static bool accepts(Kind k) { return k == Kind::Query || k == Kind::Subscription; }
     bool subscription() const { return kind == Kind::Subscription; }
 
-    std::mutex mutex;
+    Mutex mutex;
     std::wstring root, channel;
     std::shared_ptr<ChannelLog> log;
     bool reverse = false;

@@ -5,6 +5,7 @@
 
 #include "Evtsim.h"
 #include "Internal.h"
+#include "SrwLock.h"
 #include "Text.h"
 
 namespace evtsim {
@@ -15,8 +16,9 @@ namespace {
 
 // Handle values are never used twice, so a handle closed by mistake twice (or
 // one that went with its result set) can never reach another object.
+// Every call looks its handle up: look-ups share the lock.
 struct Registry {
-    std::mutex mutex;
+    SRWLOCK lock = SRWLOCK_INIT;
     std::unordered_map<uintptr_t, Object*> live;
     uintptr_t next = 0x10000;
 
@@ -34,7 +36,7 @@ Registry& registry() {
 }
 
 struct RootState {
-    std::mutex mutex;
+    SRWLOCK lock = SRWLOCK_INIT;  // read by every rendering of event data
     std::wstring root;
     bool overridden = false;
 };
@@ -81,21 +83,21 @@ void startStatsOnce() {
 EVT_HANDLE registerObject(std::unique_ptr<Object> obj) {
     startStatsOnce();
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    ExclusiveLock lock(r.lock);
     return r.add(obj.release());
 }
 
 Object* lookupObject(EVT_HANDLE h) {
     if (!h) return nullptr;
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    SharedLock lock(r.lock);
     auto it = r.live.find(reinterpret_cast<uintptr_t>(h));
     return it == r.live.end() ? nullptr : it->second;
 }
 
 EVT_HANDLE registerEvent(QueryObj& parent, std::unique_ptr<Object> event) {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    ExclusiveLock lock(r.lock);
     auto* raw = static_cast<EventObj*>(event.release());
     raw->parent = &parent;
     const EVT_HANDLE h = r.add(raw);
@@ -108,7 +110,7 @@ DWORD closeObject(EVT_HANDLE h) {
     std::vector<Object*> doomed;
     {
         Registry& r = registry();
-        std::lock_guard<std::mutex> lock(r.mutex);
+        ExclusiveLock lock(r.lock);
         auto it = r.live.find(reinterpret_cast<uintptr_t>(h));
         if (it == r.live.end()) return ERROR_INVALID_HANDLE;
         Object* obj = it->second;
@@ -134,20 +136,20 @@ DWORD closeObject(EVT_HANDLE h) {
 
 size_t openHandleCount() {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    SharedLock lock(r.lock);
     return r.live.size();
 }
 
 void setStoreRoot(const std::wstring& root) {
     RootState& s = rootState();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ExclusiveLock lock(s.lock);
     s.root = root;
     s.overridden = !root.empty();
 }
 
 std::wstring storeRoot() {
     RootState& s = rootState();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    SharedLock lock(s.lock);
     return s.overridden ? s.root : storeRootFromEnvironment();
 }
 
@@ -175,20 +177,22 @@ bool batchLimitFails() {
 
 namespace {
 
-std::unique_ptr<ParsedEvent> parseEvent(std::string_view xml) {
-    auto fresh = std::make_unique<ParsedEvent>();
-    if (parseXml(xml, fresh->doc) && fresh->doc.children[0].localName() == "Event") {
-        fresh->event = &fresh->doc.children[0];
-        fresh->system = fresh->event->child("System");
-        fresh->rendering = fresh->event->child("RenderingInfo");
-        if (const XmlNode* ed = fresh->event->child("EventData")) {
+// Parses into `into`, written over: a parse kept for the next event costs no
+// allocation once the events' shapes repeat.
+void parseEvent(std::string_view xml, ParsedEvent& into) {
+    into.event = into.system = into.rendering = nullptr;
+    into.data.clear();
+    if (parseXml(xml, into.doc) && into.doc.children[0].localName() == "Event") {
+        into.event = &into.doc.children[0];
+        into.system = into.event->child("System");
+        into.rendering = into.event->child("RenderingInfo");
+        if (const XmlNode* ed = into.event->child("EventData")) {
             for (const auto& c : ed->children)
-                if (c.localName() == "Data") fresh->data.push_back(&c);
-        } else if (const XmlNode* ud = fresh->event->child("UserData"); ud && !ud->children.empty()) {
-            for (const auto& c : ud->children[0].children) fresh->data.push_back(&c);
+                if (c.localName() == "Data") into.data.push_back(&c);
+        } else if (const XmlNode* ud = into.event->child("UserData"); ud && !ud->children.empty()) {
+            for (const auto& c : ud->children[0].children) into.data.push_back(&c);
         }
     }
-    return fresh;
 }
 
 // The events the calling thread parsed last. The service keeps an event in its
@@ -227,12 +231,14 @@ const ParsedEvent& EventObj::parsed() const {
             if (slot.handle == handle && slot.parsed) return *slot.parsed;
         ParseCache::Slot& slot = cache->slots[cache->next++ % 4];
         slot.handle = handle;
-        slot.parsed = parseEvent(xml());
+        if (!slot.parsed) slot.parsed = std::make_unique<ParsedEvent>();
+        parseEvent(xml(), *slot.parsed);
         return *slot.parsed;
     }
     // No thread storage: the handle keeps its parse.
     if (ParsedEvent* p = parsed_.load(std::memory_order_acquire)) return *p;
-    auto fresh = parseEvent(xml());
+    auto fresh = std::make_unique<ParsedEvent>();
+    parseEvent(xml(), *fresh);
     ParsedEvent* expected = nullptr;
     if (parsed_.compare_exchange_strong(expected, fresh.get(), std::memory_order_acq_rel)) return *fresh.release();
     return *expected;
@@ -252,7 +258,7 @@ size_t EventObj::wideLength() const {
 namespace {
 
 struct Watcher {
-    std::mutex mutex;
+    Mutex mutex;
     std::vector<QueryObj*> subs;
     HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     bool started = false;
@@ -309,10 +315,10 @@ DWORD WINAPI watchLoop(void*) {
     while (true) {
         bool any;
         {
-            std::lock_guard<std::mutex> lock(w.mutex);
+            std::lock_guard<Mutex> lock(w.mutex);
             any = !w.subs.empty();
             for (QueryObj* q : w.subs) {
-                std::unique_lock<std::mutex> ql(q->mutex, std::try_to_lock);
+                std::unique_lock<Mutex> ql(q->mutex, std::try_to_lock);
                 if (ql.owns_lock() && newRecordsWritten(*q)) SetEvent(q->signal);
             }
         }
@@ -324,7 +330,7 @@ DWORD WINAPI watchLoop(void*) {
 
 void watchSubscription(QueryObj* q) {
     Watcher& w = watcher();
-    std::lock_guard<std::mutex> lock(w.mutex);
+    std::lock_guard<Mutex> lock(w.mutex);
     w.subs.push_back(q);
     if (!w.started) {
         HANDLE t = CreateThread(nullptr, 0, watchLoop, nullptr, 0, nullptr);
@@ -338,7 +344,7 @@ void watchSubscription(QueryObj* q) {
 
 void unwatchSubscription(QueryObj* q) {
     Watcher& w = watcher();
-    std::lock_guard<std::mutex> lock(w.mutex);
+    std::lock_guard<Mutex> lock(w.mutex);
     w.subs.erase(std::remove(w.subs.begin(), w.subs.end(), q), w.subs.end());
 }
 

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include <winevt.h>
 
+#include "SrwLock.h"
 #include "Text.h"
 #include "Xml.h"
 
@@ -372,30 +372,40 @@ std::shared_ptr<const ProviderDef> cachedProvider(const std::wstring& root, std:
         FILETIME created, written;
         uint64_t size;
     };
-    // Outlive static destruction, as the handle registry does.
-    static std::mutex* mutex = new std::mutex;
-    static auto* cache = new std::map<std::wstring, Entry>;
+    struct Cache {
+        SRWLOCK lock = SRWLOCK_INIT;
+        std::map<std::wstring, Entry> entries;
+    };
+    // Outlives static destruction, as the handle registry does. Every rendering
+    // of event data asks it: the file is looked at outside the lock, and the
+    // look-up shares it.
+    static auto* cache = new Cache;
     const std::wstring path = providerPath(root, name);
-    std::lock_guard<std::mutex> lock(*mutex);
     WIN32_FILE_ATTRIBUTE_DATA attr;
     if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &attr)) {
-        cache->erase(path);
+        ExclusiveLock lock(cache->lock);
+        cache->entries.erase(path);
         return nullptr;
     }
     const uint64_t size = (static_cast<uint64_t>(attr.nFileSizeHigh) << 32) | attr.nFileSizeLow;
     auto same = [](const FILETIME& a, const FILETIME& b) {
         return a.dwLowDateTime == b.dwLowDateTime && a.dwHighDateTime == b.dwHighDateTime;
     };
-    auto it = cache->find(path);
-    if (it != cache->end() && it->second.size == size && same(it->second.created, attr.ftCreationTime) &&
-        same(it->second.written, attr.ftLastWriteTime))
-        return it->second.def;
+    {
+        SharedLock lock(cache->lock);
+        auto it = cache->entries.find(path);
+        if (it != cache->entries.end() && it->second.size == size && same(it->second.created, attr.ftCreationTime) &&
+            same(it->second.written, attr.ftLastWriteTime))
+            return it->second.def;
+    }
     auto def = std::make_shared<ProviderDef>();
-    if (!loadProvider(root, name, *def)) {
-        cache->erase(path);
+    const bool loaded = loadProvider(root, name, *def);
+    ExclusiveLock lock(cache->lock);
+    if (!loaded) {
+        cache->entries.erase(path);
         return nullptr;
     }
-    (*cache)[path] = Entry{def, attr.ftCreationTime, attr.ftLastWriteTime, size};
+    cache->entries[path] = Entry{def, attr.ftCreationTime, attr.ftLastWriteTime, size};
     return def;
 }
 

@@ -50,8 +50,15 @@ class Parser {
 public:
     explicit Parser(std::string_view s) : s_(s) {}
 
+    // `doc` may hold an earlier parse: its nodes and strings are written over,
+    // so that parsing one event after another allocates nothing once the
+    // shapes repeat. A failed parse leaves `doc` empty.
     bool document(XmlNode& doc, std::string* error) {
-        doc = XmlNode{};
+        doc.name.clear();
+        doc.attrs.clear();
+        doc.text.clear();
+        doc.begin = 0;
+        size_t count = 0;
         while (true) {
             skipMisc();
             if (failed_) break;
@@ -60,11 +67,14 @@ public:
                 fail("text outside the root element");
                 break;
             }
-            doc.children.emplace_back();
-            if (!element(doc.children.back(), 0)) break;
+            if (!element(nextNode(doc.children, count), 0)) break;
         }
+        doc.children.resize(count);
         if (!failed_ && doc.children.empty()) fail("no element");
-        if (failed_ && error) *error = error_ + " at offset " + std::to_string(pos_);
+        if (failed_) {
+            doc = XmlNode{};
+            if (error) *error = error_ + " at offset " + std::to_string(pos_);
+        }
         doc.end = s_.size();
         return !failed_;
     }
@@ -163,32 +173,45 @@ private:
         ++pos_;
         return true;
     }
+    // The next of `nodes` to write over, made when there is none left.
+    template <class T>
+    static T& nextNode(std::vector<T>& nodes, size_t& used) {
+        if (used == nodes.size()) nodes.emplace_back();
+        return nodes[used++];
+    }
     bool element(XmlNode& node, int depth) {
         if (depth > 256) return fail("nesting too deep");
         node.begin = pos_;
+        node.text.clear();
         ++pos_;  // '<'
         if (!name(node.name)) return false;
+        size_t attrs = 0, children = 0;
+        const auto finish = [&] {
+            node.attrs.resize(attrs);
+            node.children.resize(children);
+            node.end = pos_;
+            return true;
+        };
         while (true) {
             skipSpace();
             if (pos_ >= s_.size()) return fail("unterminated start tag");
             if (s_[pos_] == '/') {
                 if (!startsWith("/>")) return fail("'/>' expected");
                 pos_ += 2;
-                node.end = pos_;
-                return true;
+                return finish();
             }
             if (s_[pos_] == '>') {
                 ++pos_;
                 break;
             }
-            XmlAttr a;
+            XmlAttr& a = nextNode(node.attrs, attrs);
             if (!name(a.name)) return false;
             skipSpace();
             if (pos_ >= s_.size() || s_[pos_] != '=') return fail("'=' expected");
             ++pos_;
             skipSpace();
+            a.value.clear();
             if (!attrValue(a.value)) return false;
-            node.attrs.push_back(std::move(a));
         }
         // Content.
         while (true) {
@@ -203,8 +226,7 @@ private:
                     skipSpace();
                     if (pos_ >= s_.size() || s_[pos_] != '>') return fail("'>' expected");
                     ++pos_;
-                    node.end = pos_;
-                    return true;
+                    return finish();
                 }
                 if (startsWith("<!--")) {
                     if (!skipPast("-->")) return false;
@@ -217,8 +239,7 @@ private:
                 } else if (startsWith("<?")) {
                     if (!skipPast("?>")) return false;
                 } else {
-                    node.children.emplace_back();
-                    if (!element(node.children.back(), depth + 1)) return false;
+                    if (!element(nextNode(node.children, children), depth + 1)) return false;
                 }
             } else if (c == '&') {
                 if (!reference(node.text)) return false;
