@@ -143,6 +143,13 @@ char* putDigits(char* p, unsigned value, int width) {
 }  // namespace
 
 // "YYYY-MM-DD hh:mm:ss.mmm", written out: a busy channel logs a line per event.
+static_assert(sizeof(SRWLOCK) == sizeof(void*), "a slim reader/writer lock is one pointer");
+
+LogLock::LogLock() noexcept { ::InitializeSRWLock(reinterpret_cast<PSRWLOCK>(&state_)); }
+LogLock::~LogLock() = default;
+void LogLock::lock() noexcept { ::AcquireSRWLockExclusive(reinterpret_cast<PSRWLOCK>(&state_)); }
+void LogLock::unlock() noexcept { ::ReleaseSRWLockExclusive(reinterpret_cast<PSRWLOCK>(&state_)); }
+
 void logLineStamp(char (&time)[24], unsigned long& threadId) {
     SYSTEMTIME st;
     ::GetLocalTime(&st);

@@ -39,6 +39,22 @@ private:
     uint64_t size_ = 0;
 };
 
+// The logger's lock: a slim reader/writer lock on Windows, which waits within
+// the process. (A std::mutex of the posix thread model waits on a kernel event
+// when contended, and every channel's thread logs.)
+class LogLock {
+public:
+    LogLock() noexcept;
+    ~LogLock();
+    LogLock(const LogLock&) = delete;
+    LogLock& operator=(const LogLock&) = delete;
+    void lock() noexcept;
+    void unlock() noexcept;
+
+private:
+    void* state_ = nullptr;  // the lock itself: one pointer, all zero when free
+};
+
 // "2026-11-21 21:50:52.783" in local time and the calling thread's id, the head
 // of a log line.
 void logLineStamp(char (&time)[24], unsigned long& threadId);

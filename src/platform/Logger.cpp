@@ -1,7 +1,9 @@
 #include "platform/Logger.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <mutex>
 #include <string_view>
 
 #include "platform/LogFile.h"
@@ -97,8 +99,6 @@ bool parseLoggerConfig(const std::string& text, const std::map<std::string, std:
 Logger::Logger() {
     // Until configured, lines go to standard error so early failures are seen.
     config_.alsoStderr = true;
-    line_.reserve(1024);
-    message_.reserve(1024);
 }
 
 Logger::~Logger() = default;
@@ -109,13 +109,13 @@ Logger& Logger::instance() {
 }
 
 void Logger::setLevel(LogLevel level) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<LogLock> lock(lock_);
     config_.level = level;
     threshold_.store(static_cast<int>(level));
 }
 
 LoggerConfig Logger::config() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<LogLock> lock(lock_);
     return config_;
 }
 
@@ -128,21 +128,21 @@ void Logger::openLocked() {
 }
 
 void Logger::apply(const LoggerConfig& config) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<LogLock> lock(lock_);
     config_ = config;
     threshold_.store(static_cast<int>(config.level));
     openLocked();
 }
 
 int Logger::addSink(Sink sink) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<LogLock> lock(lock_);
     int id = nextSinkId_++;
     sinks_[id] = std::move(sink);
     return id;
 }
 
 void Logger::removeSink(int id) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<LogLock> lock(lock_);
     sinks_.erase(id);
 }
 
@@ -153,49 +153,70 @@ void Logger::log(LogLevel level, const char* fmt, ...) {
     va_end(args);
 }
 
+namespace {
+
+// "<time> <level, padded to six> [<thread>] ", the head of a line, at `out`;
+// returns its length.
+size_t putLineHead(char* out, LogLevel level) {
+    char time[24];
+    unsigned long thread = 0;
+    logLineStamp(time, thread);
+    char* p = out;
+    for (const char* t = time; *t; ++t) *p++ = *t;
+    *p++ = ' ';
+    const std::string_view name = logLevelName(level);
+    p = std::copy(name.begin(), name.end(), p);
+    for (size_t i = name.size(); i < 6; ++i) *p++ = ' ';
+    *p++ = ' ';
+    *p++ = '[';
+    p = std::to_chars(p, p + 24, thread).ptr;
+    *p++ = ']';
+    *p++ = ' ';
+    return static_cast<size_t>(p - out);
+}
+
+}  // namespace
+
 void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
     if (!enabled(level)) return;
     // A line logged on an error path leaves the caller's GetLastError() as it was.
     LogErrorGuard keep;
-    std::lock_guard<std::mutex> lock(mutex_);
+    // The line is made before the lock is taken: threads logging at once wait
+    // only for each other's writes. Most lines fit the stack.
+    char stack[1024];
+    std::string longer;
+    const size_t head = putLineHead(stack, level);
     va_list copy;
     va_copy(copy, args);
-    message_.resize(message_.capacity() > 256 ? message_.capacity() : 256);
-    int n = vsnprintf(message_.data(), message_.size(), fmt, args);
-    if (n >= 0 && static_cast<size_t>(n) >= message_.size()) {
-        message_.resize(static_cast<size_t>(n) + 1);
-        vsnprintf(message_.data(), message_.size(), fmt, copy);
+    int n = vsnprintf(stack + head, sizeof stack - head, fmt, args);
+    if (n < 0) n = 0;
+    const size_t length = static_cast<size_t>(n);
+    char* line = stack;
+    if (length >= sizeof stack - head) {
+        longer.resize(head + length + 1);
+        std::copy(stack, stack + head, longer.data());
+        vsnprintf(longer.data() + head, length + 1, fmt, copy);
+        line = longer.data();
     }
     va_end(copy);
-    message_.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    // Unlocking and re-locking here would let another line in between; write()
-    // does the same work without the lock, so share the body.
-    char time[24];
-    unsigned long thread = 0;
-    logLineStamp(time, thread);
-    // "<time> <level, padded to six> [<thread>] <message>"
-    line_.assign(time);
-    line_ += ' ';
-    const std::string_view name = logLevelName(level);
-    line_ += name;
-    if (name.size() < 6) line_.append(6 - name.size(), ' ');
-    line_ += " [";
-    char digits[24];
-    line_.append(digits, std::to_chars(digits, digits + sizeof digits, thread).ptr);
-    line_ += "] ";
-    line_ += message_;
-    line_ += '\n';
+    line[head + length] = '\n';
+    const size_t size = head + length + 1;
+
+    std::lock_guard<LogLock> lock(lock_);
     if (file_ && file_->isOpen()) {
-        if (config_.maxFileBytes > 0 && file_->size() + line_.size() > config_.maxFileBytes && file_->size() > 0)
+        if (config_.maxFileBytes > 0 && file_->size() + size > config_.maxFileBytes && file_->size() > 0)
             file_->rotate(config_.backups);
-        file_->write(line_.data(), line_.size(), level >= LogLevel::Error);
+        file_->write(line, size, level >= LogLevel::Error);
     }
-    if (config_.alsoStderr) fwrite(line_.data(), 1, line_.size(), stderr);
-    for (auto& [id, sink] : sinks_) sink(level, message_);
+    if (config_.alsoStderr) fwrite(line, 1, size, stderr);
+    if (!sinks_.empty()) {
+        const std::string message(line + head, length);
+        for (auto& [id, sink] : sinks_) sink(level, message);
+    }
 }
 
 void Logger::flush() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<LogLock> lock(lock_);
     if (file_) file_->flush();
 }
 

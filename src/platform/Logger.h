@@ -9,9 +9,10 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "platform/LogFile.h"
 
 #if defined(__clang__)
 #define SKORVA_PRINTF(fmtIndex, firstArg) __attribute__((format(printf, fmtIndex, firstArg)))
@@ -22,8 +23,6 @@
 #endif
 
 namespace skorva {
-
-class LogFile;
 
 enum class LogLevel : int { Debug = 0, Info, Notice, Warn, Error, Crit, Alert, Fatal, Emerg };
 
@@ -78,14 +77,12 @@ private:
     void openLocked();
 
     static std::atomic<int> threshold_;
-    mutable std::mutex mutex_;
+    mutable LogLock lock_;
     LoggerConfig config_;
     std::unique_ptr<LogFile> file_;  // the operating system's side (LogFile.h)
     bool fileComplained_ = false;    // an unwritable log file is reported once
     std::map<int, Sink> sinks_;
     int nextSinkId_ = 1;
-    std::string line_;
-    std::string message_;
 };
 
 // Parses the text of a logger configuration file. Unknown keys are ignored.

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <mutex>
 #include <thread>
 
 #include "platform/LogFile.h"
@@ -22,6 +23,11 @@ bool LogFile::isOpen() const { return false; }
 void LogFile::write(const char*, size_t, bool) {}
 void LogFile::flush() {}
 void LogFile::rotate(unsigned) {}
+
+LogLock::LogLock() noexcept : state_(new std::mutex) {}
+LogLock::~LogLock() { delete static_cast<std::mutex*>(state_); }
+void LogLock::lock() noexcept { static_cast<std::mutex*>(state_)->lock(); }
+void LogLock::unlock() noexcept { static_cast<std::mutex*>(state_)->unlock(); }
 
 void logLineStamp(char (&time)[24], unsigned long& threadId) {
     const auto now = std::chrono::system_clock::now();
