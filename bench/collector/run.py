@@ -172,6 +172,7 @@ def scale(build, env, count, seed, workdir):
     one after the other, without and with writer threads."""
     for i, channel in enumerate(SCALE_CHANNELS[1:]):
         generate(build, workdir / "store", channel, count, seed + 1 + i)
+    os.sync()
     print(f"{'run':44} {'events':>8} {'events/s':>9} {'cpu s':>7} {'peak MiB':>9} {'ratio':>6}")
 
     def run(channels, threads, base=None):
@@ -220,6 +221,8 @@ def main():
         t = time.monotonic()
         generate(build, store, "Security", args.count, args.seed)
         print(f"generated {args.count} Security records in {time.monotonic() - t:.1f} s")
+        # The store's pages go to disk now, not in the middle of the first runs.
+        os.sync()
         if args.scale:
             return scale(build, env, args.count, args.seed, workdir)
         rows = []
