@@ -68,11 +68,13 @@ TEST(Logger, WritesWholeLinesWithTimestampLevelAndThread) {
     config.file = joinPath(joinPath(dir.path(), L"nested"), L"test.log");
     Logger::instance().apply(config);
 
+    // Payloads of 100 to 3100 bytes: lines longer than the logger's stack buffer too.
+    const auto payload = [](int t) { return std::string(100 + 1000 * static_cast<size_t>(t), 'p'); };
     const int threads = 4, perThread = 200;
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t)
-        workers.emplace_back([t] {
-            for (int i = 0; i < perThread; ++i) LOG_INFO("worker %d line %d %s", t, i, std::string(100, 'p').c_str());
+        workers.emplace_back([t, &payload] {
+            for (int i = 0; i < perThread; ++i) LOG_INFO("worker %d line %d %s", t, i, payload(t).c_str());
         });
     for (auto& w : workers) w.join();
     Logger::instance().apply(LoggerConfig{});  // closes the file
@@ -89,8 +91,9 @@ TEST(Logger, WritesWholeLinesWithTimestampLevelAndThread) {
         EXPECT_EQ(line[4], '-');
         EXPECT_EQ(line[19], '.');
         EXPECT_EQ(line.substr(23, 9), " INFO   [") << line;  // the level padded to six
-        EXPECT_NE(line.find("] worker "), std::string::npos) << line;
-        EXPECT_TRUE(endsWith(line, std::string(100, 'p'))) << line;
+        const size_t worker = line.find("] worker ");
+        ASSERT_NE(worker, std::string::npos) << line;
+        EXPECT_TRUE(endsWith(line, " " + payload(line[worker + 9] - '0'))) << line;
     }
 }
 
