@@ -230,9 +230,10 @@ const ParsedEvent& EventObj::parsed() const {
         for (auto& slot : cache->slots)
             if (slot.handle == handle && slot.parsed) return *slot.parsed;
         ParseCache::Slot& slot = cache->slots[cache->next++ % 4];
-        slot.handle = handle;
+        slot.handle = 0;  // until the parse is whole: one that threw is not found again
         if (!slot.parsed) slot.parsed = std::make_unique<ParsedEvent>();
         parseEvent(xml(), *slot.parsed);
+        slot.handle = handle;
         return *slot.parsed;
     }
     // No thread storage: the handle keeps its parse.
