@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "eventlog/EvtApi.h"
@@ -187,20 +188,41 @@ public:
         for (size_t i = 0; i < size_; ++i) slots_[i].reset();
         size_ = 0;
         texts_.clear();
+        if (lane_) lane_->clear();
     }
     // Closes every event and frees the records.
     void release() {
         clear();
         std::vector<EventRecord>().swap(slots_);
         texts_.release();
+        lane_.reset();
     }
     // Keeps `text` for as long as the batch holds its events.
     std::string_view keepText(std::string_view text) { return texts_.store(text); }
+
+    // A second batch that another thread fills at the same time with the
+    // events that follow this one's. Its texts stay in its own blocks, which
+    // belong to this batch until it is cleared.
+    EventBatch& lane() {
+        if (!lane_) lane_ = std::make_unique<EventBatch>();
+        return *lane_;
+    }
+    // The lane's events join the end of this batch, in their order.
+    void joinLane() {
+        if (!lane_) return;
+        for (size_t i = 0; i < lane_->size_; ++i) std::swap(emplace_back(), lane_->slots_[i]);
+        lane_->size_ = 0;
+    }
+    // Closes the lane's events: they are not kept.
+    void dropLane() {
+        if (lane_) lane_->clear();
+    }
 
 private:
     std::vector<EventRecord> slots_;
     size_t size_ = 0;
     TextArena texts_;
+    std::unique_ptr<EventBatch> lane_;
 };
 
 }  // namespace skorva

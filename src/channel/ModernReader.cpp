@@ -18,6 +18,7 @@
 #include "channel/ModernReader.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include "channel/ClassicFields.h"
@@ -54,18 +55,24 @@ uint64_t newestRecordId(const std::wstring& channel) {
 }  // namespace
 
 ModernReader::ModernReader(const std::string& channelName, const std::wstring& channelNameW,
-                           const ChannelSettings& settings, EventRenderer& renderer, SidTextTranslator& sids,
-                           AdObjectStep& adObjects, CheckpointPolicy& checkpoints)
+                           const ChannelSettings& settings, EventRenderer& renderer, const MessageFormatter& formatter,
+                           SidTextTranslator& sids, AdObjectStep& adObjects, CheckpointPolicy& checkpoints)
     : channelName_(channelName),
       channelNameW_(channelNameW),
       settings_(settings),
       renderer_(renderer),
+      formatter_(formatter),
       sids_(sids),
       adObjects_(adObjects),
-      checkpoints_(checkpoints) {}
+      checkpoints_(checkpoints),
+      laneFormatter_(channelName),
+      laneRenderer_(channelName, settings, laneFormatter_),
+      worker_(renderer),
+      laneWorker_(laneRenderer_) {}
 
 bool ModernReader::prepare(const char* fn) {
     renderer_.closeRenderContext();
+    laneRenderer_.closeRenderContext();
 
     notifyEvent_.reset(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
     if (!notifyEvent_) {
@@ -77,7 +84,7 @@ bool ModernReader::prepare(const char* fn) {
     const uint32_t configured =
         settings_.batchSize >= 1 && settings_.batchSize <= 1000 ? static_cast<uint32_t>(settings_.batchSize) : 1;
     batchSize_ = std::min(configured, batchLimit_);
-    eventSlots_.assign(batchSize_, nullptr);
+    eventSlots_.assign(static_cast<size_t>(passLimit() + 1) * batchSize_, nullptr);
     startFromNewest_ = settings_.startFrom == "newest";
     if (!positionLoaded_) loadPosition();
     return true;
@@ -111,7 +118,7 @@ bool ModernReader::open(const char* fn) {
                   channelName_.c_str(), ::GetLastError());
         return false;
     }
-    if (!renderer_.setRenderContext()) {
+    if (!renderer_.setRenderContext() || !laneRenderer_.setRenderContext()) {
         LOG_ERROR("%s: Init failed, unable to set render context for Windows Event Log channel'%s'.", fn,
                   channelName_.c_str());
         return false;
@@ -238,9 +245,10 @@ void ModernReader::uninit() {
     if (const DWORD error = closeEvtHandleNow(resultHandle_))
         LOG_WARN("Failed to close handle for channel '%s' errorcode = %x", channelName_.c_str(),
                  static_cast<unsigned>(error));
-    if (const DWORD error = renderer_.closeRenderContext())
-        LOG_WARN("Failed to close renderContext for channel '%s' errorcode = %x", channelName_.c_str(),
-                 static_cast<unsigned>(error));
+    for (EventRenderer* renderer : {&renderer_, &laneRenderer_})
+        if (const DWORD error = renderer->closeRenderContext())
+            LOG_WARN("Failed to close renderContext for channel '%s' errorcode = %x", channelName_.c_str(),
+                     static_cast<unsigned>(error));
     notifyEvent_.reset();
     initialized_ = false;
     subscribed_ = false;
@@ -252,74 +260,145 @@ void ModernReader::getEventsNew(EventBatch& records) {
     static const char* const fn = "WinEventLogChannel::getEventsNew";
     eventsPending_ = false;
     if (!initialized_) return;
-    // A deliberate bound on the work of one call: about 3000 events.
-    const uint32_t passLimit = (1001 / batchSize_) * 3;
-    records.reserve(records.size() + static_cast<size_t>(passLimit + 1) * batchSize_);
+    const uint32_t limit = passLimit();
+    records.reserve(records.size() + static_cast<size_t>(limit + 1) * batchSize_);
+    // Whatever no record took is closed, however this call ends: it would leak.
+    struct SlotCloser {
+        ModernReader& reader;
+        uint32_t fetched = 0;
+        ~SlotCloser() { reader.closeSlots(0, fetched); }
+    } slots{*this};
+    // The call's batches are fetched first and then rendered, so that the
+    // rendering can be shared between two threads.
     bool anyRead = false;
     for (uint32_t pass = 0;; ++pass) {
         DWORD returned = 0;
         // EvtNext waits only for a result set's own work: at the end of a query
         // or with nothing waiting on a subscription it reports no more items.
-        if (!evtApi().EvtNext(resultHandle_.get(), batchSize_, eventSlots_.data(), INFINITE, 0, &returned)) {
-            handleGetEventsError(anyRead, 0, returned);
-            return;
+        if (!evtApi().EvtNext(resultHandle_.get(), batchSize_, eventSlots_.data() + slots.fetched, INFINITE, 0,
+                              &returned)) {
+            handleGetEventsError(anyRead, slots.fetched, slots.fetched + returned);
+            break;
         }
         LOG_INFO("%s: read %d events", fn, static_cast<int>(returned));
         anyRead = true;
-        const BatchEnd end = readBatch(records, returned);
-        closeSlots(0, returned);  // those no record took
-        if (end == BatchEnd::Stop) return;
+        slots.fetched += std::min<uint32_t>(returned, batchSize_);
         // A short batch is not the end: the service caps a batch by size too.
         // Only "no more items" says that nothing waits.
-        if (pass == passLimit) {
+        if (pass == limit) {
             eventsPending_ = true;
-            return;
+            break;
         }
+    }
+    readEvents(records, slots.fetched);
+}
+
+struct ModernReader::LaneJob {
+    ModernReader* reader;
+    EventBatch* out;
+    uint32_t from;
+    uint32_t to;
+    bool sound = true;
+    bool threw = false;
+    std::string failure;  // what was thrown, passed on to the calling thread
+};
+
+DWORD WINAPI ModernReader::laneThread(void* param) {
+    LaneJob& job = *static_cast<LaneJob*>(param);
+    try {
+        job.sound = job.reader->readSpan(job.reader->laneWorker_, *job.out, job.from, job.to);
+    } catch (const std::exception& e) {
+        job.threw = true;
+        job.failure = e.what();
+    } catch (...) {
+        job.threw = true;
+        job.failure = "unknown error";
+    }
+    return 0;
+}
+
+void ModernReader::readEvents(EventBatch& records, uint32_t count) {
+    // Below this a second thread costs more than it saves. The newest-first
+    // query stays on the thread that made it, and the directory look-ups keep
+    // state of their own: both are rendered on one thread.
+    constexpr uint32_t kLaneMinimum = 256;
+    LaneJob job{this, &records.lane(), count, count, true, false, std::string()};
+    UniqueHandle lane;
+    if (count >= kLaneMinimum && !reversePhase_ && !settings_.resolveAdObj) {
+        laneFormatter_.setPreRendered(formatter_.preRendered());
+        job.from = count / 2;
+        lane.reset(::CreateThread(nullptr, 0, &laneThread, &job, 0, nullptr));
+        if (!lane) job.from = count;
+    }
+    // The lane's thread is waited for however this thread's part ends.
+    struct Join {
+        UniqueHandle& thread;
+        ~Join() {
+            if (thread) ::WaitForSingleObject(thread.get(), INFINITE);
+        }
+    } join{lane};
+    bool sound = readSpan(worker_, records, 0, job.from);
+    if (lane) {
+        ::WaitForSingleObject(lane.get(), INFINITE);
+        lane.reset();
+        if (job.threw) throw std::runtime_error(job.failure);
+        // Records after an event that could not be read are not kept: they are
+        // read again once the channel is opened after the last event sent.
+        if (sound)
+            records.joinLane();
+        else
+            records.dropLane();
+        sound = sound && job.sound;
+    }
+    if (!sound) {
+        eventsPending_ = false;
+        resetChannel();
     }
 }
 
-ModernReader::BatchEnd ModernReader::readBatch(EventBatch& records, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i)
-        if (!readEvent(records, i, count)) return BatchEnd::Stop;
-    return count < batchSize_ ? BatchEnd::Short : BatchEnd::Full;
+bool ModernReader::readSpan(Worker& worker, EventBatch& out, uint32_t from, uint32_t to) {
+    for (uint32_t i = from; i < to; ++i)
+        if (!readEvent(worker, out, i)) return false;
+    return true;
 }
 
-// False when the rest of this call is given up.
-bool ModernReader::readEvent(EventBatch& records, uint32_t index, uint32_t count) {
+// False when the result set went bad: the rest is read again after the re-open.
+bool ModernReader::readEvent(Worker& worker, EventBatch& out, uint32_t index) {
     // Rendered here, then handed to the batch as it goes out.
-    EventRecord& record = rendered_;
+    EventRecord& record = worker.rendered;
     record.reset();
     record.handle.reset(std::exchange(eventSlots_[index], nullptr));
+    EventRenderer& renderer = worker.renderer;
 
-    // A rendering error drops the event; 122 and 6 also end this call.
+    // A rendering error drops the event. An invalid handle also ends the
+    // reading: the channel is opened again. A buffer the service keeps asking
+    // more for is given back, and the events after it are read on: they were
+    // fetched already, and would be lost.
     const auto goesOnAfter = [&](DWORD error) {
         record.reset();
-        if (error == ERROR_INVALID_HANDLE) {
-            resetChannel(index, count);
-        } else if (error != ERROR_INSUFFICIENT_BUFFER) {
-            return true;
+        if (error == ERROR_INVALID_HANDLE) return false;
+        if (error == ERROR_INSUFFICIENT_BUFFER) {
+            std::vector<uint8_t>().swap(worker.values);
+            worker.valuesSize = 0;
         }
-        std::vector<uint8_t>().swap(values_);
-        valuesSize_ = 0;
-        return false;
+        return true;
     };
 
-    DWORD error = renderer_.renderEvent(record, values_, valuesSize_);
+    DWORD error = renderer.renderEvent(record, worker.values, worker.valuesSize);
     if (error) return goesOnAfter(error);
-    const auto* values = reinterpret_cast<const EVT_VARIANT*>(values_.data());
+    const auto* values = reinterpret_cast<const EVT_VARIANT*>(worker.values.data());
     if (!admitted(values, record)) {
         record.reset();
         return true;
     }
-    if (settings_.renderXml && (error = renderer_.renderEventAsXml(record)) != 0) return goesOnAfter(error);
+    if (settings_.renderXml && (error = renderer.renderEventAsXml(record)) != 0) return goesOnAfter(error);
 
-    error = renderer_.setEventProperties(values, record);
+    error = renderer.setEventProperties(values, record);
     if (error) {
         LOG_ERROR("Failed to set properties for event; EventRecordID=%llu channel=\"%s\" error=%lu",
                   static_cast<unsigned long long>(record.recordNumber), channelName_.c_str(), error);
         if (error == ERROR_INVALID_HANDLE) {
             record.reset();
-            resetChannel(index, count);
             return false;
         }
     }
@@ -331,7 +410,7 @@ bool ModernReader::readEvent(EventBatch& records, uint32_t index, uint32_t count
         translateSids(record);
     }
     if (!settings_.renderXml) addMessageField(record, settings_);
-    finishRecord(record, records, text_);
+    finishRecord(record, out, worker.text);
     return true;
 }
 
@@ -414,8 +493,7 @@ void ModernReader::logNoEvents(const char* fn, DWORD error) const {
               fn, channelName_.c_str(), static_cast<unsigned>(error), static_cast<long>(batchSize_));
 }
 
-void ModernReader::resetChannel(uint32_t index, uint32_t count) {
-    closeSlots(index + 1, count);
+void ModernReader::resetChannel() {
     LOG_INFO("%s: Setting the '%s' channel state to updated", "WinEventLogChannelBase::resetChannel",
              channelName_.c_str());
     channelState_ = false;

@@ -12,6 +12,7 @@
 #include "channel/ChannelReader.h"
 #include "channel/EventRecord.h"
 #include "channel/EventRenderer.h"
+#include "channel/MessageFormatter.h"
 #include "checkpoint/CheckpointPolicy.h"
 #include "config/ChannelSettings.h"
 #include "directory/SidTextTranslator.h"
@@ -23,8 +24,8 @@ namespace skorva {
 class ModernReader : public ChannelReader {
 public:
     ModernReader(const std::string& channelName, const std::wstring& channelNameW, const ChannelSettings& settings,
-                 EventRenderer& renderer, SidTextTranslator& sids, AdObjectStep& adObjects,
-                 CheckpointPolicy& checkpoints);
+                 EventRenderer& renderer, const MessageFormatter& formatter, SidTextTranslator& sids,
+                 AdObjectStep& adObjects, CheckpointPolicy& checkpoints);
     ModernReader(const ModernReader&) = delete;
     ModernReader& operator=(const ModernReader&) = delete;
 
@@ -40,8 +41,10 @@ public:
     void getEvents(EventBatch& records) override { getEventsNew(records); }
     bool queryEvtChannel(const std::wstring& name, bool forward, bool fromFile);
     bool subscribeToEvtChannel(const std::wstring& name);
+    // A deliberate bound on the work of one call: about 3000 events.
+    uint32_t passLimit() const { return (1001 / batchSize_) * 3; }
     bool handleGetEventsError(bool anyRead, uint32_t index, uint32_t count);
-    void resetChannel(uint32_t index, uint32_t count);
+    void resetChannel();
     void endReversePhase() override;
     void markWritten(EVT_HANDLE event, uint64_t recordNumber) override;
     void setReversePhase(bool on) {
@@ -61,11 +64,29 @@ public:
     bool reversePhaseOpen() const override { return startFromNewest_ && !checkpoints_.phaseDone(); }
     bool reverseComplete() const override { return reverseComplete_; }
     uint32_t batchSize() const override { return batchSize_; }
+    // Lets go of the publishers the second renderer has not used for a while (all with `force`).
+    void cleanMetadataHandleCache(bool force) { laneFormatter_.cleanMetadataHandleCache(force); }
 
 private:
-    enum class BatchEnd { Full, Short, Stop };
-    BatchEnd readBatch(EventBatch& records, uint32_t count);
-    bool readEvent(EventBatch& records, uint32_t index, uint32_t count);
+    // What turns fetched events into records; one per thread that does it.
+    struct Worker {
+        explicit Worker(EventRenderer& r) : renderer(r) {}
+        EventRenderer& renderer;
+        std::vector<uint8_t> values;  // rendered system values, reused
+        DWORD valuesSize = 0;
+        EventRecord rendered;         // the event being rendered, reused
+        std::string text;             // its text as it goes out, made here first
+    };
+    struct LaneJob;
+    static DWORD WINAPI laneThread(void* param);
+
+    // Turns the `count` fetched events into records, the second half on a
+    // thread of its own when there are enough of them.
+    void readEvents(EventBatch& records, uint32_t count);
+    // Events [from, to) into `out`; false when one showed the result set gone
+    // bad: the rest is not read.
+    bool readSpan(Worker& worker, EventBatch& out, uint32_t from, uint32_t to);
+    bool readEvent(Worker& worker, EventBatch& out, uint32_t index);
     // False when the event is dropped before it is rendered further.
     bool admitted(const EVT_VARIANT* values, EventRecord& record);
     void translateSids(EventRecord& record);
@@ -81,6 +102,7 @@ private:
     const std::wstring& channelNameW_;
     const ChannelSettings& settings_;
     EventRenderer& renderer_;
+    const MessageFormatter& formatter_;
     SidTextTranslator& sids_;
     AdObjectStep& adObjects_;
     CheckpointPolicy& checkpoints_;
@@ -96,11 +118,13 @@ private:
     bool startFromNewest_ = false;
     uint32_t batchSize_ = 1;
     uint32_t batchLimit_ = 1000;          // lowered while EvtNext refuses larger batches
-    std::vector<EVT_HANDLE> eventSlots_;  // EvtNext's array, one slot per batch entry
-    std::vector<uint8_t> values_;         // rendered system values, reused
-    DWORD valuesSize_ = 0;
-    EventRecord rendered_;                // the event being rendered, reused
-    std::string text_;                    // its text as it goes out, made here first
+    std::vector<EVT_HANDLE> eventSlots_;  // the events one call fetched, in order
+    // The second half of a call's events is rendered on another thread, with
+    // a renderer and formatter (and publisher handles) of its own.
+    MessageFormatter laneFormatter_;
+    EventRenderer laneRenderer_;
+    Worker worker_;
+    Worker laneWorker_;
 
     // The last event sent: every re-open resumes after it. Restored from the
     // checkpoint file at the first open, then kept by markWritten.

@@ -38,6 +38,11 @@ public:
     void uninit();
     // Appends the events read in this call (bounded, about 3000 at most).
     void getEventsNew(EventBatch& records) { active_->getEvents(records); }
+    // Also lets go of the reader's second set of publisher handles.
+    void cleanMetadataHandleCache(bool force) {
+        WinEventLogChannelBase::cleanMetadataHandleCache(force);
+        reader_.cleanMetadataHandleCache(force);
+    }
     bool initialized() const { return active_->initialized(); }
     // False once the result handle went bad ("updated"): the worker re-opens.
     bool channelState() const { return active_->channelState(); }
@@ -123,7 +128,8 @@ private:
     AdObjBlacklistMemo adObjBlacklistMemo_;
     AdObjectNames adNames_{settings_, adObjCache_, adObjBlacklistMemo_};
     AdObjectStep adObjects_{settings_, adNames_, adObjBlacklistMemo_};
-    ModernReader reader_{channelName_, channelNameW_, settings_, renderer_, sids_, adObjects_, checkpoints_};
+    ModernReader reader_{channelName_, channelNameW_, settings_, renderer_,
+                         formatter_,   sids_,         adObjects_, checkpoints_};
     LegacyReader legacy_{channelName_, channelNameW_, settings_, messageFiles_, sids_, checkpoints_};
     ChannelReader* active_ = &reader_;  // chosen by init()
 };

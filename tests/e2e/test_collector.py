@@ -327,13 +327,14 @@ def test_cleared_or_deleted_and_recreated_channel_is_read_on(change, made, store
     "EvtFormatMessage=15027,times=40",
 ])
 def test_injected_faults_lose_no_record(faults, store, start):
-    store.generate("Security", 120, seed=16)
+    # Enough records for one read to be rendered on two threads.
+    store.generate("Security", 600, seed=16)
     store.faults(faults)
     c = start(config(("WinEventLog://Security", {"batch_size": 10, "thread_wait_time_msec": 300})))
-    c.wait_events(120)
+    c.wait_events(600)
     code, stream = c.interrupt()
     assert code == 0
-    assert record_ids(stream) == list(range(1, 121))
+    assert record_ids(stream) == list(range(1, 601))
 
 
 def test_no_usable_stanza_ends_at_once_with_0(store, start):

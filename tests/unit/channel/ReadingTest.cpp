@@ -1,4 +1,6 @@
 // Opening a channel, reading it in bounded passes, and where reading resumes.
+#include <atomic>
+
 #include "ReaderFixture.h"
 #include "checkpoint/WELCheckPoint.h"
 #include "platform/Paths.h"
@@ -44,6 +46,86 @@ TEST_F(Reading, BatchesAreClampedAndOneCallIsBoundedByThePassLimit) {
         EXPECT_FALSE(ch.eventsPending());
         channel_.reset();
         installEvtsimApi();
+    }
+}
+
+// Fails one EvtRender call with an invalid handle: the K-th made on the
+// calling thread, or the first made on any other.
+struct RenderFault {
+    static DWORD& mainThread() {
+        static DWORD id = 0;
+        return id;
+    }
+    static int& failMainAt() {
+        static int n = 0;
+        return n;
+    }
+    static bool& failOther() {
+        static bool on = false;
+        return on;
+    }
+    static BOOL WINAPI call(EVT_HANDLE context, EVT_HANDLE event, DWORD flags, DWORD size, PVOID buffer, PDWORD used,
+                            PDWORD count) {
+        static std::atomic<int> mainCalls{0};
+        static std::atomic<bool> otherFailed{false};
+        if (!context && !event) {  // never asked: resets the counts
+            mainCalls = 0;
+            otherFailed = false;
+            return FALSE;
+        }
+        const bool onMain = ::GetCurrentThreadId() == mainThread();
+        if ((onMain && ++mainCalls == failMainAt()) || (!onMain && failOther() && !otherFailed.exchange(true))) {
+            ::SetLastError(ERROR_INVALID_HANDLE);
+            return FALSE;
+        }
+        return evtsim::EvtRender(context, event, flags, size, buffer, used, count);
+    }
+};
+
+// A long read is rendered on two threads: the records keep their order and
+// their own texts, and an event that fails on either thread ends the read
+// there; what follows is read again after the re-open, none lost or repeated.
+// (The first event may take two render calls: the first learns the size.)
+TEST_F(Reading, LongReadsAreSharedBetweenTwoThreadsWithoutLoss) {
+    constexpr size_t kEvents = 700;
+    struct {
+        const char* what;
+        int failMainAt;
+        bool failOther;
+        size_t firstMin, firstMax;  // records kept by the first call
+    } cases[] = {
+        {"no failure", 0, false, kEvents, kEvents},
+        {"calling thread", 100, false, 90, 99},  // the other thread's half is not kept
+        {"other thread", 0, true, kEvents / 2, kEvents / 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        fresh();
+        append(kEvents);
+        WinEventLogChannel& ch = open(settings(100));
+        RenderFault::mainThread() = ::GetCurrentThreadId();
+        RenderFault::failMainAt() = c.failMainAt;
+        RenderFault::failOther() = c.failOther;
+        RenderFault::call(nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr);
+        apiTable().evt.EvtRender = &RenderFault::call;
+        EventBatch records;
+        ch.getEventsNew(records);
+        installEvtsimApi();
+        std::vector<uint64_t> got;
+        for (const EventRecord& r : records) {
+            got.push_back(r.recordNumber);
+            EXPECT_EQ(fieldsOf(r.text)[L"RecordNumber"], std::to_wstring(r.recordNumber));
+        }
+        ASSERT_GE(got.size(), c.firstMin);
+        ASSERT_LE(got.size(), c.firstMax);
+        EXPECT_EQ(got, ids(1, got.size()));
+        EXPECT_EQ(ch.channelState(), got.size() == kEvents);
+        if (got.size() == kEvents) continue;
+        ch.markWritten(records.back().handle.get(), records.back().recordNumber);
+        records.clear();
+        ch.uninit();
+        ASSERT_TRUE(ch.init());
+        EXPECT_EQ(drain(ch), ids(got.size() + 1, kEvents));
     }
 }
 
