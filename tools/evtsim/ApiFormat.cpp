@@ -65,10 +65,46 @@ std::optional<uint64_t> systemNumber(const ParsedEvent& p, const char* element) 
 
 // The insert strings: the caller's values when given, else the event's data values
 // in order, typed by the publisher's template when there is one.
+// A call's inserts and texts, in buffers the calling thread reuses from call to
+// call: the service does not serialise its readers on one heap, and a stand-in
+// allocating a dozen times per message under Wine's single-lock heap would make
+// two threads formatting at once wait on each other.
 struct Inserts {
-    std::vector<std::string> owned;        // texts made for this call
+    std::vector<std::string> owned;        // texts made for this call: the first `used`
+    size_t used = 0;
     std::vector<std::string_view> values;  // one per insert, into `owned` or the event
+    std::vector<DataValue> bound;
+    std::string& next() {
+        if (used == owned.size()) owned.emplace_back();
+        std::string& text = owned[used++];
+        text.clear();
+        return text;
+    }
+    void clear() {
+        used = 0;
+        values.clear();
+    }
 };
+
+struct FormatScratch {
+    Inserts inserts;
+    std::string text;                      // the text of the last message or keyword list
+    std::vector<std::string_view> names;   // keyword names
+};
+
+void WINAPI freeFormatScratch(void* scratch) { delete static_cast<FormatScratch*>(scratch); }
+
+// Fiber-local, as the render scratch is (ApiRender.cpp); null without storage.
+FormatScratch* threadFormatScratch() {
+    static const DWORD index = ::FlsAlloc(&freeFormatScratch);
+    if (index == FLS_OUT_OF_INDEXES) return nullptr;
+    auto* scratch = static_cast<FormatScratch*>(::FlsGetValue(index));
+    if (!scratch) {
+        scratch = new FormatScratch;
+        ::FlsSetValue(index, scratch);
+    }
+    return scratch;
+}
 
 std::string variantText(const EVT_VARIANT& v) {
     char buf[32];
@@ -103,27 +139,25 @@ const std::vector<TemplateItem>* templateOf(const ProviderDef* def, const Parsed
 }
 
 void insertStrings(const ParsedEvent* p, const ProviderDef* def, DWORD count, const EVT_VARIANT* values, Inserts& out) {
+    out.clear();
     if (values && count) {
-        for (DWORD i = 0; i < count; ++i) out.owned.push_back(variantText(values[i]));
-        out.values.assign(out.owned.begin(), out.owned.end());
+        for (DWORD i = 0; i < count; ++i) out.next() = variantText(values[i]);
+        out.values.assign(out.owned.begin(), out.owned.begin() + static_cast<std::ptrdiff_t>(out.used));
         return;
     }
     if (!p) return;
-    std::vector<DataValue> bound;
-    bindTemplate(p->data, templateOf(def, *p), bound);
+    const std::vector<DataValue>& bound = out.bound;
+    bindTemplate(p->data, templateOf(def, *p), out.bound);
     // Strings are used in place; a typed value reads as the formatter writes it,
-    // an array as its elements joined by ", ".
-    out.owned.reserve(bound.size());
+    // an array as its elements joined by ", ". Views are taken once every text is made.
     for (const DataValue& v : bound) {
         if (v.type == EvtVarTypeString && !v.array) continue;
-        std::string text;
+        std::string& text = out.next();
         for (size_t i = 0; i < v.count; ++i) {
             if (i) text += ", ";
             text += insertText(v.type, p->data[v.first + i]->text);
         }
-        out.owned.push_back(std::move(text));
     }
-    out.values.reserve(bound.size());
     size_t next = 0;
     for (const DataValue& v : bound) {
         if (v.type == EvtVarTypeString && !v.array) out.values.emplace_back(p->data[v.first]->text);
@@ -196,18 +230,18 @@ Formatted textOf(const std::string& kept) {
 Formatted ownText(std::string text) { return {0, true, std::move(text), nullptr}; }
 Formatted failure(DWORD e) { return {e, false, {}, nullptr}; }
 
-Formatted keywordList(const std::vector<std::string>& names) {
-    Formatted f{0, true, {}, nullptr};
+Formatted keywordList(const std::vector<std::string_view>& names, std::string& text) {
+    text.clear();
     for (const auto& n : names) {
-        f.own += n;
-        f.own += '\0';
+        text += n;
+        text += '\0';
     }
-    return f;  // the terminator added on output ends the list
+    return textOf(text);  // the terminator added on output ends the list
 }
 
 // Formats from the publisher's resources.
 Formatted formatWithPublisher(const ProviderDef& def, const ParsedEvent* p, DWORD messageId, DWORD flags,
-                              const std::vector<std::string_view>& inserts);
+                              const std::vector<std::string_view>& inserts, FormatScratch& scratch);
 
 Formatted lookupName(const std::map<uint32_t, std::string>& names, std::optional<uint64_t> v, const char* (*standard)(uint64_t)) {
     if (!v) return failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND);
@@ -219,10 +253,11 @@ Formatted lookupName(const std::map<uint32_t, std::string>& names, std::optional
 }
 
 // The publisher's names of the bits set in `mask`, then the Winmeta names of the others.
-std::vector<std::string> keywordNames(const ProviderDef* def, uint64_t mask) {
+const std::vector<std::string_view>& keywordNames(const ProviderDef* def, uint64_t mask,
+                                                 std::vector<std::string_view>& names) {
     static const std::vector<std::pair<uint64_t, std::string>> none;
     const auto& own = def ? def->keywords : none;
-    std::vector<std::string> names;
+    names.clear();
     for (const auto& [bits, name] : own)
         if (bits && (mask & bits) == bits) names.push_back(name);
     for (const auto& [bits, name] : kStandardKeywords)
@@ -232,8 +267,9 @@ std::vector<std::string> keywordNames(const ProviderDef* def, uint64_t mask) {
 }
 
 std::string renderingInfoXml(const ProviderDef* def, const ParsedEvent& p, const std::vector<std::string_view>& inserts) {
+    FormatScratch scratch;  // not the caller's: its inserts are in use
     auto part = [&](DWORD flag) {
-        Formatted f = def ? formatWithPublisher(*def, &p, 0, flag, inserts) : failure(1);
+        Formatted f = def ? formatWithPublisher(*def, &p, 0, flag, inserts, scratch) : failure(1);
         return f.hasText ? std::string(f.text()) : std::string();
     };
     std::string out = "<RenderingInfo Culture='en-US'>";
@@ -247,7 +283,7 @@ std::string renderingInfoXml(const ProviderDef* def, const ParsedEvent& p, const
     }
     out += "<Keywords>";
     if (def)
-        for (const auto& k : keywordNames(def, systemNumber(p, "Keywords").value_or(0))) {
+        for (const auto& k : keywordNames(def, systemNumber(p, "Keywords").value_or(0), scratch.names)) {
             out += "<Keyword>";
             appendEscaped(out, k, false);
             out += "</Keyword>";
@@ -268,21 +304,22 @@ Formatted eventXml(const EventObj& ev, const ProviderDef* def, const std::vector
 }
 
 Formatted formatWithPublisher(const ProviderDef& def, const ParsedEvent* p, DWORD messageId, DWORD flags,
-                              const std::vector<std::string_view>& inserts) {
+                              const std::vector<std::string_view>& inserts, FormatScratch& scratch) {
     if (def.missingResources) return failure(def.missingResources);
     switch (flags) {
     case EvtFormatMessageEvent: {
         auto id = systemNumber(*p, "EventID");
         auto it = id ? def.events.find(static_cast<uint32_t>(*id)) : def.events.end();
         if (it == def.events.end()) return failure(ERROR_EVT_MESSAGE_NOT_FOUND);
-        Formatted f{0, true, {}, nullptr};
-        f.error = expand(it->second, inserts, &def, f.own);
+        Formatted f = textOf(scratch.text);
+        f.error = expand(it->second, inserts, &def, scratch.text);
         return f;
     }
     case EvtFormatMessageLevel: return lookupName(def.levels, systemNumber(*p, "Level"), standardLevel);
     case EvtFormatMessageTask: return lookupName(def.tasks, systemNumber(*p, "Task"), standardTask);
     case EvtFormatMessageOpcode: return lookupName(def.opcodes, systemNumber(*p, "Opcode"), standardOpcode);
-    case EvtFormatMessageKeyword: return keywordList(keywordNames(&def, systemNumber(*p, "Keywords").value_or(0)));
+    case EvtFormatMessageKeyword:
+        return keywordList(keywordNames(&def, systemNumber(*p, "Keywords").value_or(0), scratch.names), scratch.text);
     case EvtFormatMessageChannel: {
         const std::string* ch = systemText(*p, "Channel");
         auto it = ch ? def.channels.find(*ch) : def.channels.end();
@@ -293,8 +330,8 @@ Formatted formatWithPublisher(const ProviderDef& def, const ParsedEvent* p, DWOR
     case EvtFormatMessageId: {
         auto it = def.strings.find(messageId);
         if (it == def.strings.end()) return failure(ERROR_EVT_MESSAGE_ID_NOT_FOUND);
-        Formatted f{0, true, {}, nullptr};
-        f.error = expand(it->second, inserts, &def, f.own);
+        Formatted f = textOf(scratch.text);
+        f.error = expand(it->second, inserts, &def, scratch.text);
         return f;
     }
     default: return failure(ERROR_INVALID_PARAMETER);
@@ -303,16 +340,16 @@ Formatted formatWithPublisher(const ProviderDef& def, const ParsedEvent* p, DWOR
 
 // Formats without a publisher: from the texts a forwarded event carries with it
 // (RenderingInfo), else the names Winmeta.xml defines.
-Formatted formatWithoutPublisher(const ParsedEvent& p, DWORD flags) {
+Formatted formatWithoutPublisher(const ParsedEvent& p, DWORD flags, FormatScratch& scratch) {
     const XmlNode* ri = p.rendering;
     DWORD missing = flags == EvtFormatMessageEvent ? ERROR_EVT_MESSAGE_NOT_FOUND : ERROR_EVT_MESSAGE_ID_NOT_FOUND;
     if (flags == EvtFormatMessageKeyword) {
         if (const XmlNode* kws = ri ? ri->child("Keywords") : nullptr) {
-            std::vector<std::string> names;
-            for (const auto& k : kws->children) names.push_back(k.text);
-            return keywordList(names);
+            scratch.names.clear();
+            for (const auto& k : kws->children) scratch.names.emplace_back(k.text);
+            return keywordList(scratch.names, scratch.text);
         }
-        return keywordList(keywordNames(nullptr, systemNumber(p, "Keywords").value_or(0)));
+        return keywordList(keywordNames(nullptr, systemNumber(p, "Keywords").value_or(0), scratch.names), scratch.text);
     }
     static const char* names[] = {nullptr, "Message", "Level", "Task", "Opcode", nullptr, "Channel", "Provider"};
     if (const XmlNode* n = ri && flags < 8 && names[flags] ? ri->child(names[flags]) : nullptr) return textOf(n->text);
@@ -365,16 +402,20 @@ BOOL WINAPI EvtFormatMessage(EVT_HANDLE PublisherMetadata, EVT_HANDLE Event, DWO
     // Only messages take inserts; names of levels, tasks and the like do not, and
     // copying an event's data for each of them would dominate the call.
     const bool takesInserts = Flags == EvtFormatMessageEvent || Flags == EvtFormatMessageId || Flags == EvtFormatMessageXml;
-    Inserts inserts;
+    std::unique_ptr<FormatScratch> own;  // only when the thread has no storage for it
+    FormatScratch* scratch = threadFormatScratch();
+    if (!scratch) scratch = (own = std::make_unique<FormatScratch>()).get();
+    Inserts& inserts = scratch->inserts;
+    inserts.clear();
     if (takesInserts) insertStrings(p, def, ValueCount, Values, inserts);
     Formatted result;
     if (Flags == EvtFormatMessageXml) {
         if (def && def->missingResources) result = failure(def->missingResources);
         else result = eventXml(*ev, def, inserts.values);
     } else if (def) {
-        result = formatWithPublisher(*def, p, MessageId, Flags, inserts.values);
+        result = formatWithPublisher(*def, p, MessageId, Flags, inserts.values, *scratch);
     } else {
-        result = formatWithoutPublisher(*p, Flags);
+        result = formatWithoutPublisher(*p, Flags, *scratch);
     }
     if (!result.hasText) return failWith(result.error, FALSE);
     const std::string_view text = result.text();
