@@ -18,6 +18,7 @@
 #include "channel/ModernReader.h"
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
 #include <utility>
 
@@ -322,9 +323,21 @@ void ModernReader::readEvents(EventBatch& records, uint32_t count) {
     // query stays on the thread that made it, and the directory look-ups keep
     // state of their own: both are rendered on one thread.
     constexpr uint32_t kLaneMinimum = 256;
+    // A second thread only while a core is free for it: channels rendering at
+    // once already share the cores, and more threads only contend.
+    static const unsigned cores = [] {
+        SYSTEM_INFO info = {};
+        ::GetSystemInfo(&info);
+        return static_cast<unsigned>(info.dwNumberOfProcessors);
+    }();
+    static std::atomic<unsigned> rendering{0};
+    struct Rendering {
+        unsigned now = ++rendering;
+        ~Rendering() { --rendering; }
+    } busy;
     LaneJob job{this, &records.lane(), count, count, true, false, std::string()};
     UniqueHandle lane;
-    if (count >= kLaneMinimum && !reversePhase_ && !settings_.resolveAdObj) {
+    if (count >= kLaneMinimum && busy.now * 2 <= cores && !reversePhase_ && !settings_.resolveAdObj) {
         laneFormatter_.setPreRendered(formatter_.preRendered());
         job.from = count / 2;
         lane.reset(::CreateThread(nullptr, 0, &laneThread, &job, 0, nullptr));
