@@ -92,20 +92,6 @@ struct FormatScratch {
     std::vector<std::string_view> names;   // keyword names
 };
 
-void WINAPI freeFormatScratch(void* scratch) { delete static_cast<FormatScratch*>(scratch); }
-
-// Fiber-local, as the render scratch is (ApiRender.cpp); null without storage.
-FormatScratch* threadFormatScratch() {
-    static const DWORD index = ::FlsAlloc(&freeFormatScratch);
-    if (index == FLS_OUT_OF_INDEXES) return nullptr;
-    auto* scratch = static_cast<FormatScratch*>(::FlsGetValue(index));
-    if (!scratch) {
-        scratch = new FormatScratch;
-        ::FlsSetValue(index, scratch);
-    }
-    return scratch;
-}
-
 std::string variantText(const EVT_VARIANT& v) {
     char buf[32];
     switch (v.Type) {
@@ -403,7 +389,7 @@ BOOL WINAPI EvtFormatMessage(EVT_HANDLE PublisherMetadata, EVT_HANDLE Event, DWO
     // copying an event's data for each of them would dominate the call.
     const bool takesInserts = Flags == EvtFormatMessageEvent || Flags == EvtFormatMessageId || Flags == EvtFormatMessageXml;
     std::unique_ptr<FormatScratch> own;  // only when the thread has no storage for it
-    FormatScratch* scratch = threadFormatScratch();
+    FormatScratch* scratch = threadOwn<FormatScratch>();
     if (!scratch) scratch = (own = std::make_unique<FormatScratch>()).get();
     Inserts& inserts = scratch->inserts;
     inserts.clear();

@@ -420,27 +420,11 @@ BOOL finishRender(size_t need, DWORD bufferSize, PDWORD used) {
     return TRUE;
 }
 
-// The calling thread's reusable slots and data values. Kept in fiber-local
-// storage, whose callback frees them when the thread ends: a thread_local object
-// with a destructor is destroyed after its storage is gone by this toolchain's
-// runtime, which corrupts the heap of a process whose threads come and go.
+// The calling thread's reusable slots and data values (threadOwn).
 struct Scratch {
     std::vector<Slot> slots;
     std::vector<DataValue> values;
 };
-
-void WINAPI freeScratch(void* scratch) { delete static_cast<Scratch*>(scratch); }
-
-Scratch* threadScratch() {
-    static const DWORD index = ::FlsAlloc(&freeScratch);
-    if (index == FLS_OUT_OF_INDEXES) return nullptr;
-    auto* scratch = static_cast<Scratch*>(::FlsGetValue(index));
-    if (!scratch) {
-        scratch = new Scratch;
-        ::FlsSetValue(index, scratch);
-    }
-    return scratch;
-}
 
 // The event's data values as its provider's template for the event declares them:
 // the service renders data with their types (beats winlogbeat/sys/wineventlog/
@@ -485,7 +469,7 @@ bool renderSystemValues(const RenderContextObj& ctx, const EventObj& ev, std::ve
 }
 
 BOOL renderValues(RenderContextObj& ctx, EventObj& ev, DWORD bufferSize, PVOID buffer, PDWORD used, PDWORD count) {
-    Scratch* scratch = threadScratch();
+    Scratch* scratch = threadOwn<Scratch>();
     if (!scratch) return failWith(ERROR_OUTOFMEMORY, FALSE);
     if (ctx.allSystem && renderSystemValues(ctx, ev, scratch->slots)) {
         *count = static_cast<DWORD>(scratch->slots.size());

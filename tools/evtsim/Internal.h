@@ -17,6 +17,23 @@
 
 namespace evtsim {
 
+// The calling thread's own T, made on first use and freed when the thread ends;
+// null when no storage is left. Kept in fiber-local storage, whose callback
+// frees it: a thread_local object with a destructor is destroyed after its
+// storage is gone by this toolchain's runtime, which corrupts the heap of a
+// process whose threads come and go.
+template <class T>
+T* threadOwn() {
+    static const DWORD index = ::FlsAlloc([](void* p) { delete static_cast<T*>(p); });
+    if (index == FLS_OUT_OF_INDEXES) return nullptr;
+    auto* own = static_cast<T*>(::FlsGetValue(index));
+    if (!own) {
+        own = new T;
+        ::FlsSetValue(index, own);
+    }
+    return own;
+}
+
 enum class Kind : uint32_t { Query = 1, Subscription, Event, Bookmark, RenderContext, Publisher, ChannelEnum };
 
 struct QueryObj;

@@ -199,8 +199,7 @@ void parseEvent(std::string_view xml, ParsedEvent& into) {
 // binary form however long a reader holds its handle, so a handle keeps no parse
 // of its own: the calls made on one event in a row (its values, names, message)
 // find it here, and a reader holding thousands of handles holds no more memory
-// than their records. Kept in fiber-local storage (see threadSlots in
-// ApiRender.cpp for why not thread_local).
+// than their records (threadOwn).
 struct ParseCache {
     struct Slot {
         uintptr_t handle = 0;  // never used twice, so a closed event cannot be mistaken
@@ -210,23 +209,10 @@ struct ParseCache {
     unsigned next = 0;
 };
 
-void WINAPI freeParseCache(void* cache) { delete static_cast<ParseCache*>(cache); }
-
-ParseCache* threadParseCache() {
-    static const DWORD index = ::FlsAlloc(&freeParseCache);
-    if (index == FLS_OUT_OF_INDEXES) return nullptr;
-    auto* cache = static_cast<ParseCache*>(::FlsGetValue(index));
-    if (!cache) {
-        cache = new ParseCache;
-        ::FlsSetValue(index, cache);
-    }
-    return cache;
-}
-
 }  // namespace
 
 const ParsedEvent& EventObj::parsed() const {
-    if (ParseCache* cache = threadParseCache()) {
+    if (ParseCache* cache = threadOwn<ParseCache>()) {
         for (auto& slot : cache->slots)
             if (slot.handle == handle && slot.parsed) return *slot.parsed;
         ParseCache::Slot& slot = cache->slots[cache->next++ % 4];
