@@ -299,15 +299,16 @@ struct ModernReader::LaneJob {
     EventBatch* out;
     uint32_t from;
     uint32_t to;
-    bool sound = true;
-    bool threw = false;
+    bool holds;  // the records are held whole for this thread's directory step
+    bool sound;
+    bool threw;
     std::string failure;  // what was thrown, passed on to the calling thread
 };
 
 DWORD WINAPI ModernReader::laneThread(void* param) {
     LaneJob& job = *static_cast<LaneJob*>(param);
     try {
-        job.sound = job.reader->readSpan(job.reader->laneWorker_, *job.out, job.from, job.to);
+        job.sound = job.reader->readSpan(job.reader->laneWorker_, job.holds ? nullptr : job.out, job.from, job.to);
     } catch (const std::exception& e) {
         job.threw = true;
         job.failure = e.what();
@@ -320,8 +321,7 @@ DWORD WINAPI ModernReader::laneThread(void* param) {
 
 void ModernReader::readEvents(EventBatch& records, uint32_t count) {
     // Below this a second thread costs more than it saves. The newest-first
-    // query stays on the thread that made it, and the directory look-ups keep
-    // state of their own: both are rendered on one thread.
+    // query stays on the thread that made it.
     constexpr uint32_t kLaneMinimum = 256;
     // A second thread only while a core is free for it: channels rendering at
     // once already share the cores, and more threads only contend.
@@ -335,32 +335,44 @@ void ModernReader::readEvents(EventBatch& records, uint32_t count) {
         unsigned now = ++rendering;
         ~Rendering() { --rendering; }
     } busy;
-    LaneJob job{this, &records.lane(), count, count, true, false, std::string()};
+    // The directory look-ups and their caches are this thread's alone: with
+    // them on, the second thread renders and formats, and hands its records
+    // over whole for the directory step and the SIDs here. Not in XML: half a
+    // call's renderings held whole would take about 16 MB more.
+    const bool holds = settings_.resolveAdObj;
+    LaneJob job{this, &records.lane(), count, count, holds, true, false, std::string()};
     UniqueHandle lane;
-    if (count >= kLaneMinimum && busy.now * 2 <= cores && !reversePhase_ && !settings_.resolveAdObj) {
+    if (count >= kLaneMinimum && busy.now * 2 <= cores && !reversePhase_ && !(holds && settings_.renderXml)) {
         laneFormatter_.setPreRendered(formatter_.preRendered());
         job.from = count / 2;
         lane.reset(::CreateThread(nullptr, 0, &laneThread, &job, 0, nullptr));
         if (!lane) job.from = count;
     }
-    // The lane's thread is waited for however this thread's part ends.
+    // The lane's thread is waited for however this thread's part ends, and
+    // records it held and were not taken are closed.
     struct Join {
+        ModernReader& reader;
         UniqueHandle& thread;
         ~Join() {
             if (thread) ::WaitForSingleObject(thread.get(), INFINITE);
+            for (size_t i = 0; i < reader.heldCount_; ++i) reader.held_[i].reset();
+            reader.heldCount_ = 0;
         }
-    } join{lane};
-    bool sound = readSpan(worker_, records, 0, job.from);
+    } join{*this, lane};
+    bool sound = readSpan(worker_, &records, 0, job.from);
     if (lane) {
         ::WaitForSingleObject(lane.get(), INFINITE);
         lane.reset();
         if (job.threw) throw std::runtime_error(job.failure);
         // Records after an event that could not be read are not kept: they are
         // read again once the channel is opened after the last event sent.
-        if (sound)
-            records.joinLane();
-        else
+        if (!sound) {
             records.dropLane();
+        } else if (job.holds) {
+            for (size_t i = 0; i < heldCount_; ++i) finishEvent(held_[i], records, worker_.text);
+        } else {
+            records.joinLane();
+        }
         sound = sound && job.sound;
     }
     if (!sound) {
@@ -369,15 +381,26 @@ void ModernReader::readEvents(EventBatch& records, uint32_t count) {
     }
 }
 
-bool ModernReader::readSpan(Worker& worker, EventBatch& out, uint32_t from, uint32_t to) {
-    for (uint32_t i = from; i < to; ++i)
-        if (!readEvent(worker, out, i)) return false;
+bool ModernReader::readSpan(Worker& worker, EventBatch* out, uint32_t from, uint32_t to) {
+    for (uint32_t i = from; i < to; ++i) {
+        switch (renderEvent(worker, i)) {
+        case Rendered::Bad: return false;
+        case Rendered::Dropped: break;
+        case Rendered::Kept:
+            if (out) {
+                finishEvent(worker.rendered, *out, worker.text);
+            } else {
+                if (heldCount_ == held_.size()) held_.emplace_back();
+                std::swap(held_[heldCount_++], worker.rendered);
+            }
+            break;
+        }
+    }
     return true;
 }
 
-// False when the result set went bad: the rest is read again after the re-open.
-bool ModernReader::readEvent(Worker& worker, EventBatch& out, uint32_t index) {
-    // Rendered here, then handed to the batch as it goes out.
+// Bad when the result set went bad: the rest is read again after the re-open.
+ModernReader::Rendered ModernReader::renderEvent(Worker& worker, uint32_t index) {
     EventRecord& record = worker.rendered;
     record.reset();
     record.handle.reset(std::exchange(eventSlots_[index], nullptr));
@@ -389,12 +412,12 @@ bool ModernReader::readEvent(Worker& worker, EventBatch& out, uint32_t index) {
     // fetched already, and would be lost.
     const auto goesOnAfter = [&](DWORD error) {
         record.reset();
-        if (error == ERROR_INVALID_HANDLE) return false;
+        if (error == ERROR_INVALID_HANDLE) return Rendered::Bad;
         if (error == ERROR_INSUFFICIENT_BUFFER) {
             std::vector<uint8_t>().swap(worker.values);
             worker.valuesSize = 0;
         }
-        return true;
+        return Rendered::Dropped;
     };
 
     DWORD error = renderer.renderEvent(record, worker.values, worker.valuesSize);
@@ -402,7 +425,7 @@ bool ModernReader::readEvent(Worker& worker, EventBatch& out, uint32_t index) {
     const auto* values = reinterpret_cast<const EVT_VARIANT*>(worker.values.data());
     if (!admitted(values, record)) {
         record.reset();
-        return true;
+        return Rendered::Dropped;
     }
     if (settings_.renderXml && (error = renderer.renderEventAsXml(record)) != 0) return goesOnAfter(error);
 
@@ -412,19 +435,23 @@ bool ModernReader::readEvent(Worker& worker, EventBatch& out, uint32_t index) {
                   static_cast<unsigned long long>(record.recordNumber), channelName_.c_str(), error);
         if (error == ERROR_INVALID_HANDLE) {
             record.reset();
-            return false;
+            return Rendered::Bad;
         }
     }
+    return Rendered::Kept;
+}
+
+// The directory step and the SIDs, then the record goes to `out` as it is sent.
+void ModernReader::finishEvent(EventRecord& record, EventBatch& out, std::string& text) {
     if (settings_.resolveAdObj) {
         if (!adObjects_.apply(record)) {
             record.reset();
-            return true;
+            return;
         }
         translateSids(record);
     }
     if (!settings_.renderXml) addMessageField(record, settings_);
-    finishRecord(record, out, worker.text);
-    return true;
+    finishRecord(record, out, text);
 }
 
 // Records the newest-first reading sent already, and event codes the ranges

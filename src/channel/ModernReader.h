@@ -80,13 +80,17 @@ private:
     struct LaneJob;
     static DWORD WINAPI laneThread(void* param);
 
+    enum class Rendered { Kept, Dropped, Bad };
+
     // Turns the `count` fetched events into records, the second half on a
     // thread of its own when there are enough of them.
     void readEvents(EventBatch& records, uint32_t count);
-    // Events [from, to) into `out`; false when one showed the result set gone
-    // bad: the rest is not read.
-    bool readSpan(Worker& worker, EventBatch& out, uint32_t from, uint32_t to);
-    bool readEvent(Worker& worker, EventBatch& out, uint32_t index);
+    // Events [from, to) into `out` (held whole in held_ without one); false
+    // when one showed the result set gone bad: the rest is not read.
+    bool readSpan(Worker& worker, EventBatch* out, uint32_t from, uint32_t to);
+    // Renders and formats one event into worker.rendered.
+    Rendered renderEvent(Worker& worker, uint32_t index);
+    void finishEvent(EventRecord& record, EventBatch& out, std::string& text);
     // False when the event is dropped before it is rendered further.
     bool admitted(const EVT_VARIANT* values, EventRecord& record);
     void translateSids(EventRecord& record);
@@ -125,6 +129,10 @@ private:
     EventRenderer laneRenderer_;
     Worker worker_;
     Worker laneWorker_;
+    // What the second thread rendered, held whole when the directory step is
+    // left to the reader thread: the first heldCount_, storage kept.
+    std::vector<EventRecord> held_;
+    size_t heldCount_ = 0;
 
     // The last event sent: every re-open resumes after it. Restored from the
     // checkpoint file at the first open, then kept by markWritten.

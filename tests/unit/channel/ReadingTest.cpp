@@ -95,17 +95,23 @@ TEST_F(Reading, LongReadsAreSharedBetweenTwoThreadsWithoutLoss) {
         const char* what;
         int failMainAt;
         bool failOther;
+        bool directory;             // the other thread's records are held for the directory step
         size_t firstMin, firstMax;  // records kept by the first call
     } cases[] = {
-        {"no failure", 0, false, kEvents, kEvents},
-        {"calling thread", 100, false, 90, 99},  // the other thread's half is not kept
-        {"other thread", 0, true, kEvents / 2, kEvents / 2},
+        {"no failure", 0, false, false, kEvents, kEvents},
+        {"calling thread", 100, false, false, 90, 99},  // the other thread's half is not kept
+        {"other thread", 0, true, false, kEvents / 2, kEvents / 2},
+        {"directory, no failure", 0, false, true, kEvents, kEvents},
+        {"directory, calling thread", 100, false, true, 90, 99},
+        {"directory, other thread", 0, true, true, kEvents / 2, kEvents / 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         fresh();
         append(kEvents);
-        WinEventLogChannel& ch = open(settings(100));
+        ChannelSettings s = settings(100);
+        s.resolveAdObj = c.directory;
+        WinEventLogChannel& ch = open(s);
         RenderFault::mainThread() = ::GetCurrentThreadId();
         RenderFault::failMainAt() = c.failMainAt;
         RenderFault::failOther() = c.failOther;
