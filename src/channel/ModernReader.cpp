@@ -35,6 +35,17 @@ namespace {
 constexpr DWORD kMissingChannelPauseMs = 20000;  // a removed channel is not polled in a tight loop
 constexpr uint64_t kSlowTranslationMs = 10;
 
+class ExclusiveSrw {
+public:
+    explicit ExclusiveSrw(SRWLOCK& lock) : lock_(lock) { ::AcquireSRWLockExclusive(&lock_); }
+    ~ExclusiveSrw() { ::ReleaseSRWLockExclusive(&lock_); }
+    ExclusiveSrw(const ExclusiveSrw&) = delete;
+    ExclusiveSrw& operator=(const ExclusiveSrw&) = delete;
+
+private:
+    SRWLOCK& lock_;
+};
+
 // The record number of the channel's newest record; 0 when it has none or it
 // cannot be read.
 uint64_t newestRecordId(const std::wstring& channel) {
@@ -299,16 +310,20 @@ struct ModernReader::LaneJob {
     EventBatch* out;
     uint32_t from;
     uint32_t to;
-    bool holds;  // the records are held whole for this thread's directory step
+    bool holds;  // the records are handed over in chunks for this thread's directory step
     bool sound;
     bool threw;
     std::string failure;  // what was thrown, passed on to the calling thread
 };
 
-DWORD WINAPI ModernReader::laneThread(void* param) {
+void ModernReader::laneJob(void* param) noexcept {
     LaneJob& job = *static_cast<LaneJob*>(param);
+    ModernReader& reader = *job.reader;
     try {
-        job.sound = job.reader->readSpan(job.reader->laneWorker_, job.holds ? nullptr : job.out, job.from, job.to);
+        if (job.holds)
+            reader.renderOddChunks(job.to);
+        else
+            job.sound = reader.readSpan(reader.laneWorker_, job.out, nullptr, job.from, job.to);
     } catch (const std::exception& e) {
         job.threw = true;
         job.failure = e.what();
@@ -316,7 +331,78 @@ DWORD WINAPI ModernReader::laneThread(void* param) {
         job.threw = true;
         job.failure = "unknown error";
     }
-    return 0;
+    if (job.threw && job.holds) reader.handover_.abandon();
+}
+
+void ModernReader::Handover::reset() {
+    cancelled = false;
+    for (Chunk& chunk : chunks) {
+        for (size_t i = 0; i < chunk.count; ++i) chunk.records[i].reset();
+        chunk.count = 0;
+        chunk.ready = chunk.bad = false;
+    }
+}
+
+ModernReader::Handover::Chunk* ModernReader::Handover::fill(uint32_t index) {
+    Chunk& chunk = chunks[index % 2];
+    ExclusiveSrw lock(mutex);
+    while (chunk.ready && !cancelled) ::SleepConditionVariableSRW(&changed, &mutex, INFINITE, 0);
+    return cancelled ? nullptr : &chunk;
+}
+
+void ModernReader::Handover::publish(Chunk& chunk, bool bad) {
+    {
+        ExclusiveSrw lock(mutex);
+        chunk.ready = true;
+        chunk.bad = bad;
+    }
+    ::WakeAllConditionVariable(&changed);
+}
+
+ModernReader::Handover::Chunk& ModernReader::Handover::take(uint32_t index) {
+    Chunk& chunk = chunks[index % 2];
+    ExclusiveSrw lock(mutex);
+    while (!chunk.ready) ::SleepConditionVariableSRW(&changed, &mutex, INFINITE, 0);
+    return chunk;
+}
+
+void ModernReader::Handover::giveBack(Chunk& chunk) {
+    {
+        ExclusiveSrw lock(mutex);
+        chunk.count = 0;
+        chunk.ready = chunk.bad = false;
+    }
+    ::WakeAllConditionVariable(&changed);
+}
+
+void ModernReader::Handover::cancel() {
+    {
+        ExclusiveSrw lock(mutex);
+        cancelled = true;
+    }
+    ::WakeAllConditionVariable(&changed);
+}
+
+void ModernReader::Handover::abandon() {
+    {
+        ExclusiveSrw lock(mutex);
+        for (Chunk& chunk : chunks) chunk.ready = chunk.bad = true;
+    }
+    ::WakeAllConditionVariable(&changed);
+}
+
+// The second thread's part with the directory step on: every odd chunk,
+// rendered into one of two buffers the reader thread finishes and gives back.
+void ModernReader::renderOddChunks(uint32_t count) {
+    for (uint32_t n = 0;; ++n) {
+        const uint32_t from = (2 * n + 1) * kChunk;
+        if (from >= count) return;
+        Handover::Chunk* chunk = handover_.fill(n);
+        if (!chunk) return;
+        const bool sound = readSpan(laneWorker_, nullptr, chunk, from, std::min(from + kChunk, count));
+        handover_.publish(*chunk, !sound);
+        if (!sound) return;
+    }
 }
 
 void ModernReader::readEvents(EventBatch& records, uint32_t count) {
@@ -336,43 +422,61 @@ void ModernReader::readEvents(EventBatch& records, uint32_t count) {
         ~Rendering() { --rendering; }
     } busy;
     // The directory look-ups and their caches are this thread's alone: with
-    // them on, the second thread renders and formats, and hands its records
-    // over whole for the directory step and the SIDs here. Not in XML: half a
-    // call's renderings held whole would take about 16 MB more.
+    // them on, the second thread renders and formats chunks and hands them
+    // over whole for the directory step and the SIDs here. Without them it
+    // renders the second half into the batch's lane.
     const bool holds = settings_.resolveAdObj;
     LaneJob job{this, &records.lane(), count, count, holds, true, false, std::string()};
-    UniqueHandle lane;
-    if (count >= kLaneMinimum && busy.now * 2 <= cores && !reversePhase_ && !(holds && settings_.renderXml)) {
+    const bool shared = count >= kLaneMinimum && busy.now * 2 <= cores && !reversePhase_;
+    if (shared) {
         laneFormatter_.setPreRendered(formatter_.preRendered());
-        job.from = count / 2;
-        lane.reset(::CreateThread(nullptr, 0, &laneThread, &job, 0, nullptr));
-        if (!lane) job.from = count;
+        handover_.reset();
+        job.from = holds ? kChunk : count / 2;
+        if (!lane_.start(&laneJob, &job)) job.from = count;
     }
-    // The lane's thread is waited for however this thread's part ends, and
-    // records it held and were not taken are closed.
+    const bool laneRuns = job.from < count;
+    // The lane's job is stopped and waited for however this thread's part
+    // ends, and records it held and were not taken are closed.
     struct Join {
         ModernReader& reader;
-        UniqueHandle& thread;
         ~Join() {
-            if (thread) ::WaitForSingleObject(thread.get(), INFINITE);
-            for (size_t i = 0; i < reader.heldCount_; ++i) reader.held_[i].reset();
-            reader.heldCount_ = 0;
+            reader.handover_.cancel();
+            reader.lane_.wait();
+            reader.handover_.reset();
         }
-    } join{*this, lane};
-    bool sound = readSpan(worker_, &records, 0, job.from);
-    if (lane) {
-        ::WaitForSingleObject(lane.get(), INFINITE);
-        lane.reset();
+    } join{*this};
+    bool sound = true;
+    if (!laneRuns) {
+        sound = readSpan(worker_, &records, nullptr, 0, count);
+    } else if (holds) {
+        // Even chunks here, odd ones from the lane, finished in order.
+        for (uint32_t from = 0, n = 0; sound && from < count; from += kChunk, ++n) {
+            const uint32_t to = std::min(from + kChunk, count);
+            if (n % 2 == 0) {
+                sound = readSpan(worker_, &records, nullptr, from, to);
+                continue;
+            }
+            Handover::Chunk& chunk = handover_.take(n / 2);
+            if (job.threw) break;
+            for (size_t i = 0; i < chunk.count; ++i) finishEvent(chunk.records[i], records, worker_.text);
+            sound = !chunk.bad;
+            handover_.giveBack(chunk);
+        }
+        // Chunks after an event that could not be read are not kept: they
+        // are read again once the channel is opened after the last event sent.
+        handover_.cancel();
+        lane_.wait();
+        if (job.threw) throw std::runtime_error(job.failure);
+    } else {
+        sound = readSpan(worker_, &records, nullptr, 0, job.from);
+        lane_.wait();
         if (job.threw) throw std::runtime_error(job.failure);
         // Records after an event that could not be read are not kept: they are
         // read again once the channel is opened after the last event sent.
-        if (!sound) {
-            records.dropLane();
-        } else if (job.holds) {
-            for (size_t i = 0; i < heldCount_; ++i) finishEvent(held_[i], records, worker_.text);
-        } else {
+        if (sound)
             records.joinLane();
-        }
+        else
+            records.dropLane();
         sound = sound && job.sound;
     }
     if (!sound) {
@@ -381,7 +485,7 @@ void ModernReader::readEvents(EventBatch& records, uint32_t count) {
     }
 }
 
-bool ModernReader::readSpan(Worker& worker, EventBatch* out, uint32_t from, uint32_t to) {
+bool ModernReader::readSpan(Worker& worker, EventBatch* out, Handover::Chunk* held, uint32_t from, uint32_t to) {
     for (uint32_t i = from; i < to; ++i) {
         switch (renderEvent(worker, i)) {
         case Rendered::Bad: return false;
@@ -390,8 +494,8 @@ bool ModernReader::readSpan(Worker& worker, EventBatch* out, uint32_t from, uint
             if (out) {
                 finishEvent(worker.rendered, *out, worker.text);
             } else {
-                if (heldCount_ == held_.size()) held_.emplace_back();
-                std::swap(held_[heldCount_++], worker.rendered);
+                if (held->count == held->records.size()) held->records.emplace_back();
+                std::swap(held->records[held->count++], worker.rendered);
             }
             break;
         }

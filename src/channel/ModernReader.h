@@ -18,6 +18,7 @@
 #include "directory/SidTextTranslator.h"
 #include "eventlog/Bookmark.h"
 #include "platform/Handles.h"
+#include "platform/JobThread.h"
 
 namespace skorva {
 
@@ -78,16 +79,46 @@ private:
         std::string text;             // its text as it goes out, made here first
     };
     struct LaneJob;
-    static DWORD WINAPI laneThread(void* param);
+    static void laneJob(void* param) noexcept;
+
+    // With the directory step on, the second thread's records come over in
+    // chunks of kChunk events, through two buffers: a bound on what is held.
+    static constexpr uint32_t kChunk = 128;
+    struct Handover {
+        struct Chunk {
+            std::vector<EventRecord> records;  // the first `count`, storage kept
+            size_t count = 0;
+            bool ready = false;  // filled and not yet given back
+            bool bad = false;    // an event in it showed the result set gone bad
+        };
+        SRWLOCK mutex = SRWLOCK_INIT;
+        CONDITION_VARIABLE changed = CONDITION_VARIABLE_INIT;
+        Chunk chunks[2];
+        bool cancelled = false;
+
+        // The buffer for the second thread's n-th chunk once it is free; null
+        // once the reader thread no longer takes any.
+        Chunk* fill(uint32_t n);
+        void publish(Chunk& chunk, bool bad);
+        // The n-th chunk, once it is ready.
+        Chunk& take(uint32_t n);
+        void giveBack(Chunk& chunk);
+        void cancel();
+        // The second thread threw: nothing more comes.
+        void abandon();
+        // Closes the records still held; neither thread may use it meanwhile.
+        void reset();
+    };
+    void renderOddChunks(uint32_t count);
 
     enum class Rendered { Kept, Dropped, Bad };
 
-    // Turns the `count` fetched events into records, the second half on a
-    // thread of its own when there are enough of them.
+    // Turns the `count` fetched events into records, shared with a second
+    // thread when there are enough of them.
     void readEvents(EventBatch& records, uint32_t count);
-    // Events [from, to) into `out` (held whole in held_ without one); false
+    // Events [from, to) into `out`, or held whole in `held` without one; false
     // when one showed the result set gone bad: the rest is not read.
-    bool readSpan(Worker& worker, EventBatch* out, uint32_t from, uint32_t to);
+    bool readSpan(Worker& worker, EventBatch* out, Handover::Chunk* held, uint32_t from, uint32_t to);
     // Renders and formats one event into worker.rendered.
     Rendered renderEvent(Worker& worker, uint32_t index);
     void finishEvent(EventRecord& record, EventBatch& out, std::string& text);
@@ -129,10 +160,8 @@ private:
     EventRenderer laneRenderer_;
     Worker worker_;
     Worker laneWorker_;
-    // What the second thread rendered, held whole when the directory step is
-    // left to the reader thread: the first heldCount_, storage kept.
-    std::vector<EventRecord> held_;
-    size_t heldCount_ = 0;
+    Handover handover_;
+    JobThread lane_;  // the thread it is rendered on, kept from call to call
 
     // The last event sent: every re-open resumes after it. Restored from the
     // checkpoint file at the first open, then kept by markWritten.

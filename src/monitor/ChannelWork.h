@@ -6,10 +6,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 #include "channel/EventRecord.h"
 #include "modinput/EventStreamWriter.h"
 #include "platform/Handles.h"
+#include "platform/JobThread.h"
 
 namespace skorva {
 
@@ -38,8 +41,11 @@ struct ChannelWork {
     std::atomic<uint64_t> emptyMsg{0};
     uint64_t failingRecord = 0;  // the event that failed to be written last, and how often
     unsigned failures = 0;
-    // Reused by every pass: the batch being written and the one being read.
+    // Reused by every pass: the batch being written and the one being read,
+    // the thread batches are read on and the writer threads (use_threads).
     EventBatch batches[2];
+    JobThread reader;
+    std::vector<std::unique_ptr<JobThread>> writers;
 };
 
 // Per-thread output scratch: reused for every event the thread writes. Events

@@ -4,6 +4,7 @@
 // at most one batch.
 #include "monitor/PassPipeline.h"
 
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -22,6 +23,7 @@ const char kProcess[] = "WinEventMon::processLogChannel";
 struct ReaderJob {
     WinEventLogChannel* channel;
     EventBatch* batch;
+    DWORD exitCode;
 };
 
 // Non-zero when nothing could be read because the channel went bad. A failure
@@ -46,41 +48,38 @@ DWORD readBatch(ReaderJob& job) noexcept {
     return 1;
 }
 
-DWORD WINAPI readBatchThread(void* param) { return readBatch(*static_cast<ReaderJob*>(param)); }
+void readBatchJob(void* param) noexcept {
+    ReaderJob& job = *static_cast<ReaderJob*>(param);
+    job.exitCode = readBatch(job);
+}
 
-// Reads the batches of one pass: each on a thread of its own, so that the next
-// batch is read while the current one is written; or, for a query, on the
-// calling thread, which alone may use it.
+// Reads the batches of one pass: on the channel's reader thread, so that the
+// next batch is read while the current one is written; or, for a query, on
+// the calling thread, which alone may use it.
 class BatchReader {
 public:
-    BatchReader(WinEventLogChannel& channel, bool onCallingThread)
-        : job_{&channel, nullptr}, inline_(onCallingThread) {}
-    ~BatchReader() {
-        if (thread_) ::WaitForSingleObject(thread_.get(), INFINITE);
-    }
+    BatchReader(WinEventLogChannel& channel, JobThread& thread, bool onCallingThread)
+        : job_{&channel, nullptr, 1}, thread_(thread), inline_(onCallingThread) {}
+    ~BatchReader() { thread_.wait(); }
     BatchReader(const BatchReader&) = delete;
     BatchReader& operator=(const BatchReader&) = delete;
 
     bool start(EventBatch& batch) {
         job_.batch = &batch;
-        if (inline_) return true;
-        thread_.reset(::CreateThread(nullptr, 0, &readBatchThread, &job_, 0, nullptr));
-        return thread_.valid();
+        job_.exitCode = 1;
+        return inline_ || thread_.start(&readBatchJob, &job_);
     }
     // The exit code of the read started last.
     DWORD finish() {
         if (inline_) return readBatch(job_);
-        ::WaitForSingleObject(thread_.get(), INFINITE);
-        DWORD exitCode = 1;
-        ::GetExitCodeThread(thread_.get(), &exitCode);
-        thread_.reset();
-        return exitCode;
+        thread_.wait();
+        return job_.exitCode;
     }
 
 private:
     ReaderJob job_;
+    JobThread& thread_;
     bool inline_;
-    UniqueHandle thread_;
 };
 
 struct WriterSlice {
@@ -89,14 +88,13 @@ struct WriterSlice {
     EventRecord* first;
     size_t count;
     size_t written;  // events written before the first that failed
-    UniqueHandle thread;
+    JobThread* thread;
 };
 
-DWORD WINAPI writeSlice(void* param) {
+void writeSlice(void* param) noexcept {
     WriterSlice& slice = *static_cast<WriterSlice*>(param);
     OutputScratch scratch;
     slice.written = slice.pipeline->writeEvents(*slice.work, slice.first, slice.count, scratch);
-    return 0;
 }
 
 }  // namespace
@@ -158,7 +156,7 @@ void PassPipeline::run(ChannelWork& work) {
     }
     EventBatch* reading = &work.batches[0];
     EventBatch* current = &work.batches[1];
-    BatchReader reader(channel, channel.readingReverse());
+    BatchReader reader(channel, work.reader, channel.readingReverse());
     if (!reader.start(*reading)) {
         LOG_ERROR("%s: Could not create reading thread 0x%08x", fn, static_cast<unsigned>(::GetLastError()));
         return;
@@ -224,20 +222,17 @@ size_t PassPipeline::writeBatch(ChannelWork& work, EventBatch& batch, OutputScra
     const unsigned planned = writerThreadCount(size, work.channel->settings().threadCount, share);
     std::vector<WriterSlice> writers;
     writers.reserve(planned);  // no slice moves while its thread runs
-    std::vector<HANDLE> handles;
-    handles.reserve(planned);
+    while (work.writers.size() < planned) work.writers.push_back(std::make_unique<JobThread>());
     size_t taken = 0;
     for (unsigned i = 0; i < planned; ++i) {
         WriterSlice& slice =
-            writers.emplace_back(WriterSlice{this, &work, batch.data() + taken, share, 0, UniqueHandle()});
-        slice.thread.reset(::CreateThread(nullptr, 0, &writeSlice, &slice, 0, nullptr));
-        if (!slice.thread) {
+            writers.emplace_back(WriterSlice{this, &work, batch.data() + taken, share, 0, work.writers[i].get()});
+        if (!slice.thread->start(&writeSlice, &slice)) {
             LOG_ERROR("%s: Could not create writer thread(%d) total threads=%d 0x%08x", kProcess, static_cast<int>(i),
                       static_cast<int>(planned), static_cast<unsigned>(::GetLastError()));
             writers.pop_back();
             break;
         }
-        handles.push_back(slice.thread.get());
         taken += share;
     }
     size_t written = taken;
@@ -254,8 +249,7 @@ size_t PassPipeline::writeBatch(ChannelWork& work, EventBatch& batch, OutputScra
     } else {
         written += writeEvents(work, batch.data() + taken, size - taken, scratch);
     }
-    if (!handles.empty())
-        ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), TRUE, INFINITE);
+    for (WriterSlice& slice : writers) slice.thread->wait();
     size_t sliceStart = 0;
     for (const WriterSlice& slice : writers) {
         if (slice.written < slice.count) {
@@ -264,10 +258,7 @@ size_t PassPipeline::writeBatch(ChannelWork& work, EventBatch& batch, OutputScra
         }
         sliceStart += slice.count;
     }
-    for (WriterSlice& slice : writers) {
-        LOG_DEBUG("%s: closing thread handle", kProcess);
-        slice.thread.reset();
-    }
+    for (size_t i = 0; i < writers.size(); ++i) LOG_DEBUG("%s: closing thread handle", kProcess);
     return written;
 }
 

@@ -8,7 +8,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "Store.h"
@@ -182,7 +181,7 @@ struct EventObj : Object {
     std::shared_ptr<ChannelLog> log;
     Record record{};
     bool backward = false;
-    QueryObj* parent = nullptr;  // guarded by the handle registry's lock
+    const QueryObj* parent = nullptr;  // the result set it goes with
 
 private:
     mutable std::atomic<ParsedEvent*> parsed_{nullptr};
@@ -222,7 +221,6 @@ struct QueryObj : Object {
     // The records file as the signal watcher last saw it: the service signals a
     // subscription only for records written after it was made.
     uint64_t seenIncarnation = 0, seenGeneration = 0, seenBytes = 0;
-    std::unordered_set<uintptr_t> events;  // handed out and still open; guarded by the handle registry's lock
 };
 
 // Subscriptions whose signal the watcher keeps set while records are waiting.

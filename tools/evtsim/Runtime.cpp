@@ -16,17 +16,25 @@ namespace {
 
 // Handle values are never used twice, so a handle closed by mistake twice (or
 // one that went with its result set) can never reach another object.
-// Every call looks its handle up: look-ups share the lock.
-struct Registry {
+// Every call looks its handle up. The handles are spread over shards, each
+// with its own lock, so that threads working on different events of one
+// result set do not meet on one lock: the service's handle table does not
+// serialise its callers either.
+struct alignas(64) Shard {
     SRWLOCK lock = SRWLOCK_INIT;
     std::unordered_map<uintptr_t, Object*> live;
-    uintptr_t next = 0x10000;
+};
 
-    EVT_HANDLE add(Object* obj) {
-        next += 4;
-        obj->handle = next;
-        live.emplace(next, obj);
-        return reinterpret_cast<EVT_HANDLE>(next);
+struct Registry {
+    static constexpr size_t kShards = 64;
+    Shard shards[kShards];
+    std::atomic<uintptr_t> next{0x10000};
+
+    Shard& shardOf(uintptr_t handle) { return shards[(handle >> 2) % kShards]; }
+    // A new handle for `obj`, in the registry once the shard's lock is taken.
+    uintptr_t assign(Object* obj) {
+        obj->handle = next.fetch_add(4, std::memory_order_relaxed) + 4;
+        return obj->handle;
     }
 };
 
@@ -83,61 +91,68 @@ void startStatsOnce() {
 EVT_HANDLE registerObject(std::unique_ptr<Object> obj) {
     startStatsOnce();
     Registry& r = registry();
-    ExclusiveLock lock(r.lock);
-    return r.add(obj.release());
+    const uintptr_t h = r.assign(obj.get());
+    Shard& shard = r.shardOf(h);
+    ExclusiveLock lock(shard.lock);
+    shard.live.emplace(h, obj.release());
+    return reinterpret_cast<EVT_HANDLE>(h);
 }
 
 Object* lookupObject(EVT_HANDLE h) {
     if (!h) return nullptr;
-    Registry& r = registry();
-    SharedLock lock(r.lock);
-    auto it = r.live.find(reinterpret_cast<uintptr_t>(h));
-    return it == r.live.end() ? nullptr : it->second;
+    Shard& shard = registry().shardOf(reinterpret_cast<uintptr_t>(h));
+    SharedLock lock(shard.lock);
+    auto it = shard.live.find(reinterpret_cast<uintptr_t>(h));
+    return it == shard.live.end() ? nullptr : it->second;
 }
 
 EVT_HANDLE registerEvent(QueryObj& parent, std::unique_ptr<Object> event) {
-    Registry& r = registry();
-    ExclusiveLock lock(r.lock);
-    auto* raw = static_cast<EventObj*>(event.release());
-    raw->parent = &parent;
-    const EVT_HANDLE h = r.add(raw);
-    parent.events.insert(raw->handle);
-    return h;
+    static_cast<EventObj*>(event.get())->parent = &parent;
+    return registerObject(std::move(event));
 }
 
 DWORD closeObject(EVT_HANDLE h) {
     if (!h) return ERROR_INVALID_HANDLE;
-    std::vector<Object*> doomed;
+    Registry& r = registry();
+    const auto handle = reinterpret_cast<uintptr_t>(h);
+    Object* obj = nullptr;
     {
-        Registry& r = registry();
-        ExclusiveLock lock(r.lock);
-        auto it = r.live.find(reinterpret_cast<uintptr_t>(h));
-        if (it == r.live.end()) return ERROR_INVALID_HANDLE;
-        Object* obj = it->second;
-        if (obj->kind == Kind::Query || obj->kind == Kind::Subscription) {
-            auto* q = static_cast<QueryObj*>(obj);
-            if (!q->subscription() && q->ownerThread != GetCurrentThreadId()) return ERROR_INVALID_THREAD_ID;
-            // The events it returned go with it.
-            for (uintptr_t e : q->events) {
-                auto child = r.live.find(e);
-                doomed.push_back(child->second);
-                r.live.erase(child);
+        Shard& shard = r.shardOf(handle);
+        ExclusiveLock lock(shard.lock);
+        auto it = shard.live.find(handle);
+        if (it == shard.live.end()) return ERROR_INVALID_HANDLE;
+        obj = it->second;
+        if (obj->kind == Kind::Query && static_cast<QueryObj*>(obj)->ownerThread != GetCurrentThreadId())
+            return ERROR_INVALID_THREAD_ID;
+        shard.live.erase(it);
+    }
+    std::vector<Object*> doomed{obj};
+    if (obj->kind == Kind::Query || obj->kind == Kind::Subscription) {
+        // The events it returned go with it. Rare enough to look through them all.
+        for (Shard& shard : r.shards) {
+            ExclusiveLock lock(shard.lock);
+            for (auto it = shard.live.begin(); it != shard.live.end();) {
+                Object* child = it->second;
+                if (child->kind == Kind::Event && static_cast<EventObj*>(child)->parent == obj) {
+                    doomed.push_back(child);
+                    it = shard.live.erase(it);
+                } else {
+                    ++it;
+                }
             }
-            q->events.clear();
-        } else if (obj->kind == Kind::Event) {
-            if (QueryObj* parent = static_cast<EventObj*>(obj)->parent) parent->events.erase(obj->handle);
         }
-        r.live.erase(it);
-        doomed.push_back(obj);
     }
     for (Object* o : doomed) delete o;
     return 0;
 }
 
 size_t openHandleCount() {
-    Registry& r = registry();
-    SharedLock lock(r.lock);
-    return r.live.size();
+    size_t n = 0;
+    for (Shard& shard : registry().shards) {
+        SharedLock lock(shard.lock);
+        n += shard.live.size();
+    }
+    return n;
 }
 
 void setStoreRoot(const std::wstring& root) {

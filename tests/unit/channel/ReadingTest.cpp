@@ -50,42 +50,39 @@ TEST_F(Reading, BatchesAreClampedAndOneCallIsBoundedByThePassLimit) {
 }
 
 // Fails one EvtRender call with an invalid handle: the K-th made on the
-// calling thread, or the first made on any other.
+// calling thread, or the K-th made on any other.
 struct RenderFault {
-    static DWORD& mainThread() {
-        static DWORD id = 0;
-        return id;
-    }
-    static int& failMainAt() {
-        static int n = 0;
-        return n;
-    }
-    static bool& failOther() {
-        static bool on = false;
-        return on;
+    static DWORD mainThread;
+    static int failMainAt, failOtherAt;
+    static void arm(int mainAt, int otherAt) {
+        mainThread = ::GetCurrentThreadId();
+        failMainAt = mainAt;
+        failOtherAt = otherAt;
+        mainCalls = otherCalls = 0;
     }
     static BOOL WINAPI call(EVT_HANDLE context, EVT_HANDLE event, DWORD flags, DWORD size, PVOID buffer, PDWORD used,
                             PDWORD count) {
-        static std::atomic<int> mainCalls{0};
-        static std::atomic<bool> otherFailed{false};
-        if (!context && !event) {  // never asked: resets the counts
-            mainCalls = 0;
-            otherFailed = false;
-            return FALSE;
-        }
-        const bool onMain = ::GetCurrentThreadId() == mainThread();
-        if ((onMain && ++mainCalls == failMainAt()) || (!onMain && failOther() && !otherFailed.exchange(true))) {
+        const bool onMain = ::GetCurrentThreadId() == mainThread;
+        if (onMain ? ++mainCalls == failMainAt : ++otherCalls == failOtherAt) {
             ::SetLastError(ERROR_INVALID_HANDLE);
             return FALSE;
         }
         return evtsim::EvtRender(context, event, flags, size, buffer, used, count);
     }
+    static std::atomic<int> mainCalls, otherCalls;
 };
+DWORD RenderFault::mainThread = 0;
+int RenderFault::failMainAt = 0;
+int RenderFault::failOtherAt = 0;
+std::atomic<int> RenderFault::mainCalls{0};
+std::atomic<int> RenderFault::otherCalls{0};
 
 // A long read is rendered on two threads: the records keep their order and
 // their own texts, and an event that fails on either thread ends the read
 // there; what follows is read again after the re-open, none lost or repeated.
-// (The first event may take two render calls: the first learns the size.)
+// (The first event on a thread may take two render calls: the first learns
+// the size.) With the directory step on, the other thread renders every
+// second chunk of 128 events.
 TEST_F(Reading, LongReadsAreSharedBetweenTwoThreadsWithoutLoss) {
     SYSTEM_INFO info = {};
     ::GetSystemInfo(&info);
@@ -93,17 +90,20 @@ TEST_F(Reading, LongReadsAreSharedBetweenTwoThreadsWithoutLoss) {
     constexpr size_t kEvents = 700;
     struct {
         const char* what;
-        int failMainAt;
-        bool failOther;
-        bool directory;             // the other thread's records are held for the directory step
-        size_t firstMin, firstMax;  // records kept by the first call
+        bool xml;
+        bool directory;
+        int failMainAt, failOtherAt;  // render calls
+        size_t firstMin, firstMax;    // records kept by the first call
     } cases[] = {
-        {"no failure", 0, false, false, kEvents, kEvents},
-        {"calling thread", 100, false, false, 90, 99},  // the other thread's half is not kept
-        {"other thread", 0, true, false, kEvents / 2, kEvents / 2},
-        {"directory, no failure", 0, false, true, kEvents, kEvents},
-        {"directory, calling thread", 100, false, true, 90, 99},
-        {"directory, other thread", 0, true, true, kEvents / 2, kEvents / 2},
+        {"no failure", false, false, 0, 0, kEvents, kEvents},
+        {"calling thread", false, false, 100, 0, 90, 99},  // the other thread's half is not kept
+        {"other thread", false, false, 0, 200, 545, 549},  // its half begins at 351
+        {"directory, no failure", false, true, 0, 0, kEvents, kEvents},
+        {"directory, calling thread", false, true, 100, 0, 90, 99},
+        {"directory, other thread's first chunk", false, true, 0, 1, 128, 128},
+        {"directory, other thread's second chunk", false, true, 0, 200, 450, 455},  // it begins at 385
+        {"XML, directory, no failure", true, true, 0, 0, kEvents, kEvents},
+        {"XML, directory, other thread", true, true, 0, 1, 128, 128},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -111,11 +111,9 @@ TEST_F(Reading, LongReadsAreSharedBetweenTwoThreadsWithoutLoss) {
         append(kEvents);
         ChannelSettings s = settings(100);
         s.resolveAdObj = c.directory;
+        s.renderXml = c.xml;
         WinEventLogChannel& ch = open(s);
-        RenderFault::mainThread() = ::GetCurrentThreadId();
-        RenderFault::failMainAt() = c.failMainAt;
-        RenderFault::failOther() = c.failOther;
-        RenderFault::call(nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr);
+        RenderFault::arm(c.failMainAt, c.failOtherAt);
         apiTable().evt.EvtRender = &RenderFault::call;
         EventBatch records;
         ch.getEventsNew(records);
@@ -123,7 +121,11 @@ TEST_F(Reading, LongReadsAreSharedBetweenTwoThreadsWithoutLoss) {
         std::vector<uint64_t> got;
         for (const EventRecord& r : records) {
             got.push_back(r.recordNumber);
-            EXPECT_EQ(fieldsOf(r.text)[L"RecordNumber"], std::to_wstring(r.recordNumber));
+            const std::string id = std::to_string(r.recordNumber);
+            if (c.xml)
+                EXPECT_NE(r.text.find("<EventRecordID>" + id + "</EventRecordID>"), std::string::npos) << r.text;
+            else
+                EXPECT_EQ(fieldsOf(r.text)[L"RecordNumber"], std::wstring(id.begin(), id.end()));
         }
         ASSERT_GE(got.size(), c.firstMin);
         ASSERT_LE(got.size(), c.firstMax);
