@@ -65,6 +65,11 @@ void setSliceBytes(size_t bytes) { g_sliceBytes.store(bytes); }
 
 SliceData::SliceData(size_t size) : bytes(PageAllocator<char>().allocate(size)), capacity(size) {
     g_residentBytes += capacity;
+    // Written once before ReadFile fills it. Under Wine, ReadFile into pages
+    // never touched was seen (perf, kernel stacks) to fault on each twice: the
+    // shared zero page is mapped, then copied on a write, and every copy
+    // flushes the page from the other cores running the process.
+    for (size_t at = 0; at < capacity; at += 4096) bytes[at] = 0;
 }
 
 SliceData::~SliceData() {
