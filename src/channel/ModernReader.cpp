@@ -35,17 +35,6 @@ namespace {
 constexpr DWORD kMissingChannelPauseMs = 20000;  // a removed channel is not polled in a tight loop
 constexpr uint64_t kSlowTranslationMs = 10;
 
-class ExclusiveSrw {
-public:
-    explicit ExclusiveSrw(SRWLOCK& lock) : lock_(lock) { ::AcquireSRWLockExclusive(&lock_); }
-    ~ExclusiveSrw() { ::ReleaseSRWLockExclusive(&lock_); }
-    ExclusiveSrw(const ExclusiveSrw&) = delete;
-    ExclusiveSrw& operator=(const ExclusiveSrw&) = delete;
-
-private:
-    SRWLOCK& lock_;
-};
-
 // The record number of the channel's newest record; 0 when it has none or it
 // cannot be read.
 uint64_t newestRecordId(const std::wstring& channel) {
@@ -321,7 +310,7 @@ void ModernReader::laneJob(void* param) noexcept {
     ModernReader& reader = *job.reader;
     try {
         if (job.holds)
-            reader.renderOddChunks(job.to);
+            reader.renderClaimedChunks(job.to);
         else
             job.sound = reader.readSpan(reader.laneWorker_, job.out, nullptr, job.from, job.to);
     } catch (const std::exception& e) {
@@ -334,75 +323,19 @@ void ModernReader::laneJob(void* param) noexcept {
     if (job.threw && job.holds) reader.handover_.abandon();
 }
 
-void ModernReader::Handover::reset() {
-    cancelled = false;
-    for (Chunk& chunk : chunks) {
-        for (size_t i = 0; i < chunk.count; ++i) chunk.records[i].reset();
-        chunk.count = 0;
-        chunk.ready = chunk.bad = false;
-    }
+// The second thread's part with the directory step on: the chunks it claims,
+// for the reader thread to finish.
+void ModernReader::renderClaimedChunks(uint32_t count) {
+    while (ChunkHandover::Chunk* chunk = handover_.claim())
+        if (!renderChunk(laneWorker_, *chunk, count)) return;
 }
 
-ModernReader::Handover::Chunk* ModernReader::Handover::fill(uint32_t index) {
-    Chunk& chunk = chunks[index % 2];
-    ExclusiveSrw lock(mutex);
-    while (chunk.ready && !cancelled) ::SleepConditionVariableSRW(&changed, &mutex, INFINITE, 0);
-    return cancelled ? nullptr : &chunk;
-}
-
-void ModernReader::Handover::publish(Chunk& chunk, bool bad) {
-    {
-        ExclusiveSrw lock(mutex);
-        chunk.ready = true;
-        chunk.bad = bad;
-    }
-    ::WakeAllConditionVariable(&changed);
-}
-
-ModernReader::Handover::Chunk& ModernReader::Handover::take(uint32_t index) {
-    Chunk& chunk = chunks[index % 2];
-    ExclusiveSrw lock(mutex);
-    while (!chunk.ready) ::SleepConditionVariableSRW(&changed, &mutex, INFINITE, 0);
-    return chunk;
-}
-
-void ModernReader::Handover::giveBack(Chunk& chunk) {
-    {
-        ExclusiveSrw lock(mutex);
-        chunk.count = 0;
-        chunk.ready = chunk.bad = false;
-    }
-    ::WakeAllConditionVariable(&changed);
-}
-
-void ModernReader::Handover::cancel() {
-    {
-        ExclusiveSrw lock(mutex);
-        cancelled = true;
-    }
-    ::WakeAllConditionVariable(&changed);
-}
-
-void ModernReader::Handover::abandon() {
-    {
-        ExclusiveSrw lock(mutex);
-        for (Chunk& chunk : chunks) chunk.ready = chunk.bad = true;
-    }
-    ::WakeAllConditionVariable(&changed);
-}
-
-// The second thread's part with the directory step on: every odd chunk,
-// rendered into one of two buffers the reader thread finishes and gives back.
-void ModernReader::renderOddChunks(uint32_t count) {
-    for (uint32_t n = 0;; ++n) {
-        const uint32_t from = (2 * n + 1) * kChunk;
-        if (from >= count) return;
-        Handover::Chunk* chunk = handover_.fill(n);
-        if (!chunk) return;
-        const bool sound = readSpan(laneWorker_, nullptr, chunk, from, std::min(from + kChunk, count));
-        handover_.publish(*chunk, !sound);
-        if (!sound) return;
-    }
+// A claimed chunk into its buffer, published; false when it went bad.
+bool ModernReader::renderChunk(Worker& worker, ChunkHandover::Chunk& chunk, uint32_t count) {
+    const uint32_t from = chunk.from();
+    const bool sound = readSpan(worker, nullptr, &chunk, from, std::min(from + ChunkHandover::kChunk, count));
+    handover_.publish(chunk, !sound);
+    return sound;
 }
 
 void ModernReader::readEvents(EventBatch& records, uint32_t count) {
@@ -426,15 +359,13 @@ void ModernReader::readEvents(EventBatch& records, uint32_t count) {
     // over whole for the directory step and the SIDs here. Without them it
     // renders the second half into the batch's lane.
     const bool holds = settings_.resolveAdObj;
-    LaneJob job{this, &records.lane(), count, count, holds, true, false, std::string()};
+    LaneJob job{this, &records.lane(), count / 2, count, holds, true, false, std::string()};
     const bool shared = count >= kLaneMinimum && busy.now * 2 <= cores && !reversePhase_;
     if (shared) {
         laneFormatter_.setPreRendered(formatter_.preRendered());
-        handover_.reset();
-        job.from = holds ? kChunk : count / 2;
-        if (!lane_.start(&laneJob, &job)) job.from = count;
+        handover_.begin(count);
     }
-    const bool laneRuns = job.from < count;
+    const bool laneRuns = shared && lane_.start(&laneJob, &job);
     // The lane's job is stopped and waited for however this thread's part
     // ends, and records it held and were not taken are closed.
     struct Join {
@@ -449,18 +380,25 @@ void ModernReader::readEvents(EventBatch& records, uint32_t count) {
     if (!laneRuns) {
         sound = readSpan(worker_, &records, nullptr, 0, count);
     } else if (holds) {
-        // Even chunks here, odd ones from the lane, finished in order.
-        for (uint32_t from = 0, n = 0; sound && from < count; from += kChunk, ++n) {
-            const uint32_t to = std::min(from + kChunk, count);
-            if (n % 2 == 0) {
-                sound = readSpan(worker_, &records, nullptr, from, to);
+        // Every chunk finished here in order; those nobody claimed yet are
+        // rendered here too.
+        for (uint32_t n = 0; sound && n < handover_.chunks();) {
+            ChunkHandover::Chunk* chunk = nullptr;
+            const ChunkHandover::Take take = handover_.take(n, chunk);
+            if (take == ChunkHandover::Take::Gone) break;  // the lane threw
+            if (take == ChunkHandover::Take::Help) {
+                renderChunk(worker_, *chunk, count);
                 continue;
             }
-            Handover::Chunk& chunk = handover_.take(n / 2);
-            if (job.threw) break;
-            for (size_t i = 0; i < chunk.count; ++i) finishEvent(chunk.records[i], records, worker_.text);
-            sound = !chunk.bad;
-            handover_.giveBack(chunk);
+            if (take == ChunkHandover::Take::Own) {
+                const uint32_t from = n * ChunkHandover::kChunk;
+                sound = readSpan(worker_, &records, nullptr, from, std::min(from + ChunkHandover::kChunk, count));
+            } else {
+                for (size_t i = 0; i < chunk->count; ++i) finishEvent(chunk->records[i], records, worker_.text);
+                sound = !chunk->bad;
+                handover_.giveBack(*chunk);
+            }
+            ++n;
         }
         // Chunks after an event that could not be read are not kept: they
         // are read again once the channel is opened after the last event sent.
@@ -485,7 +423,8 @@ void ModernReader::readEvents(EventBatch& records, uint32_t count) {
     }
 }
 
-bool ModernReader::readSpan(Worker& worker, EventBatch* out, Handover::Chunk* held, uint32_t from, uint32_t to) {
+bool ModernReader::readSpan(Worker& worker, EventBatch* out, ChunkHandover::Chunk* held, uint32_t from,
+                            uint32_t to) {
     for (uint32_t i = from; i < to; ++i) {
         switch (renderEvent(worker, i)) {
         case Rendered::Bad: return false;
@@ -494,8 +433,7 @@ bool ModernReader::readSpan(Worker& worker, EventBatch* out, Handover::Chunk* he
             if (out) {
                 finishEvent(worker.rendered, *out, worker.text);
             } else {
-                if (held->count == held->records.size()) held->records.emplace_back();
-                std::swap(held->records[held->count++], worker.rendered);
+                held->hold(worker.rendered);
             }
             break;
         }

@@ -10,6 +10,7 @@
 
 #include "channel/AdObjectStep.h"
 #include "channel/ChannelReader.h"
+#include "channel/ChunkHandover.h"
 #include "channel/EventRecord.h"
 #include "channel/EventRenderer.h"
 #include "channel/MessageFormatter.h"
@@ -81,35 +82,8 @@ private:
     struct LaneJob;
     static void laneJob(void* param) noexcept;
 
-    // With the directory step on, the second thread's records come over in
-    // chunks of kChunk events, through two buffers: a bound on what is held.
-    static constexpr uint32_t kChunk = 128;
-    struct Handover {
-        struct Chunk {
-            std::vector<EventRecord> records;  // the first `count`, storage kept
-            size_t count = 0;
-            bool ready = false;  // filled and not yet given back
-            bool bad = false;    // an event in it showed the result set gone bad
-        };
-        SRWLOCK mutex = SRWLOCK_INIT;
-        CONDITION_VARIABLE changed = CONDITION_VARIABLE_INIT;
-        Chunk chunks[2];
-        bool cancelled = false;
-
-        // The buffer for the second thread's n-th chunk once it is free; null
-        // once the reader thread no longer takes any.
-        Chunk* fill(uint32_t n);
-        void publish(Chunk& chunk, bool bad);
-        // The n-th chunk, once it is ready.
-        Chunk& take(uint32_t n);
-        void giveBack(Chunk& chunk);
-        void cancel();
-        // The second thread threw: nothing more comes.
-        void abandon();
-        // Closes the records still held; neither thread may use it meanwhile.
-        void reset();
-    };
-    void renderOddChunks(uint32_t count);
+    void renderClaimedChunks(uint32_t count);
+    bool renderChunk(Worker& worker, ChunkHandover::Chunk& chunk, uint32_t count);
 
     enum class Rendered { Kept, Dropped, Bad };
 
@@ -118,7 +92,7 @@ private:
     void readEvents(EventBatch& records, uint32_t count);
     // Events [from, to) into `out`, or held whole in `held` without one; false
     // when one showed the result set gone bad: the rest is not read.
-    bool readSpan(Worker& worker, EventBatch* out, Handover::Chunk* held, uint32_t from, uint32_t to);
+    bool readSpan(Worker& worker, EventBatch* out, ChunkHandover::Chunk* held, uint32_t from, uint32_t to);
     // Renders and formats one event into worker.rendered.
     Rendered renderEvent(Worker& worker, uint32_t index);
     void finishEvent(EventRecord& record, EventBatch& out, std::string& text);
@@ -160,7 +134,7 @@ private:
     EventRenderer laneRenderer_;
     Worker worker_;
     Worker laneWorker_;
-    Handover handover_;
+    ChunkHandover handover_;
     JobThread lane_;  // the thread it is rendered on, kept from call to call
 
     // The last event sent: every re-open resumes after it. Restored from the

@@ -81,8 +81,8 @@ std::atomic<int> RenderFault::otherCalls{0};
 // their own texts, and an event that fails on either thread ends the read
 // there; what follows is read again after the re-open, none lost or repeated.
 // (The first event on a thread may take two render calls: the first learns
-// the size.) With the directory step on, the other thread renders every
-// second chunk of 128 events.
+// the size.) With the directory step on, the threads claim chunks of 128
+// events as they come, so where a failure falls depends on the race.
 TEST_F(Reading, LongReadsAreSharedBetweenTwoThreadsWithoutLoss) {
     SYSTEM_INFO info = {};
     ::GetSystemInfo(&info);
@@ -99,11 +99,11 @@ TEST_F(Reading, LongReadsAreSharedBetweenTwoThreadsWithoutLoss) {
         {"calling thread", false, false, 100, 0, 90, 99},  // the other thread's half is not kept
         {"other thread", false, false, 0, 200, 545, 549},  // its half begins at 351
         {"directory, no failure", false, true, 0, 0, kEvents, kEvents},
-        {"directory, calling thread", false, true, 100, 0, 90, 99},
-        {"directory, other thread's first chunk", false, true, 0, 1, 128, 128},
-        {"directory, other thread's second chunk", false, true, 0, 200, 450, 455},  // it begins at 385
+        {"directory, calling thread", false, true, 100, 0, 90, kEvents},
+        {"directory, other thread's first chunk", false, true, 0, 1, 0, 128},
+        {"directory, other thread's second chunk", false, true, 0, 200, 190, 600},
         {"XML, directory, no failure", true, true, 0, 0, kEvents, kEvents},
-        {"XML, directory, other thread", true, true, 0, 1, 128, 128},
+        {"XML, directory, other thread", true, true, 0, 1, 0, 128},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -132,7 +132,7 @@ TEST_F(Reading, LongReadsAreSharedBetweenTwoThreadsWithoutLoss) {
         EXPECT_EQ(got, ids(1, got.size()));
         EXPECT_EQ(ch.channelState(), got.size() == kEvents);
         if (got.size() == kEvents) continue;
-        ch.markWritten(records.back().handle.get(), records.back().recordNumber);
+        if (!got.empty()) ch.markWritten(records.back().handle.get(), records.back().recordNumber);
         records.clear();
         ch.uninit();
         ASSERT_TRUE(ch.init());
