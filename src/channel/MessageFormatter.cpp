@@ -40,6 +40,11 @@ const char* formatFlagName(DWORD flag) {
 // The formatted text in the buffer. A keyword result is a list of strings that
 // ends with an empty one; its names are joined with ", ".
 void takeFormatted(const wchar_t* buffer, DWORD chars, DWORD flag, std::wstring& out) {
+    if (flag != EvtFormatMessageKeyword && chars > 0 && buffer[chars - 1] == L'\0') {
+        // One string with its terminator counted: no need to look for it.
+        out.assign(buffer, chars - 1);
+        return;
+    }
     const size_t first = wcsnlen(buffer, chars);
     out.assign(buffer, first);
     if (flag != EvtFormatMessageKeyword) return;
