@@ -41,7 +41,7 @@ ShutdownWatcher::ShutdownWatcher(Callback callback, uintptr_t argument, unsigned
         exit(1);
         return;
     }
-    state_ = new (block) State{callback, argument, exit};
+    state_ = new (block) State(callback, argument, exit);
     state_->event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!state_->event) {
         fprintf(stderr, "Error creating unnamed event: CreateEvent: %u\n", static_cast<unsigned>(::GetLastError()));

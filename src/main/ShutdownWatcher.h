@@ -49,6 +49,7 @@ public:
 private:
     // What the console handler and the parent watch share with the watcher.
     struct State {
+        State(Callback c, uintptr_t a, ExitFunction e) : callback(c), argument(a), exit(e) {}
         Callback callback;
         uintptr_t argument;
         ExitFunction exit;
