@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "Ecsim.h"
-#include "Faults.h"
+#include "EcFaults.h"
 #include "SubscriptionStore.h"
 
 namespace ecsim {

@@ -6,8 +6,23 @@
 
 namespace evtsim {
 
-FaultRules::FaultRules(const char* environmentVariable, RootFn folder, Validator validate)
-    : variable_(environmentVariable), folder_(folder), validate_(validate) {}
+FaultRules::FaultRules(const char* environmentVariable, RootFn folder, Validator validate, TargetMatch targets)
+    : variable_(environmentVariable), folder_(folder), validate_(validate), targetMatch_(targets) {}
+
+bool FaultRules::targets(const Rule& rule, std::string_view target) const {
+    if (rule.target.empty()) return true;
+    if (targetMatch_ == TargetMatch::Whole) return iequals(rule.target, target);
+    std::string_view want = rule.target;
+    for (;;) {
+        const size_t w = want.find('/'), t = target.find('/');
+        const std::string_view part = want.substr(0, w);
+        if (part != "*" && !iequals(part, target.substr(0, t))) return false;
+        if (w == std::string_view::npos) return true;
+        if (t == std::string_view::npos) return false;  // the call's target is shorter
+        want.remove_prefix(w + 1);
+        target.remove_prefix(t + 1);
+    }
+}
 
 bool FaultRules::parse(std::string_view text, std::vector<Rule>& out, std::string* error) const {
     size_t pos = 0;
@@ -96,7 +111,7 @@ DWORD FaultRules::match(std::string_view function, std::string_view target) {
     if (!any_.load(std::memory_order_acquire)) return 0;
     std::lock_guard<Mutex> lock(mutex_);
     for (Rule& r : rules_) {
-        if (r.function != function || (!r.target.empty() && !iequals(r.target, target))) continue;
+        if (r.function != function || !targets(r, target)) continue;
         uint64_t call = ++r.calls;
         if (call >= r.from && (r.times == 0 || call < r.from + r.times)) return r.code;
     }

@@ -6,6 +6,9 @@
 // (re-read when it changes, at most every 200 ms), unless the process sets them itself.
 // Calls are counted per rule: from=K fails the K-th matching call and later ones,
 // times=N fails N calls, once is times=1, always (the default) has no end.
+// Targets match whole, or (Parts) by their parts between '/': "*" matches any
+// one, and a rule's shorter target matches every call whose leading parts it
+// matches.
 
 #include <windows.h>
 
@@ -25,8 +28,10 @@ public:
     // that code), else why not.
     using Validator = const char* (*)(std::string_view function, const DWORD* code);
     using RootFn = std::wstring (*)();
+    enum class TargetMatch { Whole, Parts };
 
-    FaultRules(const char* environmentVariable, RootFn folder, Validator validate);
+    FaultRules(const char* environmentVariable, RootFn folder, Validator validate,
+               TargetMatch targets = TargetMatch::Whole);
     FaultRules(const FaultRules&) = delete;
     FaultRules& operator=(const FaultRules&) = delete;
 
@@ -51,12 +56,14 @@ private:
     };
 
     bool parse(std::string_view text, std::vector<Rule>& out, std::string* error) const;
+    bool targets(const Rule& rule, std::string_view target) const;
     std::string environmentRules() const;
     void refreshLocked();
 
     const char* const variable_;
     const RootFn folder_;
     const Validator validate_;
+    const TargetMatch targetMatch_;
     Mutex mutex_;
     bool overridden_ = false;
     std::vector<Rule> rules_;

@@ -6,8 +6,8 @@
 // A target is a subscription name, for EcGetSubscriptionProperty the subscription
 // and the property ("Name/LogFile"), "*" matching any one part; no target matches
 // every call. Rules come from ECSIM_FAULTS (';' or newlines between rules) together
-// with <store>\collector\faults.txt (re-read when it changes), unless a process sets
-// them itself (ecsim::setFaults).
+// with <store>\collector\faults.txt (re-read when it changes, at most every 200 ms),
+// unless a process sets them itself (ecsim::setFaults); evtsim/FaultRules.h reads them.
 
 #include <windows.h>
 
