@@ -177,6 +177,69 @@ size_t putLineHead(char* out, LogLevel level) {
 
 }  // namespace
 
+// The common conversions without the C library's formatter, which under MinGW
+// puts out one character at a time: text with %s, %d, %i, %u, %x and %c, with
+// l or ll, and %%. Anything else (flags, widths, wide strings) is left to
+// vsnprintf: -1, and `args` must not be used again.
+int formatPlain(char* out, size_t room, const char* fmt, va_list args) {
+    size_t n = 0;
+    const auto put = [&](const char* text, size_t length) {
+        if (n + length >= room) return false;
+        std::copy(text, text + length, out + n);
+        n += length;
+        return true;
+    };
+    for (const char* f = fmt; *f;) {
+        const char* plain = f;
+        while (*f && *f != '%') ++f;
+        if (!put(plain, static_cast<size_t>(f - plain))) return -1;
+        if (!*f) break;
+        ++f;
+        int longs = 0;
+        while (*f == 'l' && longs < 2) ++longs, ++f;
+        char digits[24];
+        char* end = digits;
+        switch (*f++) {
+        case '%':
+            if (longs) return -1;
+            digits[0] = '%';
+            end = digits + 1;
+            break;
+        case 'c':
+            if (longs) return -1;
+            digits[0] = static_cast<char>(va_arg(args, int));
+            end = digits + 1;
+            break;
+        case 's': {
+            if (longs) return -1;  // a wide string
+            const char* text = va_arg(args, const char*);
+            if (!text) return -1;
+            if (!put(text, std::char_traits<char>::length(text))) return -1;
+            continue;
+        }
+        case 'd':
+        case 'i':
+            end = longs == 2 ? std::to_chars(digits, digits + 24, va_arg(args, long long)).ptr
+                  : longs == 1 ? std::to_chars(digits, digits + 24, va_arg(args, long)).ptr
+                               : std::to_chars(digits, digits + 24, va_arg(args, int)).ptr;
+            break;
+        case 'u':
+        case 'x': {
+            const int base = f[-1] == 'x' ? 16 : 10;
+            end = longs == 2 ? std::to_chars(digits, digits + 24, va_arg(args, unsigned long long), base).ptr
+                  : longs == 1 ? std::to_chars(digits, digits + 24, va_arg(args, unsigned long), base).ptr
+                               : std::to_chars(digits, digits + 24, va_arg(args, unsigned), base).ptr;
+            break;
+        }
+        default:
+            return -1;
+        }
+        if (!put(digits, static_cast<size_t>(end - digits))) return -1;
+    }
+    out[n] = '\0';
+    return static_cast<int>(n);
+}
+
 void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
     if (!enabled(level)) return;
     // A line logged on an error path leaves the caller's GetLastError() as it was.
@@ -186,9 +249,12 @@ void Logger::vlog(LogLevel level, const char* fmt, va_list args) {
     char stack[1024];
     std::string longer;
     const size_t head = putLineHead(stack, level);
-    va_list copy;
+    va_list copy, plain;
     va_copy(copy, args);
-    int n = vsnprintf(stack + head, sizeof stack - head, fmt, args);
+    va_copy(plain, args);
+    int n = formatPlain(stack + head, sizeof stack - head, fmt, plain);
+    va_end(plain);
+    if (n < 0) n = vsnprintf(stack + head, sizeof stack - head, fmt, args);
     if (n < 0) n = 0;
     const size_t length = static_cast<size_t>(n);
     char* line = stack;

@@ -91,6 +91,10 @@ bool parseLoggerConfig(const std::string& text,
                        const std::map<std::string, std::string>& substitutions,
                        LoggerConfig& config, std::string& error);
 
+// A log line's text into `out` (room for `room` bytes with the terminator),
+// when it uses only the common conversions; -1 leaves it to vsnprintf.
+int formatPlain(char* out, size_t room, const char* fmt, va_list args);
+
 }  // namespace skorva
 
 #define SKORVA_LOG(level, ...)                                                   \

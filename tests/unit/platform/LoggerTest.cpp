@@ -120,3 +120,41 @@ TEST(Logger, RotatesBySizeKeepingBackups) {
     // The newest backup holds the lines just before the current file's.
     EXPECT_EQ(first.find("message number 000"), std::string::npos);
 }
+
+namespace {
+
+// formatPlain's text for fmt and the arguments, or "<vsnprintf>" when it leaves
+// the line to the C library.
+std::string plain(size_t room, const char* fmt, ...) {
+    char out[256];
+    va_list args;
+    va_start(args, fmt);
+    const int n = skorva::formatPlain(out, room, fmt, args);
+    va_end(args);
+    return n < 0 ? "<vsnprintf>" : std::string(out, static_cast<size_t>(n));
+}
+
+}  // namespace
+
+// Lines with the common conversions are made without the C library's
+// formatter, to the same text; the rest are left to it.
+TEST(Logger, PlainConversionsGiveWhatPrintfGives) {
+    const struct {
+        std::string got, want;
+    } cases[] = {
+        {plain(256, "%s: Failed to get sid from event, channel='%s', '%s'.", "F::g", "Security", "Success"),
+         "F::g: Failed to get sid from event, channel='Security', 'Success'."},
+        {plain(256, "%d %i %u %x %c%%", -42, 7, 4000000000u, 0xbeefu, 'z'), "-42 7 4000000000 beef z%"},
+        {plain(256, "%ld %lu %lx", -5L, 4000000000UL, 255UL), "-5 4000000000 ff"},
+        {plain(256, "%lld %llu %llx", -9000000000LL, 18000000000000000000ULL, 0x1234567890ULL),
+         "-9000000000 18000000000000000000 1234567890"},
+        {plain(256, "no conversion"), "no conversion"},
+        {plain(256, "%08x", 1u), "<vsnprintf>"},  // a width
+        {plain(256, "%ls", L"wide"), "<vsnprintf>"},
+        {plain(256, "%s", static_cast<const char*>(nullptr)), "<vsnprintf>"},
+        {plain(256, "%.2f", 1.5), "<vsnprintf>"},
+        {plain(8, "%s", "eight ch"), "<vsnprintf>"},  // no room for the terminator
+        {plain(9, "%s", "eight ch"), "eight ch"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.got, c.want);
+}
