@@ -24,7 +24,9 @@ TEST(CheckpointString, ParseCases) {
     for (const auto& c : cases) {
         CheckpointMap out;
         EXPECT_EQ(WELCheckPointBase::parseCheckpointStr(c.text, out), c.ok) << c.text;
-        if (c.ok) EXPECT_EQ(out, c.expected) << c.text;
+        if (c.ok) {
+            EXPECT_EQ(out, c.expected) << c.text;
+        }
     }
 }
 
