@@ -32,40 +32,45 @@ bool EventStreamWriter::writeAll(const char* data, size_t size) {
 
 namespace {
 
-void appendElement(std::string& out, const char* name, const std::string& value) {
+void appendElement(std::string& out, std::string_view name, const std::string& value) {
     if (value.empty()) return;
-    out += '<';
-    out += name;
-    out += '>';
+    out.append("<").append(name).append(">");
     appendEscaped(out, value);
-    out += "</";
-    out += name;
-    out += ">\n";
+    out.append("</").append(name).append(">\n");
 }
 
 }  // namespace
 
-void EventStreamWriter::appendEvent(std::string& out, const ModinputEvent& event) {
-    out += "<event";
-    if (event.unbroken) out += " unbroken=\"1\"";
-    if (!event.stanza.empty()) {
-        out += " stanza=\"";
-        appendEscaped(out, event.stanza);
-        out += '"';
+void EventEnvelope::set(const std::string& stanzaName, const std::string& sourceName, const std::string& type,
+                        const std::string& indexName) {
+    stanza = stanzaName;
+    source = sourceName;
+    sourcetype = type;
+    index = indexName;
+    head = "<event";
+    if (!stanza.empty()) {
+        head += " stanza=\"";
+        appendEscaped(head, stanza);
+        head += '"';
     }
-    out += ">\n";
-    appendElement(out, "time", event.time);
-    if (!event.data.empty()) {
+    head += ">\n";
+    tail.clear();
+    appendElement(tail, "source", source);
+    appendElement(tail, "sourcetype", sourcetype);
+    appendElement(tail, "index", index);
+    tail += "</event>\n";
+}
+
+void EventStreamWriter::appendEvent(std::string& out, const EventEnvelope& envelope, std::string_view time,
+                                    std::string_view data) {
+    out += envelope.head;
+    if (!time.empty()) out.append("<time>").append(time).append("</time>\n");
+    if (!data.empty()) {
         out += "<data>";
-        appendEscaped(out, event.data);
+        appendEscaped(out, data);
         out += "</data>\n";
     }
-    appendElement(out, "source", event.source);
-    appendElement(out, "sourcetype", event.sourcetype);
-    appendElement(out, "host", event.host);
-    appendElement(out, "index", event.index);
-    if (event.done) out += "<done/>\n";
-    out += "</event>\n";
+    out += envelope.tail;
 }
 
 bool EventStreamWriter::writeBlock(std::string_view events) {

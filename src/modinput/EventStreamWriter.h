@@ -14,16 +14,21 @@
 
 namespace skorva {
 
-struct ModinputEvent {
-    bool unbroken = false;
-    std::string data;  // UTF-8
-    std::string source;
-    std::string sourcetype;
-    std::string host;
-    std::string index;
-    std::string stanza;
-    std::string time;
-    bool done = false;
+// What every event of one stanza carries besides its time and text, escaped
+// once: the opening tag and the elements after the data.
+struct EventEnvelope {
+    std::string stanza, source, sourcetype, index;  // as given, to tell whether it still fits
+    std::string head;                                // <event stanza="...">\n
+    std::string tail;                                // <source>...</source>\n ... </event>\n
+
+    bool fits(const std::string& stanzaName, const std::string& sourceName, const std::string& type,
+              const std::string& indexName) const {
+        return !head.empty() && stanza == stanzaName && source == sourceName && sourcetype == type &&
+               index == indexName;
+    }
+    // Remakes head and tail for these values.
+    void set(const std::string& stanzaName, const std::string& sourceName, const std::string& type,
+             const std::string& indexName);
 };
 
 class EventStreamWriter {
@@ -34,8 +39,10 @@ public:
     EventStreamWriter(const EventStreamWriter&) = delete;
     EventStreamWriter& operator=(const EventStreamWriter&) = delete;
 
-    // Appends one event, as the stream carries it, to `out`.
-    static void appendEvent(std::string& out, const ModinputEvent& event);
+    // Appends one event, as the stream carries it, to `out`: `time` as it is
+    // (digits), `data` (UTF-8) escaped.
+    static void appendEvent(std::string& out, const EventEnvelope& envelope, std::string_view time,
+                            std::string_view data);
     // Writes whole events made by appendEvent; false when the output could not
     // be written (the daemon went away).
     bool writeBlock(std::string_view events);

@@ -51,7 +51,7 @@ struct ChannelWork {
 // Per-thread output scratch: reused for every event the thread writes. Events
 // are formatted into `block` outside the output lock and written together.
 struct OutputScratch {
-    ModinputEvent record;
+    EventEnvelope envelope;
     std::string block;
 };
 

@@ -115,7 +115,7 @@ void CALLBACK WinEventMon::ProcessChannelWaitWorker(void* param, BOOLEAN /*timed
     w.monitor->dispatcher_.signalled(w);
 }
 
-bool WinEventMon::include_event(const std::string& text, const std::string& stanzaName,
+bool WinEventMon::include_event(std::string_view text, const std::string& stanzaName,
                                 TokenRules tokenRules) const {
     static const char* const fn = "WinEventMon::include_event";
     LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, stanzaName.c_str());
@@ -133,22 +133,19 @@ bool WinEventMon::processEvent(ChannelWork& work, EventRecord& event, OutputScra
     const ChannelSettings& settings = channel.settings();
     if (event.noMessage) ++work.emptyMsg;
 
-    ModinputEvent& record = scratch.record;
-    record.data.assign(event.text);
-
-    if (!include_event(record.data, settings.stanzaName, event.tokenRules)) return false;
-    if (settings.filters.onMessage && !includeMessageKeys(channel, scratch, event.tokenRules)) return false;
+    if (!include_event(event.text, settings.stanzaName, event.tokenRules)) return false;
+    if (settings.filters.onMessage && !includeMessageKeys(channel, event.text, event.tokenRules)) return false;
 
     char time[24];
-    record.time.assign(time, std::to_chars(time, time + sizeof time, event.time).ptr);
-    record.stanza = settings.stanzaName;
-    record.index = settings.index;
-    record.source = settings.source;
-    record.sourcetype = settings.sourceType;
+    const std::string_view timeText(time, std::to_chars(time, time + sizeof time, event.time).ptr - time);
+    // The stanza's own elements are made once, not with every event.
+    EventEnvelope& envelope = scratch.envelope;
+    if (!envelope.fits(settings.stanzaName, settings.source, settings.sourceType, settings.index))
+        envelope.set(settings.stanzaName, settings.source, settings.sourceType, settings.index);
     // A failure part way leaves no half event in the block.
     const size_t mark = scratch.block.size();
     try {
-        EventStreamWriter::appendEvent(scratch.block, record);
+        EventStreamWriter::appendEvent(scratch.block, envelope, timeText, event.text);
     } catch (...) {
         scratch.block.resize(mark);
         throw;
@@ -167,12 +164,12 @@ bool WinEventMon::flushOutput(OutputScratch& scratch) {
 
 // The message is part of the event's text by now: the rules are decided as on
 // any other event, rule by rule ("Object Type" is read from the message).
-bool WinEventMon::includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch,
+bool WinEventMon::includeMessageKeys(const WinEventLogChannel& channel, std::string_view text,
                                      TokenRules tokenRules) const {
     static const char* const fn = "WinEventMon::includeMessageKeys";
     const ChannelSettings& settings = channel.settings();
     LOG_DEBUG("%s: Whitelist/Blacklist Processing for stanza: %s", fn, settings.stanzaName.c_str());
-    return settings.filters.admitsText(scratch.record.data, settings.renderXml, fn, tokenRules);
+    return settings.filters.admitsText(text, settings.renderXml, fn, tokenRules);
 }
 
 bool WinEventMon::systemIsVistaOrLater() const {

@@ -61,7 +61,7 @@ public:
     // stanza's channel (classic key=value text or XML, as the channel renders).
     // `tokenRules`: what the rules naming directory-object tokens decided on the
     // event before its objects were translated.
-    bool include_event(const std::string& text, const std::string& stanzaName,
+    bool include_event(std::string_view text, const std::string& stanzaName,
                        TokenRules tokenRules = TokenRules::Undecided) const;
 
     // The channel name a stanza name carries: after "://", else after ":".
@@ -104,7 +104,7 @@ protected:
 
 private:
     // The rules of a channel whose filters wait for the formatted message.
-    bool includeMessageKeys(const WinEventLogChannel& channel, OutputScratch& scratch, TokenRules tokenRules) const;
+    bool includeMessageKeys(const WinEventLogChannel& channel, std::string_view text, TokenRules tokenRules) const;
 
     std::wstring checkpointDir_;
     ChannelCatalog catalog_;
