@@ -94,7 +94,9 @@ EVT_HANDLE registerObject(std::unique_ptr<Object> obj) {
     const uintptr_t h = r.assign(obj.get());
     Shard& shard = r.shardOf(h);
     ExclusiveLock lock(shard.lock);
-    shard.live.emplace(h, obj.release());
+    // The table owns the object only once it holds it: a failed insert frees it.
+    shard.live.emplace(h, obj.get());
+    obj.release();
     return reinterpret_cast<EVT_HANDLE>(h);
 }
 
