@@ -5,6 +5,7 @@
 //       save, printing "saved <id>" after each, until it is killed.
 #include <fcntl.h>
 #include <io.h>
+#include <windows.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,7 +36,17 @@ int main(int argc, char** argv) {
     }
     const std::wstring path = skorva::widen(argv[2]);
     for (unsigned long long recordId = std::strtoull(argv[4], nullptr, 10);; ++recordId) {
-        if (!skorva::WELCheckPoint::saveCheckpointStr(path, bookmarkXml(argv[3], recordId), true)) return 1;
+        // A failed save is tried again, as a channel does at its next batch: the
+        // file system may still hold the file of a saver killed a moment ago.
+        // The failure itself is on standard error.
+        for (int attempt = 1; !skorva::WELCheckPoint::saveCheckpointStr(path, bookmarkXml(argv[3], recordId), true);
+             ++attempt) {
+            if (attempt == 50) {
+                std::fprintf(stderr, "checkpoint-saver: saving %llu failed %d times\n", recordId, attempt);
+                return 1;
+            }
+            Sleep(20);
+        }
         std::printf("saved %llu\n", recordId);
         std::fflush(stdout);
     }
