@@ -91,7 +91,10 @@ def test_daemon_closing_the_stream_ends_the_run_without_checkpointing_past_it(st
     assert code != 0
     last_read = max(record_ids(c.stream()))
     saved = int(checkpoint_file(home, "Application").read_text().split("RecordId='")[1].split("'")[0])
-    assert last_read <= saved <= last_read + 200  # at most what the closed pipe still held
+    # Upward: at most what the closed pipe still held. Downward: the block being
+    # written when the pipe closed may have reached the daemon in part; it counts
+    # as unwritten and goes again after a restart (at most one batch of 100).
+    assert last_read - 100 < saved <= last_read + 200
     assert log_text(home).count("the daemon no longer reads the event stream") == 1
 
 
