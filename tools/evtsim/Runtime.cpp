@@ -1,7 +1,8 @@
 #include <algorithm>
 #include <atomic>
 #include <string_view>
-#include <unordered_map>
+#include <new>
+#include <vector>
 
 #include "Evtsim.h"
 #include "Internal.h"
@@ -14,27 +15,64 @@ namespace evtsim {
 
 namespace {
 
-// Handle values are never used twice, so a handle closed by mistake twice (or
-// one that went with its result set) can never reach another object.
-// Every call looks its handle up. The handles are spread over shards, each
-// with its own lock, so that threads working on different events of one
-// result set do not meet on one lock: the service's handle table does not
-// serialise its callers either.
-struct alignas(64) Shard {
-    SRWLOCK lock = SRWLOCK_INIT;
-    std::unordered_map<uintptr_t, Object*> live;
+// Handles name slots of a table. A handle's value carries its slot and the
+// slot's generation, so a handle closed by mistake twice (or one that went with
+// its result set) can never reach another object: values are never used twice.
+// Every call looks its handle up, and the look-up takes no lock and writes
+// nothing, each slot on a line of its own: threads rendering different events
+// of one result set write no line in common (under a lock, every look-up moved
+// the lock's line between their cores). Making and closing handles take the
+// table's lock.
+struct alignas(64) Slot {
+    std::atomic<uintptr_t> handle{0};  // the handle that names it now, 0 while free
+    std::atomic<Object*> object{nullptr};
+    uint32_t generation = 0;  // under the lock
+    uint32_t nextFree = 0;    // under the lock, while free: the next free slot + 1, 0 for none
 };
 
 struct Registry {
-    static constexpr size_t kShards = 64;
-    Shard shards[kShards];
-    std::atomic<uintptr_t> next{0x10000};
+    static constexpr uint32_t kChunkSlots = 1u << 14;
+    static constexpr uint32_t kChunks = 1u << 12;  // 64 Mi live handles at most
 
-    Shard& shardOf(uintptr_t handle) { return shards[(handle >> 2) % kShards]; }
-    // A new handle for `obj`, in the registry once the shard's lock is taken.
-    uintptr_t assign(Object* obj) {
-        obj->handle = next.fetch_add(4, std::memory_order_relaxed) + 4;
-        return obj->handle;
+    SRWLOCK lock = SRWLOCK_INIT;
+    std::atomic<Slot*> chunks[kChunks] = {};
+    uint32_t slotsMade = 0;  // under the lock
+    uint32_t firstFree = 0;  // under the lock: a free slot + 1, 0 for none
+    std::atomic<size_t> live{0};
+
+    static uintptr_t handleOf(uint32_t index, uint32_t generation) {
+        return (static_cast<uintptr_t>(generation) << 32) | (static_cast<uintptr_t>(index + 1) << 2);
+    }
+    static uint32_t indexOf(uintptr_t handle) { return static_cast<uint32_t>((handle & 0xFFFFFFFFu) >> 2) - 1; }
+    // The slot a handle value names, or null for a value no handle has.
+    Slot* slotOf(uintptr_t handle) const {
+        const uintptr_t low = handle & 0xFFFFFFFFu;
+        if ((low & 3) != 0 || low == 0 || (handle >> 32) == 0) return nullptr;
+        const uint32_t index = indexOf(handle);
+        if (index >= kChunkSlots * kChunks) return nullptr;
+        Slot* chunk = chunks[index / kChunkSlots].load(std::memory_order_acquire);
+        return chunk ? &chunk[index % kChunkSlots] : nullptr;
+    }
+    Slot& slotAt(uint32_t index) { return chunks[index / kChunkSlots].load(std::memory_order_relaxed)[index % kChunkSlots]; }
+    // A free slot's index, under the lock; throws when the table is full.
+    uint32_t takeSlot() {
+        if (firstFree) {
+            const uint32_t index = firstFree - 1;
+            firstFree = slotAt(index).nextFree;
+            return index;
+        }
+        if (slotsMade == kChunkSlots * kChunks) throw std::bad_alloc();
+        if (slotsMade % kChunkSlots == 0)
+            chunks[slotsMade / kChunkSlots].store(new Slot[kChunkSlots], std::memory_order_release);
+        return slotsMade++;
+    }
+    // Frees a slot, under the lock.
+    void release(Slot& slot, uint32_t index) {
+        slot.handle.store(0, std::memory_order_release);
+        slot.object.store(nullptr, std::memory_order_relaxed);
+        slot.nextFree = firstFree;
+        firstFree = index + 1;
+        live.fetch_sub(1, std::memory_order_relaxed);
     }
 };
 
@@ -91,21 +129,25 @@ void startStatsOnce() {
 EVT_HANDLE registerObject(std::unique_ptr<Object> obj) {
     startStatsOnce();
     Registry& r = registry();
-    const uintptr_t h = r.assign(obj.get());
-    Shard& shard = r.shardOf(h);
-    ExclusiveLock lock(shard.lock);
-    // The table owns the object only once it holds it: a failed insert frees it.
-    shard.live.emplace(h, obj.get());
-    obj.release();
+    ExclusiveLock lock(r.lock);
+    const uint32_t index = r.takeSlot();
+    Slot& slot = r.slotAt(index);
+    if (++slot.generation == 0) slot.generation = 1;  // generation 0 would name no handle
+    const uintptr_t h = Registry::handleOf(index, slot.generation);
+    obj->handle = h;
+    slot.object.store(obj.release(), std::memory_order_relaxed);
+    slot.handle.store(h, std::memory_order_release);
+    r.live.fetch_add(1, std::memory_order_relaxed);
     return reinterpret_cast<EVT_HANDLE>(h);
 }
 
 Object* lookupObject(EVT_HANDLE h) {
-    if (!h) return nullptr;
-    Shard& shard = registry().shardOf(reinterpret_cast<uintptr_t>(h));
-    SharedLock lock(shard.lock);
-    auto it = shard.live.find(reinterpret_cast<uintptr_t>(h));
-    return it == shard.live.end() ? nullptr : it->second;
+    const auto handle = reinterpret_cast<uintptr_t>(h);
+    Slot* slot = registry().slotOf(handle);
+    if (!slot || slot->handle.load(std::memory_order_acquire) != handle) return nullptr;
+    Object* obj = slot->object.load(std::memory_order_acquire);
+    // Closed (and perhaps given to another object) meanwhile: the handle is gone.
+    return slot->handle.load(std::memory_order_acquire) == handle ? obj : nullptr;
 }
 
 EVT_HANDLE registerEvent(QueryObj& parent, std::unique_ptr<Object> event) {
@@ -114,48 +156,37 @@ EVT_HANDLE registerEvent(QueryObj& parent, std::unique_ptr<Object> event) {
 }
 
 DWORD closeObject(EVT_HANDLE h) {
-    if (!h) return ERROR_INVALID_HANDLE;
     Registry& r = registry();
     const auto handle = reinterpret_cast<uintptr_t>(h);
     Object* obj = nullptr;
+    std::vector<Object*> children;
     {
-        Shard& shard = r.shardOf(handle);
-        ExclusiveLock lock(shard.lock);
-        auto it = shard.live.find(handle);
-        if (it == shard.live.end()) return ERROR_INVALID_HANDLE;
-        obj = it->second;
+        ExclusiveLock lock(r.lock);
+        Slot* slot = r.slotOf(handle);
+        if (!slot || slot->handle.load(std::memory_order_relaxed) != handle) return ERROR_INVALID_HANDLE;
+        obj = slot->object.load(std::memory_order_relaxed);
         if (obj->kind == Kind::Query && static_cast<QueryObj*>(obj)->ownerThread != GetCurrentThreadId())
             return ERROR_INVALID_THREAD_ID;
-        shard.live.erase(it);
-    }
-    std::vector<Object*> doomed{obj};
-    if (obj->kind == Kind::Query || obj->kind == Kind::Subscription) {
-        // The events it returned go with it. Rare enough to look through them all.
-        for (Shard& shard : r.shards) {
-            ExclusiveLock lock(shard.lock);
-            for (auto it = shard.live.begin(); it != shard.live.end();) {
-                Object* child = it->second;
+        r.release(*slot, Registry::indexOf(handle));
+        if (obj->kind == Kind::Query || obj->kind == Kind::Subscription) {
+            // The events it returned go with it. Rare enough to look through them all.
+            for (uint32_t i = 0; i < r.slotsMade; ++i) {
+                Slot& other = r.slotAt(i);
+                if (!other.handle.load(std::memory_order_relaxed)) continue;
+                Object* child = other.object.load(std::memory_order_relaxed);
                 if (child->kind == Kind::Event && static_cast<EventObj*>(child)->parent == obj) {
-                    doomed.push_back(child);
-                    it = shard.live.erase(it);
-                } else {
-                    ++it;
+                    children.push_back(child);
+                    r.release(other, i);
                 }
             }
         }
     }
-    for (Object* o : doomed) delete o;
+    delete obj;
+    for (Object* o : children) delete o;
     return 0;
 }
 
-size_t openHandleCount() {
-    size_t n = 0;
-    for (Shard& shard : registry().shards) {
-        SharedLock lock(shard.lock);
-        n += shard.live.size();
-    }
-    return n;
-}
+size_t openHandleCount() { return registry().live.load(std::memory_order_relaxed); }
 
 void setStoreRoot(const std::wstring& root) {
     RootState& s = rootState();

@@ -39,6 +39,25 @@ TEST_F(QueryTest, EventsCloseWithTheirQuery) {
     for (auto& e : events) EXPECT_FALSE(evtsim::EvtClose(e.release()));
 }
 
+// A closed handle stays refused when its place in the table holds a new
+// handle, and values no handle ever had are refused, not followed.
+TEST_F(QueryTest, StaleAndMadeUpHandlesAreRefused) {
+    EVT_HANDLE closed = evtsim::EvtCreateBookmark(nullptr);
+    ASSERT_TRUE(evtsim::EvtClose(closed));
+    UniqueEvtHandle fresh(evtsim::EvtCreateBookmark(nullptr));  // takes the place just freed
+    ASSERT_NE(closed, fresh.get());
+    const auto value = [](uintptr_t v) { return reinterpret_cast<EVT_HANDLE>(v); };
+    const uintptr_t f = reinterpret_cast<uintptr_t>(fresh.get());
+    for (EVT_HANDLE h : {closed, value(1), value(4), value(f + 1), value(f & 0xFFFFFFFFu), value(f + (1ull << 32)),
+                         value((f & ~uintptr_t{0xFFFFFFFF}) | 0xFFFFFFFCu), value(~uintptr_t{3})}) {
+        SetLastError(0);
+        EXPECT_FALSE(evtsim::EvtClose(h)) << h;
+        EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_HANDLE), GetLastError()) << h;
+    }
+    // Still open: no refused value reached it.
+    EXPECT_TRUE(evtsim::EvtClose(fresh.release()));
+}
+
 // A query may be used only on the thread that made it (EvtQuery remarks).
 TEST_F(QueryTest, QueryBelongsToItsThread) {
     auto q = query(EvtQueryReverseDirection);
