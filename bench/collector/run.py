@@ -24,7 +24,9 @@ own CPU per event (its CPU seconds minus the reference's, over N). Each
 collector run is made R times (default 3), each time right after a run of the
 reference variant it is compared with, so that the machine's drift falls on
 both of a pair alike; the table gives the median rate and CPU and the largest
-peak of each run, and the median of the pairs' ratios and own CPU.
+peak of each run, and the median of the pairs' ratios and own CPU. Before and
+after, it prints how long a cache line takes to move between the two cores
+(bench/cacheline), which the host changes from time to time.
 
 With --scale it measures instead how the collector scales, classic text, batches
 of 1,000, N records a channel: each of four channels alone, Security also with
@@ -138,6 +140,15 @@ def run_reference(build, env, count, mode, channels=("Security",), batch=100):
             "peak": peak, "code": code}
 
 
+def line_move(build):
+    """How long a cache line takes to move between the two cores now, in ns (bench/cacheline):
+    the host places the machine's two cores nearer or further apart from time to time, and
+    what a second thread costs moves with it."""
+    out = subprocess.run([str(build / "wine-run"), str(build / "bench" / "cacheline" / "cacheline.exe"), "500000"],
+                         stdin=subprocess.DEVNULL, capture_output=True, text=True).stdout
+    return out.split("one way ")[1].split()[0] if "one way " in out else "?"
+
+
 def median(values):
     values = sorted(values)
     return values[len(values) // 2] if len(values) % 2 else sum(values[len(values) // 2 - 1:][:2]) / 2
@@ -218,6 +229,7 @@ def main():
         env = dict(os.environ, EVTSIM_STORE=winpath(store))
         env.pop("SKORVAD_PROCESSID", None)
         env.pop("DSSIM_DIRECTORY", None)
+        print(f"a cache line moves between the cores in {line_move(build)} ns")
         t = time.monotonic()
         generate(build, store, "Security", args.count, args.seed)
         print(f"generated {args.count} Security records in {time.monotonic() - t:.1f} s")
@@ -254,6 +266,7 @@ def main():
             rate = r["events"] / r["seconds"] if r["seconds"] else 0
             print(f"{name:44} {r['events']:8d} {rate:9.0f} {r['cpu']:7.1f} {r['peak'] / 1024:9.1f} "
                   f"{'' if ratio is None else f'{ratio:6.2f}'} {'' if own is None else f'{own:9.1f}'}")
+        print(f"a cache line moves between the cores in {line_move(build)} ns")
         on, off = (results[f"collector classic, {w} translation on"] for w in ("directory", "SID"))
         print(f"directory translation on / without a domain: events/s "
               f"{(on['events'] / on['seconds']) / (off['events'] / off['seconds']):.3f}, "
