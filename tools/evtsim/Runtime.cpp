@@ -53,7 +53,9 @@ struct Registry {
         Slot* chunk = chunks[index / kChunkSlots].load(std::memory_order_acquire);
         return chunk ? &chunk[index % kChunkSlots] : nullptr;
     }
-    Slot& slotAt(uint32_t index) { return chunks[index / kChunkSlots].load(std::memory_order_relaxed)[index % kChunkSlots]; }
+    Slot& slotAt(uint32_t index) {
+        return chunks[index / kChunkSlots].load(std::memory_order_relaxed)[index % kChunkSlots];
+    }
     // A free slot's index, under the lock; throws when the table is full.
     uint32_t takeSlot() {
         if (firstFree) {
