@@ -63,6 +63,10 @@ def wait_usage(proc):
 
 SCALE_CHANNELS = ("Security", "Application", "System", "Setup")
 
+# Put before each Wine command: with --one-core, `taskset -c 0`, so that every
+# thread of the collector and of the reference reader runs on the first core.
+ONE_CORE = []
+
 
 def config(render_xml, resolve, channels=("Security",), batch=100, threads=0):
     stanzas = "".join(
@@ -91,7 +95,7 @@ def run_collector(build, env, count, render_xml, resolve, directory, workdir, do
         env["DSSIM_DIRECTORY"] = winpath(folder)
     start = time.monotonic()
     errors = open(home / "stderr.txt", "wb")
-    proc = subprocess.Popen([str(build / "wine-run"), str(build / "src" / "skorva-winevtlog.exe")],
+    proc = subprocess.Popen(ONE_CORE + [str(build / "wine-run"), str(build / "src" / "skorva-winevtlog.exe")],
                             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors, env=env)
     errors.close()
     proc.stdin.write(document or config(render_xml, resolve))
@@ -124,9 +128,9 @@ def run_collector(build, env, count, render_xml, resolve, directory, workdir, do
 def run_reference(build, env, count, mode, channels=("Security",), batch=100):
     """The reference reader; with several channels, one thread each, `count` events each."""
     start = time.monotonic()
-    proc = subprocess.Popen([str(build / "wine-run"), str(build / "bench" / "refreader" / "refreader.exe"),
-                             "--channel", ",".join(channels), "--mode", mode, "--batch", str(batch),
-                             "--count", str(count)],
+    proc = subprocess.Popen(ONE_CORE + [str(build / "wine-run"), str(build / "bench" / "refreader" / "refreader.exe"),
+                                        "--channel", ",".join(channels), "--mode", mode, "--batch", str(batch),
+                                        "--count", str(count)],
                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
     # Its output is read as the collector's is, so that both pay alike for the
     # pipe and for a reader on the other end sharing the machine.
@@ -218,7 +222,12 @@ def main():
     ap.add_argument("--seed", type=int, default=42)
     ap.add_argument("--repeat", type=int, default=3)
     ap.add_argument("--scale", action="store_true")
+    # Every thread on one core: the collector's own CPU without what spreading
+    # over two cores costs on this machine (its ratio then says little).
+    ap.add_argument("--one-core", action="store_true")
     args = ap.parse_args()
+    if args.one_core:
+        ONE_CORE[:] = ["taskset", "-c", "0"]
     build = Path(args.build).resolve()
     subprocess.run([str(ROOT / "cmake" / "wine-fixture.sh"), "start", str(build / "wineprefix"),
                     str(build / "tools" / "evtsim" / "wevtapi.dll"), str(build / "tools" / "dssim" / "netapi32.dll"),
