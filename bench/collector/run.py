@@ -182,37 +182,50 @@ def generate(build, store, channel, count, seed):
                    check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
 
 
-def scale(build, env, count, seed, workdir):
+def scale(build, env, count, seed, workdir, repeat):
     """Aggregate rate of four channels read at once against the same channels read
-    one after the other, without and with writer threads."""
+    one after the other and against one channel alone, without and with writer
+    threads: the medians of `repeat` rounds of every run."""
     for i, channel in enumerate(SCALE_CHANNELS[1:]):
         generate(build, workdir / "store", channel, count, seed + 1 + i)
     os.sync()
-    print(f"{'run':44} {'events':>8} {'events/s':>9} {'cpu s':>7} {'peak MiB':>9} {'ratio':>6}")
+    alone = [((channel,), 0) for channel in SCALE_CHANNELS]
+    runs = alone + [(SCALE_CHANNELS[:1], 3), (SCALE_CHANNELS, 0), (SCALE_CHANNELS, 3)]
+    results = {run: [] for run in runs}
+    ref_alone = {channel: [] for channel in SCALE_CHANNELS}
+    ref_four = []
+    for _ in range(repeat):
+        for channels, threads in runs:
+            results[(channels, threads)].append(
+                run_collector(build, env, count * len(channels), False, False, False, workdir,
+                              config(False, False, channels, batch=1000, threads=threads)))
+        # The same for the reference reader, one thread a channel: what reading at
+        # once costs the event log calls alone, in this process's heap.
+        for channel in SCALE_CHANNELS:
+            ref_alone[channel].append(run_reference(build, env, count, "values", (channel,), 1000))
+        ref_four.append(run_reference(build, env, count, "values", SCALE_CHANNELS, 1000))
 
-    def run(channels, threads, base=None):
-        r = run_collector(build, env, count * len(channels), False, False, False, workdir,
-                          config(False, False, channels, batch=1000, threads=threads))
-        rate = r["events"] / r["seconds"]
+    def rate(r):
+        return r["events"] / r["seconds"] if r["seconds"] else 0
+
+    rows = {run: median_run(results[run]) for run in runs}
+    one = rate(rows[alone[0]])
+    one_by_one = sum(rows[run]["events"] for run in alone) / sum(rows[run]["seconds"] for run in alone)
+    print(f"medians of {repeat} rounds; 'ratio': to the same channels read one after the other without writer "
+          f"threads; 'to one': to {SCALE_CHANNELS[0]} alone without writer threads")
+    print(f"{'run':44} {'events':>8} {'events/s':>9} {'cpu s':>7} {'peak MiB':>9} {'ratio':>6} {'to one':>6}")
+    for channels, threads in runs:
+        r = rows[(channels, threads)]
         name = f"{'+'.join(channels) if len(channels) == 1 else 'all four'}, use_threads {threads}"
-        print(f"{name:44} {r['events']:8d} {rate:9.0f} {r['cpu']:7.1f} {r['peak'] / 1024:9.1f} "
-              f"{'' if base is None else f'{rate / base:6.2f}'}")
-        return r
-
-    alone = [run((channel,), 0) for channel in SCALE_CHANNELS]
-    run(SCALE_CHANNELS[:1], 3, alone[0]["events"] / alone[0]["seconds"])
-    # The ratio of the runs of all four: to reading them one after the other.
-    one_by_one = sum(r["events"] for r in alone) / sum(r["seconds"] for r in alone)
-    for threads in (0, 3):
-        run(SCALE_CHANNELS, threads, one_by_one)
-    # The same for the reference reader, one thread a channel: what reading at
-    # once costs the event log calls alone, in this process's heap.
-    ref_alone = [run_reference(build, env, count, "values", (channel,), 1000) for channel in SCALE_CHANNELS]
-    ref_one_by_one = sum(r["events"] for r in ref_alone) / sum(r["seconds"] for r in ref_alone)
-    r = run_reference(build, env, count, "values", SCALE_CHANNELS, 1000)
-    rate = r["events"] / r["seconds"]
-    print(f"{'reference reader values, all four at once':44} {r['events']:8d} {rate:9.0f} {r['cpu']:7.1f} "
-          f"{r['peak'] / 1024:9.1f} {rate / ref_one_by_one:6.2f}")
+        base = one_by_one if len(channels) > 1 else one if channels == SCALE_CHANNELS[:1] else None
+        print(f"{name:44} {r['events']:8d} {rate(r):9.0f} {r['cpu']:7.1f} {r['peak'] / 1024:9.1f} "
+              f"{'' if base is None else f'{rate(r) / base:6.2f}'} "
+              f"{f'{rate(r) / one:6.2f}' if channels == SCALE_CHANNELS[:1] or len(channels) > 1 else ''}")
+    ref_rows = [median_run(ref_alone[channel]) for channel in SCALE_CHANNELS]
+    ref_one_by_one = sum(r["events"] for r in ref_rows) / sum(r["seconds"] for r in ref_rows)
+    r = median_run(ref_four)
+    print(f"{'reference reader values, all four at once':44} {r['events']:8d} {rate(r):9.0f} {r['cpu']:7.1f} "
+          f"{r['peak'] / 1024:9.1f} {rate(r) / ref_one_by_one:6.2f}")
 
 
 def main():
@@ -245,7 +258,7 @@ def main():
         # The store's pages go to disk now, not in the middle of the first runs.
         os.sync()
         if args.scale:
-            return scale(build, env, args.count, args.seed, workdir)
+            return scale(build, env, args.count, args.seed, workdir, args.repeat)
         rows = []
         modes = ("values", "xmlvalues", "xml")
         runs = {m: [] for m in modes}
