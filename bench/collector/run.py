@@ -217,10 +217,11 @@ def scale(build, env, count, seed, workdir, repeat):
     for channels, threads in runs:
         r = rows[(channels, threads)]
         name = f"{'+'.join(channels) if len(channels) == 1 else 'all four'}, use_threads {threads}"
-        base = one_by_one if len(channels) > 1 else one if channels == SCALE_CHANNELS[:1] else None
+        four = len(channels) > 1
+        ratio = f"{rate(r) / one_by_one:.2f}" if four else ""
+        to_one = f"{rate(r) / one:.2f}" if four or channels == SCALE_CHANNELS[:1] else ""
         print(f"{name:44} {r['events']:8d} {rate(r):9.0f} {r['cpu']:7.1f} {r['peak'] / 1024:9.1f} "
-              f"{'' if base is None else f'{rate(r) / base:6.2f}'} "
-              f"{f'{rate(r) / one:6.2f}' if channels == SCALE_CHANNELS[:1] or len(channels) > 1 else ''}")
+              f"{ratio:>6} {to_one:>6}")
     ref_rows = [median_run(ref_alone[channel]) for channel in SCALE_CHANNELS]
     ref_one_by_one = sum(r["events"] for r in ref_rows) / sum(r["seconds"] for r in ref_rows)
     r = median_run(ref_four)
